@@ -1,0 +1,73 @@
+// The library forms of the profile file operations: the same file-system rules
+// as the service operations, on the paths of the globals, each copied first
+// into a zeroed 255-byte buffer (a path that does not fit ends the process).
+// Called while a global is unset (null), they do nothing and answer 0.
+#include <pwd.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "../service/file_ops.h"
+#include "guarded_format.h"
+#include "tz_profile_store.h"
+
+namespace {
+
+using PathBuffer = std::array<char, TZ_PATH_BUFFER>;
+
+// Returns false, leaving `out` alone, when the global is unset.
+bool copy_path(const char* path, PathBuffer& out) {
+    if (path == nullptr) return false;
+    tz::guarded_format(out.data(), out.size(), "%s", path);
+    return true;
+}
+
+// The account entry of the calling user is looked up and not used. The
+// reentrant form keeps concurrent callers off each other's static buffer.
+void look_up_account() {
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    std::array<char, 4096> scratch;
+    ::getpwuid_r(::getuid(), &entry, scratch.data(), scratch.size(), &found);
+}
+
+}  // namespace
+
+extern "C" {
+
+int TZPListIsAdminProfile(void) {
+    PathBuffer current;
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return 0;
+    look_up_account();
+    return tz::probe_writable(current.data()) ? 1 : 0;
+}
+
+void TZPListSwapProfile(int32_t swap_type) {
+    PathBuffer current;
+    PathBuffer previous;
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, current) ||
+        !copy_path(TZ_PLIST_PROFILE_PREV_PATH, previous))
+        return;
+    if (TZPListIsAdminProfile() != 1) return;
+    tz::swap_profiles(swap_type, current.data(), previous.data());
+}
+
+int TZPListExistProfile(void) {
+    if (TZPListIsAdminProfile() != 1) return 0;
+    PathBuffer current;
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return 0;
+    return tz::opens_for_reading(current.data()) ? 1 : 0;
+}
+
+int TZPListRemove(int32_t selector) {
+    if (TZPListIsAdminProfile() != 1) return 0;
+    look_up_account();
+    const char* chosen = selector == 3   ? TZ_PLIST_PROFILE_PATH
+                         : selector == 2 ? TZ_PLIST_PROFILE_PREV_PATH
+                                         : nullptr;
+    PathBuffer path;
+    if (!copy_path(chosen, path)) return 0;
+    return tz::remove_path(path.data()) ? 1 : 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,36 @@
+// File-system primitives of the profile file operations: the writability
+// probe, the swap of a current and a previous file, the read check and remove.
+// Both the service operations (paths from the request) and the profile store's
+// library functions (paths from the globals) are built on these. A null path
+// stands for "no path": the file calls then fail as they would for a missing
+// file. Nothing here prints, logs or throws.
+#pragma once
+
+#include <fcntl.h>
+
+#include <cstdint>
+
+namespace tz {
+
+// Flags and mode of every file this service creates.
+inline constexpr int kCreateFlags = O_RDWR | O_APPEND | O_CREAT;  // 0x20A on Apple systems
+inline constexpr unsigned kCreateMode = 0664;
+
+// Sets the process umask to 002 (for good), then opens `path` for appending,
+// creating it if absent, and closes it at once. A file that did not exist
+// before is unlinked again. Returns true if the open succeeded. An existing
+// file is left untouched.
+bool probe_writable(const char* path);
+
+// Swap types: 0 previous becomes current (unlink current, rename previous onto
+// it); 1 unlink previous; 2 copy current to a fresh previous. Other types do
+// nothing. Results of the file calls are ignored.
+void swap_profiles(int32_t swap_type, const char* current, const char* previous);
+
+// Returns true if `path` opens read-only (a folder does).
+bool opens_for_reading(const char* path);
+
+// remove(3): a file or an empty folder. Returns true if it returned 0.
+bool remove_path(const char* path);
+
+}  // namespace tz

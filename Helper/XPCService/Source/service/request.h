@@ -1,0 +1,64 @@
+// Cutting request strings into their fields.
+//
+// Each marker is searched for on its own, over the whole request, from its
+// start; the first occurrence counts. A field runs from the end of the marker
+// before it to the start of its own marker. A field whose own marker is
+// missing has no value (std::nullopt). A field whose own marker is present
+// but whose start cannot be computed (the marker before it is missing) or
+// whose length comes out negative (markers out of order) throws
+// std::out_of_range naming the marker: the request then ends without a reply.
+// The text after the last marker is always cut, so its marker is required.
+//
+// Cutting works on the UTF-8 bytes: every marker is ASCII. Fields are views
+// into the request and live as long as it does.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace tz::request {
+
+inline constexpr std::string_view kSwapType = ":ARG_iSwapType";
+inline constexpr std::string_view kSwapCurrent = ":ARG_cFooCurrentString";
+inline constexpr std::string_view kSwapPrevious = ":ARG_cFooPrevString";
+inline constexpr std::string_view kAddUrl = ":AddURL:END";
+inline constexpr std::string_view kModelName = ":ModelName:END";
+inline constexpr std::string_view kUserName = ":USErName:END";
+inline constexpr std::string_view kArg = ":arg:";
+inline constexpr std::string_view kNull = "NULL";
+
+// Reads a decimal integer as -[NSString intValue] does: leading white space
+// skipped, an optional sign, digits up to the first other character; no digits
+// give 0; values beyond 32 bits saturate at INT32_MIN / INT32_MAX.
+int32_t int_value(std::string_view text);
+
+struct Swap {
+    int32_t type = 0;                       // 0 when missing or "NULL"
+    std::optional<std::string_view> current;   // no path when missing or "NULL"
+    std::optional<std::string_view> previous;
+};
+Swap cut_swap(std::string_view request);
+
+struct Write {
+    std::string_view url;   // before ":AddURL:END"
+    std::string_view text;  // everything after it
+};
+Write cut_write(std::string_view request);
+
+struct WalkNames {
+    std::optional<std::string_view> model;  // before ":ModelName:END"
+    std::optional<std::string_view> user;   // between the two name markers
+};
+WalkNames cut_walk_names(std::string_view request);
+
+// The argument list after ":USErName:END", split at every ":arg:"; the piece
+// after the last ":arg:" is dropped, so a list without ":arg:" is empty.
+std::vector<std::string_view> cut_walk_arguments(std::string_view request);
+
+// True if `text` is well-formed UTF-8 (no overlongs, no surrogates, nothing
+// above U+10FFFF). A field that is not has no UTF-8 form and gives no path.
+bool is_utf8(std::string_view text);
+
+}  // namespace tz::request

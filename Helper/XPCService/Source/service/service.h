@@ -1,0 +1,55 @@
+// The service object: the eight operations of the helper's protocol, free of
+// any transport. A front (D-Bus on Linux, XPC on macOS) makes one per client
+// connection and hands it each request string with a reply callable.
+//
+// Every operation calls `reply` exactly once, after all its work, with "TRUE",
+// "FALSE" or "iRet=%d". A request whose markers are missing or out of order
+// throws std::out_of_range (its message names the marker) before any reply
+// and before any file is touched; the front turns that into "no reply" (XPC)
+// or a named error (D-Bus).
+//
+// The object holds only its configuration; it is safe to use from one thread
+// at a time per object, and different objects may run at the same time. The
+// walk uses process-wide state: only one walk may run at a time in a process.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace tz {
+
+inline constexpr std::string_view kDefaultPreferencesDir =
+    "/Library/Printers/TAZOREX/Preferences/tazorex.printers.T48Q/";
+
+class Service {
+public:
+    using Reply = std::function<void(const std::string&)>;
+
+    // `preferences_dir` is the folder of the profile plists that a walk
+    // rewrites; it is used as a prefix as it stands, so it ends with '/'.
+    explicit Service(std::string preferences_dir = std::string(kDefaultPreferencesDir));
+
+    const std::string& preferences_dir() const { return preferences_dir_; }
+
+    // Request: a path. "TRUE" if the path could be opened for writing.
+    void tzPListIsAdminProfile_XPC(std::string_view request, const Reply& reply) const;
+    // Request: "<type>:ARG_iSwapType<current>:ARG_cFooCurrentString<previous>:ARG_cFooPrevString".
+    // Always "TRUE".
+    void tzPListSwapProfile_XPC(std::string_view request, const Reply& reply) const;
+    // Request: a path. "TRUE" if it opens for reading.
+    void tzPListExistProfile_XPC(std::string_view request, const Reply& reply) const;
+    // Request: a path. "TRUE" if it was removed (a file or an empty folder).
+    void tzPListRemove_XPC(std::string_view request, const Reply& reply) const;
+    // Request: "<file URL>:AddURL:END<text>". Writes the text, replacing the file.
+    void writeDictionaryToPlistFile_XPC(std::string_view request, const Reply& reply) const;
+    // Request: "<file URL>:AddURL:END<piece>". Appends the piece to "<URL>.dummy".
+    void writeDataToPlistFile_XPC(std::string_view request, const Reply& reply) const;
+    // Request: a file URL. Unlinks the target and renames "<path>.dummy" onto it.
+    void writeDataToPlistFileRename_XPC(std::string_view request, const Reply& reply) const;
+
+private:
+    std::string preferences_dir_;
+};
+
+}  // namespace tz

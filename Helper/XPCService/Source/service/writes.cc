@@ -1,0 +1,114 @@
+#include "writes.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "file_url.h"
+#include "request.h"
+
+namespace tz {
+namespace {
+
+constexpr std::string_view kTemporarySuffix = ".dummy";
+
+// Writes all of `bytes`, retrying short writes and interruptions.
+bool write_all(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t put = ::write(fd, bytes.data(), bytes.size());
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(put));
+    }
+    return true;
+}
+
+// Opens with `flags`, writes everything and closes; a failed close (a full
+// disk can report there) is a failed write.
+bool write_file(const std::string& path, int flags, std::string_view bytes) {
+    const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    const bool written = write_all(fd, bytes);
+    const bool closed = ::close(fd) == 0;
+    return written && closed;
+}
+
+// The whole content of a regular file, or nothing (missing, unreadable, not a
+// regular file: a device such as /dev/zero would never end).
+std::optional<std::string> read_regular_file(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    std::optional<std::string> content;
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        std::string bytes;
+        bytes.resize(static_cast<std::size_t>(st.st_size));
+        std::size_t have = 0;
+        for (;;) {
+            if (have == bytes.size()) bytes.resize(bytes.size() + 4096);
+            const ssize_t got = ::read(fd, bytes.data() + have, bytes.size() - have);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) break;
+            if (got == 0) {
+                bytes.resize(have);
+                content = std::move(bytes);
+                break;
+            }
+            have += static_cast<std::size_t>(got);
+        }
+    }
+    ::close(fd);
+    return content;
+}
+
+// Replaces `path` with `bytes` through a scratch file in the same folder.
+bool replace_atomically(const std::string& path, std::string_view bytes) {
+    static std::atomic<unsigned> sequence{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string scratch = path + ".tz-" + std::to_string(::getpid()) + "-" +
+                                    std::to_string(sequence.fetch_add(1));
+        const int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno == EEXIST) continue;
+        if (fd < 0) return false;
+        const bool written = write_all(fd, bytes);
+        const bool closed = ::close(fd) == 0;
+        if (written && closed && ::rename(scratch.c_str(), path.c_str()) == 0) return true;
+        ::unlink(scratch.c_str());
+        return false;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool write_url_file(std::string_view file_url, std::string_view bytes) {
+    const auto path = file_url_path(file_url);
+    if (!path) return false;
+    return write_file(*path, O_WRONLY | O_CREAT | O_TRUNC, bytes);
+}
+
+bool append_url_piece(std::string_view file_url, std::string_view piece) {
+    const auto path = file_url_path(std::string(file_url) + std::string(kTemporarySuffix));
+    if (!path || !request::is_utf8(piece)) return false;
+    std::string content;
+    if (auto old = read_regular_file(*path); old && request::is_utf8(*old)) content = std::move(*old);
+    content += piece;
+    return replace_atomically(*path, content);
+}
+
+bool finish_url_pieces(std::string_view file_url) {
+    const auto path = file_url_path(file_url);
+    if (!path) return false;
+    const std::string temporary = *path + std::string(kTemporarySuffix);
+    ::unlink(path->c_str());
+    ::rename(temporary.c_str(), path->c_str());
+    return true;
+}
+
+}  // namespace tz
