@@ -124,10 +124,21 @@ TEST_F(Writes, FailuresAnswerFalse) {
     // Disk full: the target is a link to /dev/full.
     fs::create_symlink("/dev/full", dir.file("full.plist"));
     EXPECT_EQ(write_plist(url("full.plist"), "x"), "FALSE");
-    // A temporary file that is a device is not read (it would never end).
+    fs::create_symlink("/dev/full", dir.file("full.plist.dummy"));
+    EXPECT_EQ(write_piece(url("full.plist"), "piece"), "FALSE");
+    // A device behind the temporary file is never read (/dev/zero would not end).
     fs::create_symlink("/dev/zero", dir.file("zero.plist.dummy"));
     EXPECT_EQ(write_piece(url("zero.plist"), "piece"), "TRUE");
-    EXPECT_EQ(read_file(dir.file("zero.plist.dummy")), "piece");
+    EXPECT_TRUE(fs::is_symlink(dir.file("zero.plist.dummy")));
+}
+
+TEST_F(Writes, PiecesFollowLinks) {
+    fs::create_directory(dir.file("real"));
+    write_file(dir.file("real/profile.dummy"), "AB");
+    fs::create_symlink(dir.file("real/profile.dummy"), dir.file("link.plist.dummy"));
+    EXPECT_EQ(write_piece(url("link.plist"), "CD"), "TRUE");
+    EXPECT_TRUE(fs::is_symlink(dir.file("link.plist.dummy")));
+    EXPECT_EQ(read_file(dir.file("real/profile.dummy")), "ABCD");
 }
 
 TEST_F(Writes, UnwritableFolderAnswersFalse) {

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <string>
 
@@ -85,6 +86,24 @@ bool replace_atomically(const std::string& path, std::string_view bytes) {
     return false;
 }
 
+// Stores `bytes` as the content of `path`. A link is followed, so the link
+// stays and its target gets the content. A regular file (or none) is replaced
+// atomically; anything else (a device, a pipe) cannot be replaced by a rename
+// and is written in place, so that a full disk behind it is reported.
+bool store(const std::string& path, std::string_view bytes) {
+    std::string target = path;
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        if (char* resolved = ::realpath(path.c_str(), nullptr)) {
+            target = resolved;
+            std::free(resolved);
+        }
+    }
+    if (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+        return write_file(target, O_WRONLY | O_TRUNC, bytes);
+    return replace_atomically(target, bytes);
+}
+
 }  // namespace
 
 bool write_url_file(std::string_view file_url, std::string_view bytes) {
@@ -99,7 +118,7 @@ bool append_url_piece(std::string_view file_url, std::string_view piece) {
     std::string content;
     if (auto old = read_regular_file(*path); old && request::is_utf8(*old)) content = std::move(*old);
     content += piece;
-    return replace_atomically(*path, content);
+    return store(*path, content);
 }
 
 bool finish_url_pieces(std::string_view file_url) {

@@ -18,7 +18,8 @@ bool write_url_file(std::string_view file_url, std::string_view bytes);
 // ".dummy" appended): the file's content, if it is a readable regular file of
 // valid UTF-8, followed by the piece; otherwise the piece alone. The file is
 // replaced atomically (a scratch file in the same folder renamed onto it), so
-// a reader never sees half a file. False when the URL gives no path, the piece
+// a reader never sees half a file; a link is followed and kept, and a
+// temporary file that is a device is written in place. False when the URL gives no path, the piece
 // is not valid UTF-8, or the write fails; a failed write leaves the previous
 // temporary file as it was and no scratch file behind.
 bool append_url_piece(std::string_view file_url, std::string_view piece);
