@@ -1,0 +1,163 @@
+/*
+ * Device profile discovery: the SNMP walk over the printer's profile table,
+ * the spool that collects the table's rows, and the rebuild of the user's
+ * profile plist from the spool. Plain C, includable from C, C++ and
+ * Objective-C; no net-snmp header is needed to include it.
+ *
+ * Conventions
+ *  - Results: mib_walk returns 0 (walk complete), 1 (failure: bad root, no
+ *    session, timeout, transport error, OID not increasing), 2 (the agent
+ *    answered with an error status) or the argument parser's own negative
+ *    value (-1 usage error, -2 stopped after help or version, -3 no key from
+ *    a pass phrase), unchanged. Nothing here throws or calls exit().
+ *  - Diagnostics: the walk formats its last one into sDEBUGmsg and hands the
+ *    argument parser's complaints and its statistics to MyDebugMessage, which
+ *    drops them. Only net-snmp's own printers (print_variable, snmp_perror,
+ *    snmp_sess_perror) write to the standard streams.
+ *  - Process-wide state, no locks: PlistForSpool, numprinted, sDEBUGmsg, the
+ *    net-snmp default store and getopt's globals. One walk at a time per
+ *    process; the caller serialises.
+ *  - The rebuild reads and writes the files named by the profile store's path
+ *    globals (TZ_PLIST_PROFILE_PATH, ...).
+ *    REQUIRES: they point at valid paths for the duration of the walk.
+ */
+#ifndef TZ_DISCOVERY_H
+#define TZ_DISCOVERY_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "tz_profile_store.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One row of the device's profile table, laid out like a ProfileEntry so
+ * that an accepted row is copied into a profile table whole. */
+typedef struct SpoolRecord {
+    int32_t IndexOnDevice;                 /* column 1; row counted by it */
+    int32_t InMenu;                        /* never written by the spool */
+    int32_t ProfileClass;                  /* column 5 */
+    char FileName[TZ_PROFILE_TEXT];        /* column 4, possibly unterminated */
+    char ProfileName[TZ_PROFILE_TEXT];     /* column 3, possibly unterminated */
+    int32_t SourceType;                    /* column 2; becomes Location */
+    int32_t DriverAvail;                   /* column 7 (availability) */
+} SpoolRecord;
+
+/* The spool: rows 0..499 for the device's rows 1..500, and the number of
+ * IndexOnDevice cells stored since the last clear (not the highest row). */
+typedef struct SpoolTable {
+    SpoolRecord Entry[TZ_PROFILE_SLOTS];
+    int32_t iNum;
+} SpoolTable;
+
+#ifdef __cplusplus
+static_assert(sizeof(SpoolRecord) == sizeof(ProfileEntry), "a row is an entry");
+static_assert(offsetof(SpoolRecord, IndexOnDevice) == offsetof(ProfileEntry, IndexOnDevice), "layout");
+static_assert(offsetof(SpoolRecord, InMenu) == offsetof(ProfileEntry, InMenu), "layout");
+static_assert(offsetof(SpoolRecord, ProfileClass) == offsetof(ProfileEntry, ProfileClass), "layout");
+static_assert(offsetof(SpoolRecord, FileName) == offsetof(ProfileEntry, FileName), "layout");
+static_assert(offsetof(SpoolRecord, ProfileName) == offsetof(ProfileEntry, ProfileName), "layout");
+static_assert(offsetof(SpoolRecord, SourceType) == offsetof(ProfileEntry, Location), "layout");
+static_assert(offsetof(SpoolRecord, DriverAvail) == offsetof(ProfileEntry, DriverAvail), "layout");
+static_assert(sizeof(SpoolTable) == sizeof(ProfileTable), "the spool is a table");
+#else
+_Static_assert(sizeof(SpoolRecord) == sizeof(ProfileEntry), "a row is an entry");
+_Static_assert(offsetof(SpoolRecord, SourceType) == offsetof(ProfileEntry, Location), "layout");
+#endif
+
+/* ---- Process-wide data ------------------------------------------------- */
+
+/* Cleared at the start of every walk, filled while it runs, read by the
+ * rebuild at its end and then left as it is until the next walk. */
+extern SpoolTable PlistForSpool;
+
+/* Variables accepted by all walks since the process started (walked ones and
+ * those printed by snmp_get_and_print). Never reset. */
+extern int32_t numprinted;
+
+/* The walk's last diagnostic, formatted with a bound of 128 bytes. */
+extern char sDEBUGmsg[128];
+
+/* The debug hook: does nothing. `text` may be null. */
+void MyDebugMessage(const char *text, int32_t number);
+
+/* ---- The walk ---------------------------------------------------------- */
+
+/* Walks the subtree named by the arguments (the SNMP command-line tools'
+ * form: argv[0] is the program-name slot, then options, the agent and an
+ * optional root; default root 1.3.6.1.2.1) with GETNEXT requests, spooling
+ * every variable inside the subtree, and rebuilds the profile plist exactly
+ * once before returning, with status 1 after the parser, root or session
+ * failed and with the result otherwise. Returns as described at the top.
+ * The option -C takes the letters i (GET the root first), p (hand the count
+ * to MyDebugMessage) and c (no ordering check); each toggles a boolean that
+ * persists in the default store between walks.
+ * REQUIRES: argv[0..argc) are writable NUL-terminated strings (the parser
+ * blanks pass phrases and communities in place) and argv[argc] may be read;
+ * no other walk runs in the process. */
+int32_t mib_walk(int32_t argc, char **argv);
+
+/* The parser's callback for option letters it does not know: handles -C. An
+ * unknown letter is noted in sDEBUGmsg and skipped. */
+void optProc(int argc, char *const *argv, int opt);
+
+/* Opaque to callers that do not include net-snmp; on Linux net-snmp's oid is
+ * unsigned long (checked where the walk is built). */
+struct snmp_session;
+struct variable_list;
+
+/* Sends one GET for `name` and prints every variable of an error-free answer
+ * with print_variable, adding each to numprinted. Reports nothing. */
+void snmp_get_and_print(struct snmp_session *session, const unsigned long *name,
+                        size_t name_length);
+
+/* ---- The spool --------------------------------------------------------- */
+
+/* mode 1 clears the spool (`var` may then be null); any other mode files
+ * `var` into the spool when the first 16 sub-identifiers of `name` name one of
+ * the six device columns and the type matches the column's (INTEGER or OCTET
+ * STRING); everything else is ignored, as are rows outside 1..500 and OIDs of
+ * fewer than 18 sub-identifiers. `unused` is ignored. A string is copied up
+ * to its first zero byte over what the field held, without a terminator; one
+ * longer than 32 bytes is cut to 32.
+ * REQUIRES: `name` holds var->name_length sub-identifiers (the walk passes
+ * the variable's own OID). */
+void vSpoolPlist(const unsigned long *name, uint64_t unused, const struct variable_list *var,
+                 int32_t mode);
+
+/* ---- The rebuild ------------------------------------------------------- */
+
+/* Reads the current profile plist, takes the device marks off (status 0) or
+ * drops the device-dependent entries (any other status), removes entries with
+ * refused file names, merges the spool's rows, tidies each table and writes
+ * the file. Returns the write's result (0, or -1); a failed read is ignored. */
+int32_t vRestructPlistSpool2Current(int32_t status);
+
+/* Changes every slot's InMenu: status 0 turns 2 into 1 and 4 into 3; any
+ * other status turns 1 and 2 into 0 and 4 into 6. Count untouched. */
+void vDeleteMIBprofilesTemporary(int32_t status, ProfileTable *table);
+
+/* Merges spool row `row` (0..499) into `table`: an entry among the first iNum
+ * with the same 32 FileName bytes and Location gets its device mark (1, 5 to
+ * 2; 3, 6 to 4); otherwise the row goes whole into the first free slot, if
+ * any, with InMenu 2, and iNum grows by 1. A row outside 0..499 is ignored. */
+void vRestructDetail(int32_t row, ProfileTable *table);
+
+/* True if `name` is an acceptable profile file name: 1 to 27 characters
+ * before the first dot (or at most 27 without a dot), at most 3 after it,
+ * every character passing FileNameFilter. Null and "" are refused. */
+bool bJudgement8point3Format(const char *name);
+
+/* True if the character (a char widened with its sign) may appear in a
+ * profile file name: ASCII letters and digits and ! # $ % & ' ( ) - . ^ _ `
+ * { } ~. */
+bool FileNameFilter(int32_t c);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TZ_DISCOVERY_H */

@@ -1,0 +1,305 @@
+// The walk: a GETNEXT loop over one subtree of the printer's MIB, shaped like
+// the SNMP command-line walker so that a request carries the same arguments
+// a user would type. Every way out goes through one place that rebuilds the
+// profile plist, so the rebuild runs exactly once per walk whatever happened.
+//
+// Process-wide state is limited to what the header names (the spool,
+// numprinted, sDEBUGmsg) plus net-snmp's own: its default store, getopt's
+// globals and the library's one-time start-up.
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "tz_discovery.h"
+
+extern "C" {
+int32_t numprinted = 0;
+char sDEBUGmsg[128];
+
+void MyDebugMessage(const char* /*text*/, int32_t /*number*/) {}
+}
+
+namespace {
+
+// The walker's application booleans in the default store.
+constexpr int kStore = NETSNMP_DS_APPLICATION_ID;
+constexpr int kIncludeRequested = 1;
+constexpr int kPrintStatistics = 2;
+constexpr int kDontCheckOrdering = 3;
+
+const oid objid_mib[] = {1, 3, 6, 1, 2, 1};
+
+struct PduFree {
+    void operator()(netsnmp_pdu* pdu) const { snmp_free_pdu(pdu); }
+};
+using Pdu = std::unique_ptr<netsnmp_pdu, PduFree>;
+
+struct SessionClose {
+    void operator()(netsnmp_session* session) const { snmp_close(session); }
+};
+using Session = std::unique_ptr<netsnmp_session, SessionClose>;
+
+// Hands every line of `text` to the debug hook.
+void forward_lines(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t end = text.find('\n');
+        const std::string line(text.substr(0, end));
+        MyDebugMessage(line.c_str(), 0);
+        if (end == std::string_view::npos) break;
+        text.remove_prefix(end + 1);
+    }
+}
+
+// Routes what the library prints to stderr to the debug hook while it lives.
+// The redirection is process-wide: a line another thread writes to stderr in
+// that window goes to the hook too, so keep the scope to one library call.
+// The text goes to an anonymous memory file, not a pipe, so a long output
+// (the parser's configuration help runs to many kilobytes) cannot block.
+// When the redirection cannot be set up, nothing is redirected.
+class StderrToDebug {
+public:
+    StderrToDebug() {
+        std::fflush(stderr);
+        capture_ = ::memfd_create("tz-walk-diagnostics", MFD_CLOEXEC);
+        if (capture_ < 0) return;
+        saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        if (saved_ < 0 || ::dup2(capture_, STDERR_FILENO) < 0) {
+            close_all();
+            return;
+        }
+    }
+    ~StderrToDebug() {
+        if (saved_ < 0) {
+            close_all();
+            return;
+        }
+        std::fflush(stderr);
+        ::dup2(saved_, STDERR_FILENO);
+        std::string text;
+        char buffer[4096];
+        ::lseek(capture_, 0, SEEK_SET);
+        for (ssize_t got; (got = ::read(capture_, buffer, sizeof buffer)) > 0;)
+            text.append(buffer, static_cast<std::size_t>(got));
+        close_all();
+        forward_lines(text);
+    }
+    StderrToDebug(const StderrToDebug&) = delete;
+    StderrToDebug& operator=(const StderrToDebug&) = delete;
+
+private:
+    void close_all() {
+        if (saved_ >= 0) ::close(saved_);
+        if (capture_ >= 0) ::close(capture_);
+        saved_ = capture_ = -1;
+    }
+    int capture_ = -1;
+    int saved_ = -1;
+};
+
+// Once per process: the three booleans are registered as "snmpwalk"
+// configuration tokens before the library reads its configuration, then the
+// library starts. Registering again at every walk would only lengthen the
+// library's token list: configuration files are read at start-up alone.
+//
+// MIB files are not loaded (MIBS is set to empty unless whoever started the
+// service set it): the walk names every object by number, and loading the
+// installed MIBs only slows start-up and makes print_variable use names.
+void start_library_once() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        netsnmp_ds_register_config(ASN_BOOLEAN, "snmpwalk", "includeRequested", kStore,
+                                   kIncludeRequested);
+        netsnmp_ds_register_config(ASN_BOOLEAN, "snmpwalk", "printStatistics", kStore,
+                                   kPrintStatistics);
+        netsnmp_ds_register_config(ASN_BOOLEAN, "snmpwalk", "dontCheckOrdering", kStore,
+                                   kDontCheckOrdering);
+        ::setenv("MIBS", "", 0);
+        SOCK_STARTUP;
+        const StderrToDebug quiet;  // "Created directory: ..." on a first run
+        init_snmp("snmpwalk");
+    });
+}
+
+// Sends `pdu` and returns the status; the response, if any, lands in
+// `response`. The library frees the request whether or not it was sent.
+int exchange(netsnmp_session* session, Pdu pdu, Pdu& response) {
+    response.reset();
+    if (!pdu) return STAT_ERROR;  // no memory for the request
+    netsnmp_pdu* raw = nullptr;
+    const int status = snmp_synch_response(session, pdu.release(), &raw);
+    response.reset(raw);
+    return status;
+}
+
+Pdu request_for(int command, const oid* name, std::size_t name_length) {
+    Pdu pdu(snmp_pdu_create(command));
+    if (pdu) snmp_add_null_var(pdu.get(), name, name_length);
+    return pdu;
+}
+
+// "OID not increasing" names the two OIDs by the raw bytes of their
+// sub-identifier arrays: as many bytes as the OID has sub-identifiers, printed
+// up to the first zero byte (on a little-endian machine an OID starting with
+// 1 shows as the single byte 0x01). Diagnostics tools that read sDEBUGmsg
+// expect exactly this form.
+void note_not_increasing(const oid* previous, std::size_t previous_length, const oid* next,
+                         std::size_t next_length) {
+    char first[255] = {};
+    char second[255] = {};
+    std::memcpy(first, previous, std::min(previous_length, sizeof first - 1));
+    std::memcpy(second, next, std::min(next_length, sizeof second - 1));
+    const int written = std::snprintf(sDEBUGmsg, sizeof sDEBUGmsg,
+                                      "[SNMP] Error: OID not increasing: %s >= %s", first, second);
+    (void)written;  // cut at 128 bytes
+}
+
+struct Outcome {
+    int32_t result;          // what mib_walk returns
+    int32_t rebuild_status;  // what the rebuild is told
+};
+
+Outcome walk(int32_t argc, char** argv) {
+    netsnmp_session session;
+    int arg = 0;
+    {
+        // glibc forgets a previous parse's position only at optind 0.
+        optind = 0;
+        const StderrToDebug quiet;
+        arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
+    }
+    if (arg < 0) return {arg, 1};
+
+    oid root[MAX_OID_LEN];
+    std::size_t rootlen = 0;
+    if (arg < argc) {
+        rootlen = MAX_OID_LEN;
+        if (snmp_parse_oid(argv[arg], root, &rootlen) == nullptr) {
+            snmp_perror(argv[arg]);
+            return {1, 1};
+        }
+    } else {
+        std::memcpy(root, objid_mib, sizeof objid_mib);
+        rootlen = sizeof objid_mib / sizeof objid_mib[0];
+    }
+
+    Session ss(snmp_open(&session));
+    if (!ss) {
+        MyDebugMessage("[UTIL-MIB] SNMP Open Err\n", 0);
+        snmp_sess_perror("snmpwalk", &session);
+        return {1, 1};
+    }
+
+    oid name[MAX_OID_LEN];
+    std::memcpy(name, root, rootlen * sizeof(oid));
+    std::size_t name_length = rootlen;
+    bool running = true;
+    const bool check = !netsnmp_ds_get_boolean(kStore, kDontCheckOrdering);
+    if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
+        snmp_get_and_print(ss.get(), root, rootlen);
+    int32_t exitval = 0;
+    int status = STAT_SUCCESS;
+
+    while (running) {
+        Pdu response;
+        status = exchange(ss.get(), request_for(SNMP_MSG_GETNEXT, name, name_length), response);
+        if (status == STAT_TIMEOUT) {
+            exitval = 1;
+            running = false;
+        } else if (status != STAT_SUCCESS) {
+            snmp_sess_perror("snmpwalk", ss.get());
+            exitval = 1;
+            running = false;
+        } else if (response == nullptr) {
+            // A success always carries a response; nothing to look at if not.
+        } else if (response->errstat == SNMP_ERR_NOSUCHNAME) {
+            running = false;  // the version-1 end of the MIB
+        } else if (response->errstat != SNMP_ERR_NOERROR) {
+            exitval = 2;
+            running = false;
+        } else {
+            for (netsnmp_variable_list* var = response->variables; var != nullptr;
+                 var = var->next_variable) {
+                if (var->name_length < rootlen ||
+                    std::memcmp(root, var->name, rootlen * sizeof(oid)) != 0) {
+                    running = false;  // left the subtree
+                    continue;
+                }
+                ++numprinted;
+                vSpoolPlist(var->name, 0, var, 0);
+                if (static_cast<int8_t>(var->type) < -125) {
+                    running = false;  // noSuchObject, noSuchInstance, endOfMibView
+                } else {
+                    if (check && snmp_oid_compare(name, name_length, var->name,
+                                                  var->name_length) >= 0) {
+                        note_not_increasing(name, name_length, var->name, var->name_length);
+                        running = false;
+                        exitval = 1;
+                    }
+                    if (var->name_length > MAX_OID_LEN) std::abort();
+                    std::memcpy(name, var->name, var->name_length * sizeof(oid));
+                    name_length = var->name_length;
+                }
+            }
+        }
+    }
+
+    // Only while no walk of this process has accepted anything yet.
+    if (numprinted == 0 && status == STAT_SUCCESS) snmp_get_and_print(ss.get(), root, rootlen);
+    ss.reset();
+
+    if (netsnmp_ds_get_boolean(kStore, kPrintStatistics))
+        MyDebugMessage("[UTIL-MIB] Variables found: ", numprinted);
+    return {exitval, exitval};
+}
+
+}  // namespace
+
+extern "C" void optProc(int /*argc*/, char* const* /*argv*/, int opt) {
+    if (opt != 'C' || optarg == nullptr) return;
+    while (*optarg != '\0') {
+        const char letter = *optarg++;
+        switch (letter) {
+            case 'c': netsnmp_ds_toggle_boolean(kStore, kDontCheckOrdering); break;
+            case 'p': netsnmp_ds_toggle_boolean(kStore, kPrintStatistics); break;
+            case 'i': netsnmp_ds_toggle_boolean(kStore, kIncludeRequested); break;
+            default: {
+                std::memset(sDEBUGmsg, 0, sizeof sDEBUGmsg);
+                const int written = std::snprintf(sDEBUGmsg, sizeof sDEBUGmsg,
+                                                  "Unknown flag passed to -C: %c\n", letter);
+                (void)written;
+                break;
+            }
+        }
+    }
+}
+
+extern "C" void snmp_get_and_print(struct snmp_session* session, const unsigned long* name,
+                                   size_t name_length) {
+    Pdu response;
+    const int status = exchange(session, request_for(SNMP_MSG_GET, name, name_length), response);
+    if (status != STAT_SUCCESS || response == nullptr || response->errstat != SNMP_ERR_NOERROR)
+        return;
+    for (netsnmp_variable_list* var = response->variables; var != nullptr;
+         var = var->next_variable) {
+        ++numprinted;
+        print_variable(var->name, var->name_length, var);
+    }
+}
+
+extern "C" int32_t mib_walk(int32_t argc, char** argv) {
+    start_library_once();
+    std::memset(&PlistForSpool, 0, sizeof PlistForSpool);
+    const Outcome outcome = walk(argc, argv);
+    (void)vRestructPlistSpool2Current(outcome.rebuild_status);
+    return outcome.result;
+}
