@@ -125,32 +125,58 @@ int TZPListRemove(int32_t selector);
 
 /* ---- Codec dictionaries ------------------------------------------------- */
 
-/* A property-list dictionary of the codec, reference counted. */
+/* A property-list dictionary of the codec, reference counted. Keys are byte
+ * strings; values are integers, strings, dictionaries or values the codec
+ * does not model (booleans, reals, dates, data, arrays), which no reader here
+ * takes for an integer or a string. */
 typedef struct TZDictionary TZDictionary;
+
+/* Adds one reference and returns `dict`; null is allowed and returned. */
+TZDictionary *TZDictionaryRetain(TZDictionary *dict);
 
 /* Drops one reference; null is allowed and ignored. */
 void TZDictionaryRelease(TZDictionary *dict);
 
+/* The number of keys in `dict`. */
+size_t TZDictionaryGetCount(const TZDictionary *dict);
+
+/* 1 if `dict` holds `key` (whatever the value's type), else 0. */
+int TZDictionaryContainsKey(const TZDictionary *dict, const char *key);
+
+/* Borrows the dictionary under `key`: it lives as long as `dict`. Null when
+ * the key is missing or holds another type. */
+TZDictionary *TZDictionaryGetDictionary(const TZDictionary *dict, const char *key);
+
 /* Reads the integer under `key` into *value if the key is present and holds an
- * integer; otherwise *value is untouched. */
+ * integer in the signed 32-bit range; otherwise *value is untouched. A value
+ * of another type, or a wider integer, is skipped: never converted, never cut
+ * to its low 32 bits. */
 void ReadDictionaryIntEntry(const TZDictionary *dict, const char *key, int32_t *value);
 
 /* Reads the string under `key` into the 32-byte `field` (at most 31 bytes,
- * cut even inside a multi-byte character, zero-filled after the text) if the
- * key is present and holds a string; otherwise the field is untouched.
+ * cut even inside a multi-byte character, zero-filled after the text; the
+ * text ends at a zero byte it may hold) if the key is present and holds a
+ * string; otherwise, a value of another type included, the field is
+ * untouched.
  * REQUIRES: field has room for 32 bytes. */
 void ReadDictionaryStringEntry(const TZDictionary *dict, const char *key, char *field);
 
 /* ---- Reading ------------------------------------------------------------ */
 
-/* Reads the current profile plist into the three tables (RGB, SIM, DST).
- * Returns 0 when read; -1 when the file cannot be read or parsed or a category
- * or field dictionary is missing, with the tables untouched. Missing slot keys
- * and a missing "iNum" leave the caller's values. */
+/* Reads the current profile plist (XML, or binary "bplist00") into the three
+ * tables (RGB, SIM, DST). Returns 0 when read; -1 when the file cannot be read
+ * or parsed or a category or field dictionary is missing (a value of another
+ * type counts as missing), with the tables untouched. Missing slot keys and a
+ * missing "iNum" leave the caller's values, and so does a slot value of the
+ * wrong type or an integer outside the signed 32-bit range. The tables are
+ * never cleared first. Files above 64 MiB and dictionaries nested more than
+ * 64 deep are refused as unreadable. */
 int32_t TZPListReadProfile_All(ProfileTable *rgb, ProfileTable *sim, ProfileTable *dst);
 
 /* Makes iNum agree with the slots in use: when the number k of slots whose
- * InMenu is not 0 differs from iNum, clears slots k..499 and sets iNum to k. */
+ * InMenu is not 0 differs from iNum, clears slots k..499 and sets iNum to k.
+ * It trusts the slots in use to come first: a slot in use behind a gap is
+ * cleared with the rest (closing gaps is the padding pass's job). */
 void TZPlistCheckWithInMenu_Dict(ProfileTable *table);
 
 /* Reads one category (0 RGB, 1 SIM, 2 DST) into `table`. Returns 0, or -1
@@ -159,7 +185,9 @@ void TZPlistCheckWithInMenu_Dict(ProfileTable *table);
 int32_t TZPListReadProfile_Dict(ProfileTable *table, int32_t category);
 
 /* As TZPListReadProfile_Dict, but file slots whose InMenu is 2 are left out
- * (later slots move up) and InMenu 4 is stored as 6. */
+ * (later slots move up; the last table slots then keep their values) and
+ * InMenu 4 is stored as 6. "iNum" is taken as the file has it, then checked
+ * against the slots in use. */
 int32_t TZPListReadProfile_Dict_Pap(ProfileTable *table, int32_t category);
 
 /* ---- Writing ------------------------------------------------------------ */
@@ -193,15 +221,28 @@ int32_t TZPListWriteProfile_Dict(const ProfileTable *table, uint32_t category,
 
 /* ---- Tidy passes (cannot fail) ------------------------------------------ */
 
+/* All three visit the 500 slots whatever iNum says. */
+
+/* A named slot without a device row (IndexOnDevice 0, FileName not empty) is
+ * kept with IndexOnDevice 501 and InMenu 3 if its InMenu is 3 or 4; any other
+ * such slot is cleared and iNum decreased, even for a slot that was free
+ * already: the count may fall below the slots in use, and below zero. */
 void TZPListCleanProfile_Dict(ProfileTable *table);
+
+/* Moves the slots in use to the front, keeping their order. A moved-from slot
+ * is cleared except for its ProfileClass. iNum is not touched. */
 void TZPListPaddingProfile_Dict(ProfileTable *table);
+
+/* A named slot with a device row and InMenu 3 gets InMenu 6. */
 void TZPListSalvage_Dict(ProfileTable *table);
 
 /* ---- Mapping ------------------------------------------------------------ */
 
 /* Merges the current table's entries marked 2 or 4 that neither the new nor
  * the exclusion table holds (same FileName as strcmp, same Location), then the
- * whole new table, into `result` (at most 500 entries). */
+ * whole new table, into `result` (at most 500 entries; the rest is dropped).
+ * Only slots below each table's iNum are looked at; result slots from its new
+ * iNum on are not written. `result` must not be one of the other three. */
 void TZPListMapping_Pap(const ProfileTable *new_table, const ProfileTable *current,
                         ProfileTable *result, const ProfileTable *exclusion);
 

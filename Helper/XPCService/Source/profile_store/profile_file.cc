@@ -1,0 +1,87 @@
+#include "profile_file.h"
+
+#include <cstring>
+
+#include "guarded_format.h"
+
+namespace tz::store {
+
+bool copy_current_path(KeyBuffer& out) {
+    if (TZ_PLIST_PROFILE_PATH == nullptr) return false;
+    tz::guarded_format(out.data(), out.size(), "%s", TZ_PLIST_PROFILE_PATH);
+    return true;
+}
+
+std::string_view format_slot_key(KeyBuffer& out, const char* field_key, int slot) {
+    tz::guarded_format(out.data(), out.size(), "%s%04d", field_key, slot);
+    return std::string_view(out.data());
+}
+
+plist::DictRef read_current_profile() {
+    KeyBuffer path;
+    if (!copy_current_path(path)) return {};
+    return plist::read_file(path.data());
+}
+
+const char* category_name(std::int64_t category) {
+    switch (category) {
+        case TZ_CATEGORY_DST:
+            return "DST";
+        case TZ_CATEGORY_SIM:
+            return "SIM";
+        case TZ_CATEGORY_RGB:
+            return "RGB";
+        default:
+            return nullptr;
+    }
+}
+
+const TZDictionary* find_dict(const TZDictionary& root, std::string_view name) {
+    const plist::Value* value = root.find(name);
+    if (value == nullptr || value->kind != plist::Kind::Dict) return nullptr;
+    return value->dict.get();
+}
+
+bool find_field_dicts(const TZDictionary& category, FieldDicts& out) {
+    return (out.index_on_device = find_dict(category, "IndexOnDevice")) != nullptr &&
+           (out.in_menu = find_dict(category, "InMenu")) != nullptr &&
+           (out.profile_class = find_dict(category, "ProfileClass")) != nullptr &&
+           (out.file_name = find_dict(category, "FileName")) != nullptr &&
+           (out.profile_name = find_dict(category, "ProfileName")) != nullptr &&
+           (out.location = find_dict(category, "Location")) != nullptr;
+}
+
+void finish_category(const TZDictionary& category, ProfileTable& table) {
+    ReadDictionaryIntEntry(&category, "iNum", &table.iNum);
+    TZPlistCheckWithInMenu_Dict(&table);
+}
+
+void copy_text_field(std::string_view text, char* field) {
+    // Like strncpy: the text ends at its first zero byte.
+    std::size_t length = std::min<std::size_t>(text.size(), TZ_PROFILE_TEXT);
+    if (length > 0) {
+        if (const void* zero = std::memchr(text.data(), 0, length))
+            length = static_cast<std::size_t>(static_cast<const char*>(zero) - text.data());
+        std::memcpy(field, text.data(), length);
+    }
+    std::memset(field + length, 0, TZ_PROFILE_TEXT - length);
+    field[TZ_PROFILE_TEXT - 1] = '\0';
+}
+
+}  // namespace tz::store
+
+extern "C" {
+
+TZDictionary* TZDictionaryRetain(TZDictionary* dict) { return tz::plist::DictRef::retain(dict).release(); }
+
+size_t TZDictionaryGetCount(const TZDictionary* dict) { return dict->entries.size(); }
+
+int TZDictionaryContainsKey(const TZDictionary* dict, const char* key) {
+    return dict->find(key) != nullptr ? 1 : 0;
+}
+
+TZDictionary* TZDictionaryGetDictionary(const TZDictionary* dict, const char* key) {
+    return const_cast<TZDictionary*>(tz::store::find_dict(*dict, key));
+}
+
+}  // extern "C"

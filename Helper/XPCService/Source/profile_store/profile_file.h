@@ -1,0 +1,66 @@
+// What every profile-store operation shares: the copy of the current profile
+// path, the per-slot key, the reading of the current file, and the lookup of
+// a category's six field dictionaries.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "plist_codec.h"
+#include "tz_profile_store.h"
+
+namespace tz::store {
+
+using KeyBuffer = std::array<char, TZ_PATH_BUFFER>;
+
+// Copies the current profile path with "%s" into a zeroed 255-byte buffer
+// (a path of 255 bytes or more ends the process). False, leaving `out`
+// alone, while the path global is unset.
+bool copy_current_path(KeyBuffer& out);
+
+// The key of one slot of one field: "%s%04d" of the field's key text and the
+// slot number, formatted into a zeroed 255-byte buffer. Returns the key.
+std::string_view format_slot_key(KeyBuffer& out, const char* field_key, int slot);
+
+// Reads and parses the current profile file. Null when the path is unset or
+// the file cannot be read or parsed.
+plist::DictRef read_current_profile();
+
+// The root key of a category number (0 "RGB", 1 "SIM", 2 "DST"), or null.
+const char* category_name(std::int64_t category);
+
+// A category dictionary under `name` in `root`, or null when it is missing or
+// is not a dictionary.
+const TZDictionary* find_dict(const TZDictionary& root, std::string_view name);
+
+// The six field dictionaries of a category.
+struct FieldDicts {
+    const TZDictionary* index_on_device = nullptr;
+    const TZDictionary* in_menu = nullptr;
+    const TZDictionary* profile_class = nullptr;
+    const TZDictionary* file_name = nullptr;
+    const TZDictionary* profile_name = nullptr;
+    const TZDictionary* location = nullptr;
+};
+
+// Looks the six up in the order IndexOnDevice, InMenu, ProfileClass,
+// FileName, ProfileName, Location. False at the first one missing (or not a
+// dictionary).
+bool find_field_dicts(const TZDictionary& category, FieldDicts& out);
+
+// Reads "iNum" into the table's count if present, then makes the count agree
+// with the slots in use.
+void finish_category(const TZDictionary& category, ProfileTable& table);
+
+// Builds the file from three tables and writes it to the current path, with
+// no writability probe of its own (the caller has run it). 0, or -1 when the
+// path is unset or the write fails.
+int32_t write_profile_tables(const ProfileTable* rgb, const ProfileTable* sim,
+                             const ProfileTable* dst);
+
+// Copies a string value into a 32-byte field: at most 31 bytes, cut even
+// inside a multi-byte character, zero-filled after the text.
+void copy_text_field(std::string_view text, char* field);
+
+}  // namespace tz::store
