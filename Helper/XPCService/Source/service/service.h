@@ -47,6 +47,16 @@ public:
     void writeDataToPlistFile_XPC(std::string_view request, const Reply& reply) const;
     // Request: a file URL. Unlinks the target and renames "<path>.dummy" onto it.
     void writeDataToPlistFileRename_XPC(std::string_view request, const Reply& reply) const;
+    // Request: "<model>:ModelName:END<user>:USErName:END<arg0>:arg:<arg1>:arg:...".
+    // Points the profile path globals at "<folder><user>-<model>-profile.plist"
+    // (and ".prev.plist", ".spool.plist"), walks with arguments arg0..argN-1
+    // (the piece after the last ":arg:" is dropped; arg0 is the program-name
+    // slot) and replies "iRet=<walk result>", then logs
+    // "xpc - mibwalk_XPC - iRet=<result>" at LOG_ERR. A missing name is
+    // "(null)" in the paths. A path of 256 bytes or more ends the process.
+    // More than 511 arguments: no walk; replies and logs "iRet=-1", the
+    // parser's "refused" code. Only one walk may run at a time in a process.
+    void mibwalk_XPC(std::string_view request, const Reply& reply) const;
 
 private:
     std::string preferences_dir_;

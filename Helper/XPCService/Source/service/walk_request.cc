@@ -1,0 +1,72 @@
+// The walk request: the three profile paths from the user and model names,
+// the argument vector from the ":arg:" list, the walk, its result as the
+// reply and one system-log line.
+#include <syslog.h>
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "guarded_format.h"
+#include "request.h"
+#include "service.h"
+#include "tz_discovery.h"
+#include "tz_profile_store.h"
+
+namespace tz {
+namespace {
+
+constexpr std::size_t kPathBuffer = 256;
+constexpr std::size_t kArgumentSlots = 512;
+constexpr int32_t kTooManyArguments = -1;
+
+// A name as the paths spell it: a missing one (or one without a UTF-8 form)
+// prints as "(null)", as printf prints a null string.
+std::string name_text(std::optional<std::string_view> field) {
+    if (!field || !request::is_utf8(*field)) return "(null)";
+    return std::string(*field);
+}
+
+}  // namespace
+
+void Service::mibwalk_XPC(std::string_view request, const Reply& reply) const {
+    char current[kPathBuffer] = {};
+    char previous[kPathBuffer] = {};
+    char spool[kPathBuffer] = {};
+
+    // Names first, then the paths, then the argument list: a request whose
+    // paths do not fit ends the process even when its argument marker is
+    // missing.
+    const request::WalkNames names = request::cut_walk_names(request);
+    const std::string user = name_text(names.user);
+    const std::string model = name_text(names.model);
+    // The folder goes in as an argument: it may hold '%'.
+    const char* folder = preferences_dir().c_str();
+    guarded_format(current, sizeof current, "%s%s-%s-profile.plist", folder, user.c_str(),
+                   model.c_str());
+    guarded_format(previous, sizeof previous, "%s%s-%s-profile.prev.plist", folder, user.c_str(),
+                   model.c_str());
+    guarded_format(spool, sizeof spool, "%s%s-%s-profile.spool.plist", folder, user.c_str(),
+                   model.c_str());
+    TZ_PLIST_PROFILE_PATH = current;
+    TZ_PLIST_PROFILE_PREV_PATH = previous;
+    TZ_PLIST_PROFILE_SPOOL_PATH = spool;
+
+    const std::vector<std::string_view> pieces = request::cut_walk_arguments(request);
+    int32_t result = kTooManyArguments;
+    if (pieces.size() < kArgumentSlots) {
+        // Writable, NUL-terminated copies that outlive the walk: the parser
+        // blanks communities and pass phrases in place.
+        std::vector<std::string> arguments(pieces.begin(), pieces.end());
+        std::array<char*, kArgumentSlots> argv{};
+        for (std::size_t i = 0; i < arguments.size(); ++i) argv[i] = arguments[i].data();
+        result = mib_walk(static_cast<int32_t>(arguments.size()), argv.data());
+    }
+
+    reply("iRet=" + std::to_string(result));
+    ::syslog(LOG_ERR, "xpc - mibwalk_XPC - iRet=%d", result);
+}
+
+}  // namespace tz
