@@ -70,9 +70,12 @@ void Service::writeDataToPlistFileRename_XPC(std::string_view request, const Rep
 
 }  // namespace tz
 
+// On Apple the XPC front defines this name with CoreFoundation types instead.
+#if !defined(__APPLE__)
 extern "C" int writeDictionaryToPlistFile_XPC(const char* file_url, const void* bytes,
                                               size_t length) {
     if (file_url == nullptr || (bytes == nullptr && length != 0)) return 0;
     const std::string_view data(static_cast<const char*>(bytes), length);
     return tz::write_url_file(file_url, data) ? 1 : 0;
 }
+#endif
