@@ -113,10 +113,16 @@ TEST_F(Bridge, MissingMarkerGivesTheRangeOutcomeNamingIt) {
 }
 
 TEST_F(Bridge, WalkRequestReachesTheWalk) {
-    const TZBridgeResult result = call(TZBridge_mibwalk_XPC, "no markers at all");
-    if (result.outcome == TZ_BRIDGE_NO_REPLY) GTEST_SKIP() << "the walk is not wired to the bridge yet";
-    EXPECT_EQ(result.outcome, TZ_BRIDGE_RANGE_EXCEPTION);
-    EXPECT_NE(std::string(result.text).find(":USErName:END"), std::string::npos) << result.text;
+    // Without its markers the request is not answered.
+    const TZBridgeResult unmarked = call(TZBridge_mibwalk_XPC, "ModelX alice snmpwalk:arg:");
+    EXPECT_EQ(unmarked.outcome, TZ_BRIDGE_RANGE_EXCEPTION);
+    EXPECT_NE(std::string(unmarked.text).find(":USErName:END"), std::string::npos) << unmarked.text;
+
+    // More arguments than the walk takes: refused before any SNMP work, with
+    // the parser's "refused" result.
+    std::string request = "ModelX:ModelName:ENDalice:USErName:END";
+    for (int i = 0; i < 512; ++i) request += "-v:arg:";
+    EXPECT_EQ(reply(TZBridge_mibwalk_XPC, request), "iRet=-1");
 }
 
 TEST_F(Bridge, RequestIsBoundedByItsLengthNotByATerminator) {

@@ -104,12 +104,7 @@ TZBridgeResult TZBridge_writeDataToPlistFileRename_XPC(const char* request, size
 }
 
 TZBridgeResult TZBridge_mibwalk_XPC(const char* request, size_t length) {
-    // TODO(lead): tz::Service::mibwalk_XPC has not landed yet. When service.h
-    // declares it, replace the two lines below with
-    //     return run(&tz::Service::mibwalk_XPC, request, length);
-    // and drop the walk's "not wired" test in tests/xpc/bridge_test.cc.
-    (void)request, (void)length;
-    return make_result(TZ_BRIDGE_NO_REPLY, {});
+    return run(&tz::Service::mibwalk_XPC, request, length);
 }
 
 }  // extern "C"
