@@ -163,6 +163,19 @@ void note_not_increasing(const oid* previous, std::size_t previous_length, const
     (void)written;  // cut at 128 bytes
 }
 
+// getopt keeps a pointer into the previous walk's arguments (the rest of the
+// option cluster it was in), and the parser starts it with optind = 1, which
+// does not clear that pointer: after a parse that stopped early (-V, -H) the
+// next walk would read freed memory as its first option. glibc drops the
+// pointer only when getopt itself runs with optind = 0, so run it once on an
+// empty vector before every parse.
+void forget_previous_parse() {
+    static char program[] = "snmpwalk";
+    char* const empty[] = {program, nullptr};
+    optind = 0;
+    (void)getopt(1, empty, "");
+}
+
 struct Outcome {
     int32_t result;          // what mib_walk returns
     int32_t rebuild_status;  // what the rebuild is told
@@ -172,8 +185,7 @@ Outcome walk(int32_t argc, char** argv) {
     netsnmp_session session;
     int arg = 0;
     {
-        // glibc forgets a previous parse's position only at optind 0.
-        optind = 0;
+        forget_previous_parse();
         const StderrToDebug quiet;
         arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
     }
