@@ -222,11 +222,14 @@ void Front::on_name_owner_changed(sdbus::Message& signal) {
     }
 }
 
-// Runs on a worker thread after a call was answered.
+// Runs on a worker thread after a call was answered. The event loop is woken
+// only when the last pending call is done: then the idle clock starts, and
+// any reply that sd-bus had to queue (a full socket) is flushed by the loop.
+// While calls are still pending, queued replies go out with the loop's next
+// turn, which the next reply to finish (or an incoming message) brings.
 void Front::finish_call() {
     last_done_ns_.store(now_ns(), std::memory_order_release);
-    pending_.fetch_sub(1, std::memory_order_acq_rel);
-    wake();
+    if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1) wake();
 }
 
 void Front::wake() {
@@ -255,8 +258,8 @@ bool Front::idle_expired() const {
     return Clock::now() - idle_since() >= options_.idle_exit;
 }
 
-int Front::poll_timeout_ms() const {
-    int timeout = bus_.getEventLoopPollData().getPollTimeout();
+int Front::poll_timeout_ms(int bus_timeout) const {
+    int timeout = bus_timeout;
     if (!releasing_ && options_.idle_exit.count() > 0 &&
         pending_.load(std::memory_order_acquire) == 0) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
@@ -292,7 +295,7 @@ int Front::run(int stop_fd) {
             const sdbus::IConnection::PollData data = bus_.getEventLoopPollData();
             pollfd fds[3] = {{data.fd, data.events, 0}, {wake_fd_, POLLIN, 0}, {stop_fd, POLLIN, 0}};
             const int count = stop_fd >= 0 ? 3 : 2;
-            const int ready = ::poll(fds, count, poll_timeout_ms());
+            const int ready = ::poll(fds, count, poll_timeout_ms(data.getPollTimeout()));
             if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
             if (ready <= 0) continue;
             if (fds[1].revents & POLLIN) {

@@ -81,7 +81,7 @@ private:
     void reap_retired();
     bool idle_expired() const;
     std::chrono::steady_clock::time_point idle_since() const;
-    int poll_timeout_ms() const;
+    int poll_timeout_ms(int bus_timeout) const;
     void release_name();
 
     sdbus::IConnection& bus_;
