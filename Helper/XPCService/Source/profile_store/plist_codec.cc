@@ -75,10 +75,15 @@ bool key_less(const Entry& entry, std::string_view key) { return entry.key < key
 
 }  // namespace
 
-const Value* TZDictionary::find(std::string_view key) const {
+std::size_t TZDictionary::find_index(std::string_view key) const {
     const auto it = std::lower_bound(entries.begin(), entries.end(), key, key_less);
-    if (it == entries.end() || it->key != key) return nullptr;
-    return &it->value;
+    if (it == entries.end() || it->key != key) return npos;
+    return static_cast<std::size_t>(it - entries.begin());
+}
+
+const Value* TZDictionary::find(std::string_view key) const {
+    const std::size_t at = find_index(key);
+    return at == npos ? nullptr : &entries[at].value;
 }
 
 void TZDictionary::set(std::string_view key, Value value) {
@@ -186,6 +191,26 @@ struct XmlSource {
     pugi::xml_document document;
 };
 
+enum class Element { Key, Dict, String, Integer, Other };
+
+// The element names of a property list, told apart without a library call
+// per element (this runs once per element of a 500 KB file).
+Element classify(const char* name) {
+    switch (name[0]) {
+        case 'k':
+            return name[1] == 'e' && name[2] == 'y' && name[3] == '\0' ? Element::Key
+                                                                        : Element::Other;
+        case 'd':
+            return std::strcmp(name + 1, "ict") == 0 ? Element::Dict : Element::Other;
+        case 's':
+            return std::strcmp(name + 1, "tring") == 0 ? Element::String : Element::Other;
+        case 'i':
+            return std::strcmp(name + 1, "nteger") == 0 ? Element::Integer : Element::Other;
+        default:
+            return Element::Other;
+    }
+}
+
 class XmlConverter {
 public:
     explicit XmlConverter(std::shared_ptr<TextStore> store) : store_(std::move(store)) {}
@@ -196,7 +221,7 @@ public:
         DictRef result = DictRef::make(store_);
         pugi::xml_node child = next_element(node.first_child());
         while (child) {
-            if (std::strcmp(child.name(), "key") != 0) return {};
+            if (classify(child.name()) != Element::Key) return {};
             const std::optional<std::string_view> key = text_of(child);
             if (!key) return {};
             const pugi::xml_node value_node = next_element(child.next_sibling());
@@ -237,25 +262,31 @@ private:
     // Nothing when the value makes the document malformed (a misplaced <key>
     // or a malformed nested dictionary).
     std::optional<Value> value(pugi::xml_node node, int depth) {
-        const char* name = node.name();
         Value v;
-        if (std::strcmp(name, "dict") == 0) {
-            v.dict = dict(node, depth + 1);
-            if (!v.dict) return std::nullopt;
-            v.kind = Kind::Dict;
-        } else if (std::strcmp(name, "string") == 0) {
-            if (const auto text = text_of(node)) {
-                v.kind = Kind::String;
-                v.text = *text;
+        switch (classify(node.name())) {
+            case Element::Dict:
+                v.dict = dict(node, depth + 1);
+                if (!v.dict) return std::nullopt;
+                v.kind = Kind::Dict;
+                break;
+            case Element::String:
+                if (const auto text = text_of(node)) {
+                    v.kind = Kind::String;
+                    v.text = *text;
+                }
+                break;
+            case Element::Integer: {
+                const auto text = text_of(node);
+                if (const auto number = text ? parse_integer(*text) : std::nullopt) {
+                    v.kind = Kind::Integer;
+                    v.integer = *number;
+                }
+                break;
             }
-        } else if (std::strcmp(name, "integer") == 0) {
-            const auto text = text_of(node);
-            if (const auto number = text ? parse_integer(*text) : std::nullopt) {
-                v.kind = Kind::Integer;
-                v.integer = *number;
-            }
-        } else if (std::strcmp(name, "key") == 0) {
-            return std::nullopt;
+            case Element::Key:
+                return std::nullopt;
+            case Element::Other:
+                break;
         }
         return v;
     }
@@ -468,67 +499,131 @@ DictRef parse_binary(const std::string& bytes) {
 
 // ---- Writing ----------------------------------------------------------------------
 
-void indent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
+// The output is built a line at a time in a staging buffer: each line is
+// reserved at its largest possible size and written through a pointer, then
+// the buffer goes to the string in large appends. Escaping can make a text
+// five times longer (every '&' becomes "&amp;").
+class XmlOut {
+public:
+    explicit XmlOut(std::string& out) : out_(out) {}
+    ~XmlOut() { flush(); }
 
-void append_escaped(std::string& out, std::string_view text) {
-    std::size_t start = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        const char* entity = c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : nullptr;
-        if (entity == nullptr) continue;
-        out.append(text.substr(start, i - start));
-        out.append(entity);
-        start = i + 1;
+    // Room for `size` bytes, or null when a line is larger than the buffer.
+    char* reserve(std::size_t size) {
+        if (size > kStage - used_) flush();
+        return size <= kStage ? stage_ + used_ : nullptr;
     }
-    out.append(text.substr(start));
+    void commit(const char* end) { used_ = static_cast<std::size_t>(end - stage_); }
+    // A line too large for the buffer: built on its own, then appended.
+    void append_large(const std::string& line) {
+        flush();
+        out_.append(line);
+    }
+
+private:
+    static constexpr std::size_t kStage = 64 * 1024;
+    void flush() {
+        out_.append(stage_, used_);
+        used_ = 0;
+    }
+
+    std::string& out_;
+    char stage_[kStage];
+    std::size_t used_ = 0;
+};
+
+template <std::size_t N>
+char* put(char* at, const char (&literal)[N]) {
+    std::memcpy(at, literal, N - 1);
+    return at + N - 1;
 }
 
-void append_dict(std::string& out, const TZDictionary& dict, int depth);
-
-void append_value(std::string& out, const Value& value, int depth) {
-    switch (value.kind) {
-        case Kind::Integer: {
-            char digits[24];
-            const auto end = std::to_chars(digits, digits + sizeof digits, value.integer).ptr;
-            indent(out, depth);
-            out.append("<integer>");
-            out.append(digits, end);
-            out.append("</integer>\n");
-            break;
-        }
-        case Kind::String:
-            indent(out, depth);
-            out.append("<string>");
-            append_escaped(out, value.text);
-            out.append("</string>\n");
-            break;
-        case Kind::Dict:
-            append_dict(out, *value.dict, depth);
-            break;
-        case Kind::Other:
-            break;
-    }
+char* put_tabs(char* at, int depth) {
+    std::memset(at, '\t', static_cast<std::size_t>(depth));
+    return at + depth;
 }
 
-void append_dict(std::string& out, const TZDictionary& dict, int depth) {
+char* put_escaped(char* at, std::string_view text) {
+    const char* from = text.data();
+    const char* const end = from + text.size();
+    while (from < end) {
+        const char* run = from;
+        while (run < end && *run != '&' && *run != '<' && *run != '>') ++run;
+        std::memcpy(at, from, static_cast<std::size_t>(run - from));
+        at += run - from;
+        if (run == end) break;
+        at = *run == '&' ? put(at, "&amp;") : *run == '<' ? put(at, "&lt;") : put(at, "&gt;");
+        from = run + 1;
+    }
+    return at;
+}
+
+// One key and, unless it is a dictionary, its value: the whole entry's lines.
+char* put_entry(char* at, const Entry& entry, int depth) {
+    at = put_tabs(at, depth);
+    at = put(at, "<key>");
+    at = put_escaped(at, entry.key);
+    at = put(at, "</key>\n");
+    if (entry.value.kind == Kind::Dict) return at;
+    at = put_tabs(at, depth);
+    if (entry.value.kind == Kind::Integer) {
+        at = put(at, "<integer>");
+        at = std::to_chars(at, at + 24, entry.value.integer).ptr;
+        return put(at, "</integer>\n");
+    }
+    at = put(at, "<string>");
+    at = put_escaped(at, entry.value.text);
+    return put(at, "</string>\n");
+}
+
+std::size_t entry_bound(const Entry& entry, int depth) {
+    return 2 * static_cast<std::size_t>(depth) + 5 * entry.key.size() +
+           5 * entry.value.text.size() + 64;
+}
+
+void append_dict(XmlOut& out, const TZDictionary& dict, int depth);
+
+void append_entry(XmlOut& out, const Entry& entry, int depth) {
+    const std::size_t bound = entry_bound(entry, depth);
+    if (char* at = out.reserve(bound)) {
+        out.commit(put_entry(at, entry, depth));
+    } else {
+        std::string line(bound, '\0');
+        line.resize(static_cast<std::size_t>(put_entry(line.data(), entry, depth) - line.data()));
+        out.append_large(line);
+    }
+    if (entry.value.kind == Kind::Dict) append_dict(out, *entry.value.dict, depth);
+}
+
+void append_dict(XmlOut& out, const TZDictionary& dict, int depth) {
     const bool empty = std::none_of(dict.entries.begin(), dict.entries.end(),
                                     [](const Entry& e) { return e.value.kind != Kind::Other; });
-    indent(out, depth);
+    char* at = out.reserve(static_cast<std::size_t>(depth) + 16);
+    at = put_tabs(at, depth);
     if (empty) {
-        out.append("<dict/>\n");
+        out.commit(put(at, "<dict/>\n"));
         return;
     }
-    out.append("<dict>\n");
-    for (const Entry& entry : dict.entries) {
-        if (entry.value.kind == Kind::Other) continue;  // not modelled: left out
-        indent(out, depth + 1);
-        out.append("<key>");
-        append_escaped(out, entry.key);
-        out.append("</key>\n");
-        append_value(out, entry.value, depth + 1);
+    out.commit(put(at, "<dict>\n"));
+    for (const Entry& entry : dict.entries)
+        if (entry.value.kind != Kind::Other)  // not modelled: left out
+            append_entry(out, entry, depth + 1);
+    at = out.reserve(static_cast<std::size_t>(depth) + 16);
+    at = put_tabs(at, depth);
+    out.commit(put(at, "</dict>\n"));
+}
+
+void append_document(std::string& text, const TZDictionary& root) {
+    text.append(
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+        "<plist version=\"1.0\">\n");
+    {
+        XmlOut out(text);
+        append_dict(out, root, 0);
     }
-    indent(out, depth);
-    out.append("</dict>\n");
+    text.append("</plist>\n");
 }
 
 // Closes the descriptor on every way out.
@@ -582,20 +677,18 @@ DictRef read_file(const char* path) {
 
 std::string to_xml(const TZDictionary& root) {
     std::string out;
-    out.reserve(640 * 1024);
-    out.append(
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-        "<plist version=\"1.0\">\n");
-    append_dict(out, root, 0);
-    out.append("</plist>\n");
+    append_document(out, root);
     return out;
 }
 
 bool write_file(const char* path, const TZDictionary& root) {
     if (path == nullptr) return false;
-    const std::string xml = to_xml(root);
+    // The text of a profile file is about 600 KB: the buffer stays with the
+    // thread between writes instead of being mapped and faulted in anew.
+    thread_local std::string xml;
+    xml.clear();
+    if (xml.capacity() > (8u << 20)) xml.shrink_to_fit();
+    append_document(xml, root);
     FileDescriptor file{::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
     if (file.fd < 0) return false;
     std::size_t written = 0;

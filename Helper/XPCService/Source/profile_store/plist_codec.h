@@ -144,8 +144,12 @@ struct TZDictionary {
     std::shared_ptr<tz::plist::TextStore> store;
     std::vector<tz::plist::Entry> entries;  // strictly ascending by key bytes
 
+    static constexpr std::size_t npos = static_cast<std::size_t>(-1);
+
     // The value under `key`, or null.
     const tz::plist::Value* find(std::string_view key) const;
+    // The position of `key` in entries, or npos.
+    std::size_t find_index(std::string_view key) const;
     // Sets `key` (copied into the store) to `value`, replacing an old value.
     // Appending keys in ascending order costs no search.
     void set(std::string_view key, tz::plist::Value value);

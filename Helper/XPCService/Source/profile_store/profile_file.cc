@@ -17,6 +17,27 @@ std::string_view format_slot_key(KeyBuffer& out, const char* field_key, int slot
     return std::string_view(out.data());
 }
 
+void SlotKeys::next() {
+    // Counts the decimal digits up from the last, carrying leftwards.
+    for (std::size_t at = length_; at-- > length_ - 4;) {
+        if (buffer_[at] != '9') {
+            ++buffer_[at];
+            return;
+        }
+        buffer_[at] = '0';
+    }
+}
+
+void read_int(const plist::Value* found, int32_t& value) {
+    if (found == nullptr) return;
+    if (const auto number = found->as_int32()) value = *number;
+}
+
+void read_text(const plist::Value* found, char* field) {
+    if (found == nullptr || found->kind != plist::Kind::String) return;
+    copy_text_field(found->text, field);
+}
+
 plist::DictRef read_current_profile() {
     KeyBuffer path;
     if (!copy_current_path(path)) return {};
@@ -52,7 +73,7 @@ bool find_field_dicts(const TZDictionary& category, FieldDicts& out) {
 }
 
 void finish_category(const TZDictionary& category, ProfileTable& table) {
-    ReadDictionaryIntEntry(&category, "iNum", &table.iNum);
+    read_int(category, "iNum", table.iNum);
     TZPlistCheckWithInMenu_Dict(&table);
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -20,8 +21,25 @@ using KeyBuffer = std::array<char, TZ_PATH_BUFFER>;
 bool copy_current_path(KeyBuffer& out);
 
 // The key of one slot of one field: "%s%04d" of the field's key text and the
-// slot number, formatted into a zeroed 255-byte buffer. Returns the key.
+// slot number, formatted into a zeroed 255-byte buffer (a key that does not
+// fit ends the process). Returns the key.
 std::string_view format_slot_key(KeyBuffer& out, const char* field_key, int slot);
+
+// The keys of one field for slot 0, 1, 2, ... in turn, for loops over all
+// slots: slot 0's key comes from format_slot_key, and each step counts its
+// four-digit number up in place, which gives the same text as formatting
+// again (slot numbers stay below 10000) without a printf per key.
+class SlotKeys {
+public:
+    explicit SlotKeys(const char* field_key)
+        : length_(format_slot_key(buffer_, field_key, 0).size()) {}
+    std::string_view key() const { return {buffer_.data(), length_}; }
+    void next();
+
+private:
+    KeyBuffer buffer_;
+    std::size_t length_;
+};
 
 // Reads and parses the current profile file. Null when the path is unset or
 // the file cannot be read or parsed.
@@ -58,6 +76,37 @@ void finish_category(const TZDictionary& category, ProfileTable& table);
 // path is unset or the write fails.
 int32_t write_profile_tables(const ProfileTable* rgb, const ProfileTable* sim,
                              const ProfileTable* dst);
+
+// The readers of one slot value by key, as ReadDictionaryIntEntry and
+// ReadDictionaryStringEntry.
+void read_int(const plist::Value* found, int32_t& value);
+void read_text(const plist::Value* found, char* field);
+inline void read_int(const TZDictionary& dict, std::string_view key, int32_t& value) {
+    read_int(dict.find(key), value);
+}
+inline void read_text(const TZDictionary& dict, std::string_view key, char* field) {
+    read_text(dict.find(key), field);
+}
+
+// Looks keys up in one dictionary in ascending order, as the slot loops do:
+// a key that follows the last one found costs one comparison instead of a
+// search. Any order still gives the right answer.
+class KeyCursor {
+public:
+    explicit KeyCursor(const TZDictionary& dict) : dict_(dict) {}
+    const plist::Value* find(std::string_view key) {
+        const auto& entries = dict_.entries;
+        if (next_ < entries.size() && entries[next_].key == key) return &entries[next_++].value;
+        const std::size_t at = dict_.find_index(key);
+        if (at == TZDictionary::npos) return nullptr;
+        next_ = at + 1;
+        return &entries[at].value;
+    }
+
+private:
+    const TZDictionary& dict_;
+    std::size_t next_ = 0;
+};
 
 // Copies a string value into a 32-byte field: at most 31 bytes, cut even
 // inside a multi-byte character, zero-filled after the text.

@@ -6,34 +6,54 @@
 
 #include "profile_file.h"
 
-using tz::plist::Kind;
 using tz::plist::Value;
 using tz::store::FieldDicts;
-using tz::store::KeyBuffer;
 
 namespace {
 
+// The six per-slot key sequences, in one place for both fill loops.
+struct SlotKeySet {
+    tz::store::SlotKeys index_on_device{cIndexOnDeviceKey};
+    tz::store::SlotKeys in_menu{cInMenuKey};
+    tz::store::SlotKeys profile_class{cProfileClassKey};
+    tz::store::SlotKeys file_name{cFileNameKey};
+    tz::store::SlotKeys profile_name{cProfileNameKey};
+    tz::store::SlotKeys location{cLocationKey};
+
+    void next() {
+        for (tz::store::SlotKeys* keys :
+             {&index_on_device, &in_menu, &profile_class, &file_name, &profile_name, &location})
+            keys->next();
+    }
+};
+
+// Cursors over the six field dictionaries of one category.
+struct FieldCursors {
+    explicit FieldCursors(const FieldDicts& fields)
+        : index_on_device(*fields.index_on_device),
+          in_menu(*fields.in_menu),
+          profile_class(*fields.profile_class),
+          file_name(*fields.file_name),
+          profile_name(*fields.profile_name),
+          location(*fields.location) {}
+    tz::store::KeyCursor index_on_device, in_menu, profile_class, file_name, profile_name,
+        location;
+};
+
 // Fills one table from a category whose field dictionaries were found.
 void fill_table(const FieldDicts& fields, ProfileTable& table) {
-    KeyBuffer key;
-    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n) {
+    using tz::store::read_int;
+    using tz::store::read_text;
+    SlotKeySet keys;
+    FieldCursors in(fields);
+    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n, keys.next()) {
         ProfileEntry& slot = table.Entry[n];
-        ReadDictionaryIntEntry(fields.index_on_device,
-                               tz::store::format_slot_key(key, cIndexOnDeviceKey, n).data(),
-                               &slot.IndexOnDevice);
-        ReadDictionaryIntEntry(fields.in_menu, tz::store::format_slot_key(key, cInMenuKey, n).data(),
-                               &slot.InMenu);
-        ReadDictionaryIntEntry(fields.profile_class,
-                               tz::store::format_slot_key(key, cProfileClassKey, n).data(),
-                               &slot.ProfileClass);
-        ReadDictionaryStringEntry(fields.file_name,
-                                  tz::store::format_slot_key(key, cFileNameKey, n).data(),
-                                  slot.FileName);
-        ReadDictionaryStringEntry(fields.profile_name,
-                                  tz::store::format_slot_key(key, cProfileNameKey, n).data(),
-                                  slot.ProfileName);
-        ReadDictionaryIntEntry(fields.location, tz::store::format_slot_key(key, cLocationKey, n).data(),
-                               &slot.Location);
+        read_int(in.index_on_device.find(keys.index_on_device.key()), slot.IndexOnDevice);
+        read_int(in.in_menu.find(keys.in_menu.key()), slot.InMenu);
+        read_int(in.profile_class.find(keys.profile_class.key()), slot.ProfileClass);
+        read_text(in.file_name.find(keys.file_name.key()), slot.FileName);
+        read_text(in.profile_name.find(keys.profile_name.key()), slot.ProfileName);
+        read_int(in.location.find(keys.location.key()), slot.Location);
     }
 }
 
@@ -41,29 +61,23 @@ void fill_table(const FieldDicts& fields, ProfileTable& table) {
 // and the mark 4 is stored as 6. InMenu is read first: it decides whether
 // the file slot takes a table slot.
 void fill_table_pap(const FieldDicts& fields, ProfileTable& table) {
-    KeyBuffer key;
+    using tz::store::read_int;
+    using tz::store::read_text;
+    SlotKeySet keys;
+    FieldCursors in(fields);
     int d = 0;
-    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n) {
+    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n, keys.next()) {
         ProfileEntry& slot = table.Entry[d];
-        const Value* in_menu = fields.in_menu->find(tz::store::format_slot_key(key, cInMenuKey, n));
+        const Value* in_menu = in.in_menu.find(keys.in_menu.key());
         if (const auto mark = in_menu != nullptr ? in_menu->as_int32() : std::nullopt) {
             if (*mark == 2) continue;
             slot.InMenu = *mark == 4 ? 6 : *mark;
         }
-        ReadDictionaryIntEntry(fields.index_on_device,
-                               tz::store::format_slot_key(key, cIndexOnDeviceKey, n).data(),
-                               &slot.IndexOnDevice);
-        ReadDictionaryIntEntry(fields.profile_class,
-                               tz::store::format_slot_key(key, cProfileClassKey, n).data(),
-                               &slot.ProfileClass);
-        ReadDictionaryStringEntry(fields.file_name,
-                                  tz::store::format_slot_key(key, cFileNameKey, n).data(),
-                                  slot.FileName);
-        ReadDictionaryStringEntry(fields.profile_name,
-                                  tz::store::format_slot_key(key, cProfileNameKey, n).data(),
-                                  slot.ProfileName);
-        ReadDictionaryIntEntry(fields.location, tz::store::format_slot_key(key, cLocationKey, n).data(),
-                               &slot.Location);
+        read_int(in.index_on_device.find(keys.index_on_device.key()), slot.IndexOnDevice);
+        read_int(in.profile_class.find(keys.profile_class.key()), slot.ProfileClass);
+        read_text(in.file_name.find(keys.file_name.key()), slot.FileName);
+        read_text(in.profile_name.find(keys.profile_name.key()), slot.ProfileName);
+        read_int(in.location.find(keys.location.key()), slot.Location);
         ++d;
     }
 }
@@ -91,15 +105,11 @@ int32_t read_one_category(ProfileTable* table, int32_t category, bool pap) {
 extern "C" {
 
 void ReadDictionaryIntEntry(const TZDictionary* dict, const char* key, int32_t* value) {
-    const Value* found = dict->find(key);
-    if (found == nullptr) return;
-    if (const auto number = found->as_int32()) *value = *number;
+    tz::store::read_int(*dict, key, *value);
 }
 
 void ReadDictionaryStringEntry(const TZDictionary* dict, const char* key, char* field) {
-    const Value* found = dict->find(key);
-    if (found == nullptr || found->kind != Kind::String) return;
-    tz::store::copy_text_field(found->text, field);
+    tz::store::read_text(*dict, key, field);
 }
 
 int32_t TZPListReadProfile_All(ProfileTable* rgb, ProfileTable* sim, ProfileTable* dst) {

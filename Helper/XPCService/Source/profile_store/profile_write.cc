@@ -60,22 +60,26 @@ TZDictionary* CreatePropsDictionary(uint32_t category, const ProfileTable* table
                        &profile_name})
         (*dict)->entries.reserve(TZ_PROFILE_SLOTS);
 
-    tz::store::KeyBuffer key;
+    tz::store::SlotKeys index_key(cIndexOnDeviceKey);
+    tz::store::SlotKeys in_menu_key(cInMenuKey);
+    tz::store::SlotKeys class_key(cProfileClassKey);
+    tz::store::SlotKeys location_key(cLocationKey);
+    tz::store::SlotKeys file_key(cFileNameKey);
+    tz::store::SlotKeys name_key(cProfileNameKey);
     for (int n = 0; n < TZ_PROFILE_SLOTS; ++n) {
         const ProfileEntry& slot = table->Entry[n];
-        index_on_device->set_integer(tz::store::format_slot_key(key, cIndexOnDeviceKey, n),
-                                     slot.IndexOnDevice);
-        in_menu->set_integer(tz::store::format_slot_key(key, cInMenuKey, n), slot.InMenu);
-        profile_class->set_integer(tz::store::format_slot_key(key, cProfileClassKey, n),
-                                   slot.ProfileClass);
-        location->set_integer(tz::store::format_slot_key(key, cLocationKey, n), slot.Location);
+        index_on_device->set_integer(index_key.key(), slot.IndexOnDevice);
+        in_menu->set_integer(in_menu_key.key(), slot.InMenu);
+        profile_class->set_integer(class_key.key(), slot.ProfileClass);
+        location->set_integer(location_key.key(), slot.Location);
         // A text that is not UTF-8 makes no string: its slot key is left out.
         const std::string_view file = field_text(slot.FileName);
-        if (tz::plist::is_valid_utf8(file))
-            file_name->set_string(tz::store::format_slot_key(key, cFileNameKey, n), file);
+        if (tz::plist::is_valid_utf8(file)) file_name->set_string(file_key.key(), file);
         const std::string_view name = field_text(slot.ProfileName);
-        if (tz::plist::is_valid_utf8(name))
-            profile_name->set_string(tz::store::format_slot_key(key, cProfileNameKey, n), name);
+        if (tz::plist::is_valid_utf8(name)) profile_name->set_string(name_key.key(), name);
+        for (tz::store::SlotKeys* keys :
+             {&index_key, &in_menu_key, &class_key, &location_key, &file_key, &name_key})
+            keys->next();
     }
     props->set_integer("iNum", table->iNum);
     props->set_dict("IndexOnDevice", index_on_device);
