@@ -1,6 +1,6 @@
 // Shared pieces of the profile store tests: a temporary folder with the path
-// globals pointed into it, table builders, and a small independent writer of
-// XML property lists for files the store's own writer would never produce.
+// globals pointed into it, table builders, and XML text for files the store's
+// own writer would never produce.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,140 +8,108 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
-#include <variant>
 
 #include "temp_dir.h"
 #include "tz_profile_store.h"
 
 namespace tz::test {
 
-// Zero-initialised tables live on the heap: three of them are 126 KB.
-inline std::unique_ptr<ProfileTable> empty_table() {
-    auto table = std::make_unique<ProfileTable>();
-    std::memset(table.get(), 0, sizeof(ProfileTable));
-    return table;
+// Tables live on the heap, zeroed: three of them are 126 KB.
+inline std::unique_ptr<ProfileTable> table() {
+    auto t = std::make_unique<ProfileTable>();
+    std::memset(t.get(), 0, sizeof(ProfileTable));
+    return t;
 }
 
 inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name,
-                          int32_t location = 4, int32_t profile_class = 1,
-                          const char* profile_name = "") {
+                          int32_t location = 4, int32_t profile_class = 1, const char* name = "") {
     ProfileEntry e;
     std::memset(&e, 0, sizeof e);
     e.IndexOnDevice = index;
     e.InMenu = in_menu;
     e.ProfileClass = profile_class;
     std::strncpy(e.FileName, file_name, sizeof e.FileName - 1);
-    std::strncpy(e.ProfileName, profile_name, sizeof e.ProfileName - 1);
+    std::strncpy(e.ProfileName, name, sizeof e.ProfileName - 1);
     e.Location = location;
     return e;
 }
 
-inline bool same_bytes(const ProfileTable& a, const ProfileTable& b) {
-    return std::memcmp(&a, &b, sizeof(ProfileTable)) == 0;
+template <typename T>
+bool same_bytes(const T& a, const T& b) {
+    return std::memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-inline bool same_bytes(const ProfileEntry& a, const ProfileEntry& b) {
-    return std::memcmp(&a, &b, sizeof(ProfileEntry)) == 0;
-}
-
-// Points the three path globals into a fresh temporary folder.
+// Points the path globals into a fresh temporary folder.
 class StoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        current_ = dir_.file("user-T48Q-profile.plist");
-        previous_ = dir_.file("user-T48Q-profile.prev.plist");
-        spool_ = dir_.file("user-T48Q-profile.spool.plist");
         TZ_PLIST_PROFILE_PATH = current_.c_str();
         TZ_PLIST_PROFILE_PREV_PATH = previous_.c_str();
-        TZ_PLIST_PROFILE_SPOOL_PATH = spool_.c_str();
     }
-    void TearDown() override {
-        TZ_PLIST_PROFILE_PATH = nullptr;
-        TZ_PLIST_PROFILE_PREV_PATH = nullptr;
-        TZ_PLIST_PROFILE_SPOOL_PATH = nullptr;
-    }
+    void TearDown() override { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = nullptr; }
+    int32_t read_all() { return TZPListReadProfile_All(rgb_.get(), sim_.get(), dst_.get()); }
 
     TempDir dir_;
-    std::string current_;
-    std::string previous_;
-    std::string spool_;
+    std::string current_ = dir_.file("user-T48Q-profile.plist");
+    std::string previous_ = dir_.file("user-T48Q-profile.prev.plist");
+    std::unique_ptr<ProfileTable> rgb_ = table(), sim_ = table(), dst_ = table();
 };
 
-// ---- A tiny plist model and XML writer, independent of the codec ----------
-
-struct PNode;
-using PDict = std::map<std::string, PNode>;
-// Raw XML stands for any value element written as given ("<true/>").
-struct RawXml {
-    std::string xml;
+// One category of a hand-made file: the slots given (no other slot keys),
+// "iNum" only when set, field dictionaries left out by name, and single
+// values replaced by raw XML ("Field/Key" -> "<true/>"; "" drops the key),
+// and extra raw entries of the category.
+struct Category {
+    Category(std::map<int, ProfileEntry> slots_ = {}, std::string inum_ = "",
+             std::set<std::string> omit_ = {}, std::map<std::string, std::string> raw_ = {},
+             std::string extra_ = "")
+        : slots(std::move(slots_)),
+          inum(std::move(inum_)),
+          omit(std::move(omit_)),
+          raw(std::move(raw_)),
+          extra(std::move(extra_)) {}
+    std::map<int, ProfileEntry> slots;
+    std::string inum;
+    std::set<std::string> omit;
+    std::map<std::string, std::string> raw;
+    std::string extra;
 };
-struct PNode {
-    std::variant<long long, std::string, PDict, RawXml> value;
-};
 
-inline std::string escape_xml(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        if (c == '&')
-            out += "&amp;";
-        else if (c == '<')
-            out += "&lt;";
-        else if (c == '>')
-            out += "&gt;";
-        else
-            out += c;
-    }
-    return out;
-}
-
-inline void node_xml(const PNode& node, std::string& out) {
-    if (const auto* i = std::get_if<long long>(&node.value)) {
-        out += "<integer>" + std::to_string(*i) + "</integer>\n";
-    } else if (const auto* s = std::get_if<std::string>(&node.value)) {
-        out += "<string>" + escape_xml(*s) + "</string>\n";
-    } else if (const auto* raw = std::get_if<RawXml>(&node.value)) {
-        out += raw->xml + "\n";
-    } else {
-        out += "<dict>\n";
-        for (const auto& [key, value] : std::get<PDict>(node.value)) {
-            out += "<key>" + escape_xml(key) + "</key>\n";
-            node_xml(value, out);
+inline std::string category_xml(const Category& c) {
+    const char* fields[] = {"IndexOnDevice", "InMenu",      "ProfileClass",
+                            "FileName",      "ProfileName", "Location"};
+    std::string xml = "<dict>" + c.extra;
+    if (!c.inum.empty()) xml += "<key>iNum</key><integer>" + c.inum + "</integer>";
+    for (int f = 0; f < 6; ++f) {
+        const char* field = fields[f];
+        if (c.omit.count(field)) continue;
+        std::map<std::string, std::string> values;
+        for (const auto& [n, e] : c.slots) {
+            char key[32];
+            std::snprintf(key, sizeof key, "%s%04d", field, n);
+            const int32_t numbers[] = {e.IndexOnDevice, e.InMenu, e.ProfileClass, 0, 0, e.Location};
+            values[key] = f == 3   ? "<string>" + std::string(e.FileName) + "</string>"
+                          : f == 4 ? "<string>" + std::string(e.ProfileName) + "</string>"
+                                   : "<integer>" + std::to_string(numbers[f]) + "</integer>";
         }
-        out += "</dict>\n";
+        for (const auto& [path, value] : c.raw)
+            if (path.rfind(std::string(field) + "/", 0) == 0)
+                values[path.substr(path.find('/') + 1)] = value;
+        xml += std::string("<key>") + field + "</key><dict>";
+        for (const auto& [key, value] : values)
+            if (!value.empty()) xml += "<key>" + key + "</key>" + value;
+        xml += "</dict>";
     }
+    return xml + "</dict>";
 }
 
-inline std::string plist_xml(const PDict& root) {
-    std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
-    node_xml(PNode{root}, out);
-    return out + "</plist>\n";
+// A file of the given categories ("RGB" -> category).
+inline std::string file_xml(const std::map<std::string, Category>& categories) {
+    std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>";
+    for (const auto& [name, c] : categories) xml += "<key>" + name + "</key>" + category_xml(c);
+    return xml + "</dict></plist>\n";
 }
-
-// A category as the writer lays it out, with only the slots given (the
-// other slot keys are absent) and no "iNum" unless set.
-inline PDict category(const std::map<int, ProfileEntry>& slots) {
-    PDict index, in_menu, cls, file, name, location;
-    char key[32];
-    for (const auto& [n, e] : slots) {
-        std::snprintf(key, sizeof key, "IndexOnDevice%04d", n);
-        index[key] = PNode{(long long)e.IndexOnDevice};
-        std::snprintf(key, sizeof key, "InMenu%04d", n);
-        in_menu[key] = PNode{(long long)e.InMenu};
-        std::snprintf(key, sizeof key, "ProfileClass%04d", n);
-        cls[key] = PNode{(long long)e.ProfileClass};
-        std::snprintf(key, sizeof key, "FileName%04d", n);
-        file[key] = PNode{std::string(e.FileName)};
-        std::snprintf(key, sizeof key, "ProfileName%04d", n);
-        name[key] = PNode{std::string(e.ProfileName)};
-        std::snprintf(key, sizeof key, "Location%04d", n);
-        location[key] = PNode{(long long)e.Location};
-    }
-    return PDict{{"IndexOnDevice", PNode{index}}, {"InMenu", PNode{in_menu}},
-                 {"ProfileClass", PNode{cls}},    {"FileName", PNode{file}},
-                 {"ProfileName", PNode{name}},    {"Location", PNode{location}}};
-}
-
-inline PDict& dict_at(PDict& d, const std::string& key) { return std::get<PDict>(d.at(key).value); }
 
 }  // namespace tz::test

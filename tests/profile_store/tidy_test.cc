@@ -4,79 +4,56 @@
 namespace tz::test {
 namespace {
 
-TEST(CleanPass, KeepsStatesThreeAndFourWithoutDeviceRowAndClearsTheRest) {
-    auto table = empty_table();
-    table->Entry[0] = entry(0, 4, "A.ICC", 5, 2, "Alpha");
-    table->Entry[1] = entry(0, 2, "B.ICC");
-    table->Entry[2] = entry(0, 0, "C.ICC");      // already free: still counted down
-    table->Entry[3] = entry(0, 2, "");           // no file name: left alone
-    table->Entry[4] = entry(7, 1, "E.ICC");      // device row: left alone
-    table->iNum = 1;
-    TZPListCleanProfile_Dict(table.get());
-
-    ProfileEntry kept = entry(501, 3, "A.ICC", 5, 2, "Alpha");
-    EXPECT_TRUE(same_bytes(table->Entry[0], kept));
-    EXPECT_TRUE(same_bytes(table->Entry[1], ProfileEntry{}));
-    EXPECT_TRUE(same_bytes(table->Entry[2], ProfileEntry{}));
-    EXPECT_EQ(table->Entry[3].InMenu, 2);
-    EXPECT_STREQ(table->Entry[4].FileName, "E.ICC");
-    EXPECT_EQ(table->iNum, -1);  // the pass does not recount
+TEST(TidyPasses, CleanKeepsStatesThreeAndFourWithoutDeviceRowAndDoesNotRecount) {
+    auto t = table();
+    t->Entry[0] = entry(0, 4, "A.ICC", 5, 2, "Alpha");
+    t->Entry[1] = entry(0, 2, "B.ICC");
+    t->Entry[2] = entry(0, 0, "C.ICC");  // free already: counted down all the same
+    t->Entry[3] = entry(0, 2, "");       // no file name: left alone
+    t->Entry[4] = entry(7, 1, "E.ICC");  // a device row: left alone
+    t->iNum = 1;
+    TZPListCleanProfile_Dict(t.get());
+    EXPECT_TRUE(same_bytes(t->Entry[0], entry(501, 3, "A.ICC", 5, 2, "Alpha")));
+    EXPECT_TRUE(same_bytes(t->Entry[1], ProfileEntry{}));
+    EXPECT_TRUE(same_bytes(t->Entry[2], ProfileEntry{}));
+    EXPECT_TRUE(same_bytes(t->Entry[3], entry(0, 2, "")));
+    EXPECT_TRUE(same_bytes(t->Entry[4], entry(7, 1, "E.ICC")));
+    EXPECT_EQ(t->iNum, -1);
 }
 
-TEST(PaddingPass, CompactsInOrderAndLeavesProfileClassBehind) {
-    auto table = empty_table();
-    table->Entry[0] = entry(0, 0, "STALE.ICC");  // free but named: overwritten
-    table->Entry[2] = entry(1, 1, "C.ICC", 4, 11);
-    table->Entry[5] = entry(2, 2, "F.ICC", 4, 12);
-    table->Entry[9] = entry(3, 3, "J.ICC", 5, 13);
-    table->Entry[12] = entry(0, 0, "TAIL.ICC", 0, 0);  // free after the last in use
-    table->iNum = 42;
-    TZPListPaddingProfile_Dict(table.get());
-
-    EXPECT_STREQ(table->Entry[0].FileName, "C.ICC");
-    EXPECT_STREQ(table->Entry[1].FileName, "F.ICC");
-    EXPECT_STREQ(table->Entry[2].FileName, "J.ICC");
-    EXPECT_EQ(table->Entry[2].Location, 5);
-    for (int moved : {5, 9}) {
-        EXPECT_EQ(table->Entry[moved].InMenu, 0);
-        EXPECT_EQ(table->Entry[moved].FileName[0], '\0');
-    }
-    EXPECT_EQ(table->Entry[5].ProfileClass, 12);
-    EXPECT_EQ(table->Entry[9].ProfileClass, 13);
-    EXPECT_STREQ(table->Entry[12].FileName, "TAIL.ICC");
-    EXPECT_EQ(table->iNum, 42);
+TEST(TidyPasses, PaddingCompactsInOrderAndLeavesProfileClassBehind) {
+    auto t = table();
+    t->Entry[0] = entry(0, 0, "STALE.ICC");  // free but named: overwritten
+    t->Entry[2] = entry(1, 1, "C.ICC", 4, 11);
+    t->Entry[5] = entry(2, 2, "F.ICC", 4, 12);
+    t->Entry[9] = entry(3, 3, "J.ICC", 5, 13);
+    t->Entry[12] = entry(0, 0, "TAIL.ICC", 0, 0);  // free, after the last in use: kept
+    t->iNum = 42;
+    TZPListPaddingProfile_Dict(t.get());
+    EXPECT_TRUE(same_bytes(t->Entry[0], entry(1, 1, "C.ICC", 4, 11)));
+    EXPECT_TRUE(same_bytes(t->Entry[1], entry(2, 2, "F.ICC", 4, 12)));
+    EXPECT_TRUE(same_bytes(t->Entry[2], entry(3, 3, "J.ICC", 5, 13)));
+    EXPECT_TRUE(same_bytes(t->Entry[5], entry(0, 0, "", 0, 12)));
+    EXPECT_TRUE(same_bytes(t->Entry[9], entry(0, 0, "", 0, 13)));
+    EXPECT_STREQ(t->Entry[12].FileName, "TAIL.ICC");
+    EXPECT_EQ(t->iNum, 42);
 }
 
-TEST(SalvagePass, MovesNamedStateThreeWithDeviceRowToSix) {
-    auto table = empty_table();
-    table->Entry[0] = entry(501, 3, "A.ICC");
-    table->Entry[1] = entry(5, 3, "");
-    table->Entry[2] = entry(5, 4, "C.ICC");
-    table->Entry[3] = entry(0, 3, "D.ICC");
-    TZPListSalvage_Dict(table.get());
-    EXPECT_EQ(table->Entry[0].InMenu, 6);
-    EXPECT_EQ(table->Entry[1].InMenu, 3);
-    EXPECT_EQ(table->Entry[2].InMenu, 4);
-    EXPECT_EQ(table->Entry[3].InMenu, 3);
-}
-
-TEST(TidyPasses, InTheRebuildOrder) {
-    auto table = empty_table();
-    table->Entry[0] = entry(0, 2, "GONE.ICC");
-    table->Entry[1] = entry(0, 4, "KEEP.ICC");
-    table->Entry[2] = entry(9, 3, "DEV.ICC");
-    table->Entry[3] = entry(8, 4, "DEV4.ICC");
-    table->iNum = 4;
-    TZPListCleanProfile_Dict(table.get());
-    TZPListPaddingProfile_Dict(table.get());
-    TZPListSalvage_Dict(table.get());
-    EXPECT_EQ(table->iNum, 3);
-    EXPECT_STREQ(table->Entry[0].FileName, "KEEP.ICC");
-    EXPECT_EQ(table->Entry[0].IndexOnDevice, 501);
-    EXPECT_EQ(table->Entry[0].InMenu, 6);
-    EXPECT_EQ(table->Entry[1].InMenu, 6);
-    EXPECT_EQ(table->Entry[2].InMenu, 4);
-    EXPECT_EQ(table->Entry[3].InMenu, 0);
+TEST(TidyPasses, SalvageAndTheRebuildOrder) {
+    auto t = table();
+    t->Entry[0] = entry(0, 2, "GONE.ICC");
+    t->Entry[1] = entry(0, 4, "KEEP.ICC");  // row 501, state 3, then 6
+    t->Entry[2] = entry(9, 3, "DEV.ICC");   // 6
+    t->Entry[3] = entry(8, 4, "DEV4.ICC");  // stays 4
+    t->Entry[4] = entry(5, 3, "");          // no name: stays 3
+    t->iNum = 5;
+    TZPListCleanProfile_Dict(t.get());
+    TZPListPaddingProfile_Dict(t.get());
+    TZPListSalvage_Dict(t.get());
+    EXPECT_EQ(t->iNum, 4);
+    EXPECT_TRUE(same_bytes(t->Entry[0], entry(501, 6, "KEEP.ICC")));
+    const int32_t marks[] = {6, 6, 4, 3, 0};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(t->Entry[i].InMenu, marks[i]) << i;
 }
 
 }  // namespace

@@ -199,7 +199,7 @@ Element classify(const char* name) {
     switch (name[0]) {
         case 'k':
             return name[1] == 'e' && name[2] == 'y' && name[3] == '\0' ? Element::Key
-                                                                        : Element::Other;
+                                                                       : Element::Other;
         case 'd':
             return std::strcmp(name + 1, "ict") == 0 ? Element::Dict : Element::Other;
         case 's':
@@ -354,9 +354,9 @@ bool binary_graph_is_safe(std::string_view bytes) {
     struct Node {
         std::uint64_t first_ref = 0;  // byte offset of the first reference
         std::uint64_t refs = 0;
-        std::uint8_t state = 0;       // 0 new, 1 on the path, 2 done
-        std::uint32_t height = 0;     // levels below and including this node
-        std::uint64_t expanded = 1;   // nodes of the expanded subtree (saturated)
+        std::uint8_t state = 0;      // 0 new, 1 on the path, 2 done
+        std::uint32_t height = 0;    // levels below and including this node
+        std::uint64_t expanded = 1;  // nodes of the expanded subtree (saturated)
     };
     std::vector<Node> nodes(count);
     // Finds an object's references; false for an object that does not fit.

@@ -93,7 +93,9 @@ void copy_text_field(std::string_view text, char* field) {
 
 extern "C" {
 
-TZDictionary* TZDictionaryRetain(TZDictionary* dict) { return tz::plist::DictRef::retain(dict).release(); }
+TZDictionary* TZDictionaryRetain(TZDictionary* dict) {
+    return tz::plist::DictRef::retain(dict).release();
+}
 
 size_t TZDictionaryGetCount(const TZDictionary* dict) { return dict->entries.size(); }
 

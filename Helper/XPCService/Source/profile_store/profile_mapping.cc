@@ -94,8 +94,7 @@ int32_t TZPListMappingGetSubDict(const TZDictionary* category_dict,
 }
 
 int32_t TZPListWriteProfile_All_Pap(const ProfileTable* new_rgb, const ProfileTable* new_sim,
-                                    const ProfileTable* new_dst,
-                                    const ProfileTable* exclusion_rgb,
+                                    const ProfileTable* new_dst, const ProfileTable* exclusion_rgb,
                                     const ProfileTable* exclusion_sim,
                                     const ProfileTable* exclusion_dst) {
     ProfileTable rgb;

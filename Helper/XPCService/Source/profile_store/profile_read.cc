@@ -36,8 +36,7 @@ struct FieldCursors {
           file_name(*fields.file_name),
           profile_name(*fields.profile_name),
           location(*fields.location) {}
-    tz::store::KeyCursor index_on_device, in_menu, profile_class, file_name, profile_name,
-        location;
+    tz::store::KeyCursor index_on_device, in_menu, profile_class, file_name, profile_name, location;
 };
 
 // Fills one table from a category whose field dictionaries were found.

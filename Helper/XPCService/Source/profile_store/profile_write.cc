@@ -23,9 +23,9 @@ int32_t tz::store::write_profile_tables(const ProfileTable* rgb, const ProfileTa
     const ProfileTable* tables[3] = {rgb, sim, dst};
     for (uint32_t c = 0; c < 3; ++c) {
         TZDictionary* outputs[7] = {};
-        const DictRef wrapper(DictRef::adopt(CreatePropsDictionary(
-            c, tables[c], &outputs[0], &outputs[1], &outputs[2], &outputs[3], &outputs[4],
-            &outputs[5], &outputs[6])));
+        const DictRef wrapper(DictRef::adopt(
+            CreatePropsDictionary(c, tables[c], &outputs[0], &outputs[1], &outputs[2], &outputs[3],
+                                  &outputs[4], &outputs[5], &outputs[6])));
         root->set_dict(tz::store::category_name(c), DictRef::retain(outputs[0]));
         for (TZDictionary*& output : outputs) {
             TZDictionaryRelease(output);
@@ -43,8 +43,7 @@ void TZDictionaryRelease(TZDictionary* dict) { (void)DictRef::adopt(dict); }
 TZDictionary* CreatePropsDictionary(uint32_t category, const ProfileTable* table,
                                     TZDictionary** category_dict,
                                     TZDictionary** index_on_device_dict,
-                                    TZDictionary** in_menu_dict,
-                                    TZDictionary** profile_class_dict,
+                                    TZDictionary** in_menu_dict, TZDictionary** profile_class_dict,
                                     TZDictionary** location_dict, TZDictionary** file_name_dict,
                                     TZDictionary** profile_name_dict) {
     auto store = std::make_shared<tz::plist::TextStore>();
@@ -56,8 +55,8 @@ TZDictionary* CreatePropsDictionary(uint32_t category, const ProfileTable* table
     DictRef location = DictRef::make(store);
     DictRef file_name = DictRef::make(store);
     DictRef profile_name = DictRef::make(store);
-    for (auto& dict : {&index_on_device, &in_menu, &profile_class, &location, &file_name,
-                       &profile_name})
+    for (auto& dict :
+         {&index_on_device, &in_menu, &profile_class, &location, &file_name, &profile_name})
         (*dict)->entries.reserve(TZ_PROFILE_SLOTS);
 
     tz::store::SlotKeys index_key(cIndexOnDeviceKey);
