@@ -246,6 +246,14 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     EXPECT_FALSE(plist::parse(nested_binary(1000000, 1)));
     EXPECT_FALSE(plist::parse(nested_binary(60, 2)));  // 2^60 nodes once expanded
     EXPECT_FALSE(plist::parse(nested_binary(5, 1, true)));
+    // {"u": 2^64 - 1} as plistlib writes it, in 16 bytes; libplist would read -1.
+    std::string wide =
+        "bplist00\xD1\x01\x02\x51u\x14" + std::string(8, '\0') + std::string(8, '\xFF');
+    wide += std::string("\x08\x0B\x0D", 3) + std::string(6, '\0') + "\x01\x01" +
+            std::string(7, '\0') + "\x03" + std::string(15, '\0') + "\x1E";
+    EXPECT_FALSE(plist::parse(wide));
+    wide.replace(14, 8, 8, '\xFF');  // the low bytes sign-extended: -1, which fits
+    EXPECT_TRUE(plist::parse(wide));
 
     TempDir dir;
     const std::string path = dir.file("huge.plist");

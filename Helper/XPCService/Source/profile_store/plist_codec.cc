@@ -351,6 +351,18 @@ bool binary_graph_is_safe(std::string_view bytes) {
     if (count == 0 || top >= count || table < 8 || table > limit) return false;
     if (count > (limit - table) / offset_size) return false;
 
+    // libplist keeps only the low 64 bits of a 16-byte integer: a file with
+    // one outside the signed 64-bit range would be misread (2^64 - 1 as -1),
+    // so it is refused.
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const std::uint64_t offset = read_be(data + table + i * offset_size, offset_size);
+        if (offset >= limit || data[offset] != 0x14) continue;
+        if (offset + 17 > limit) return false;
+        const std::uint64_t high = read_be(data + offset + 1, 8);
+        const bool negative = (data[offset + 9] & 0x80) != 0;
+        if (high != (negative ? ~std::uint64_t{0} : 0)) return false;
+    }
+
     struct Node {
         std::uint64_t first_ref = 0;  // byte offset of the first reference
         std::uint64_t refs = 0;

@@ -15,7 +15,9 @@
 //    text; an empty <string/> is the empty string.
 //  - Binary property lists ("bplist00") go through libplist. Their object
 //    graph is checked first for nesting and cycles, because libplist's reader
-//    recurses without a bound.
+//    recurses without a bound, and for 16-byte integers outside the signed
+//    64-bit range, which libplist would cut to their low 64 bits: such files
+//    are refused.
 //  - Integers: optional surrounding whitespace, an optional sign, then decimal
 //    digits or "0x"/"0X" and hex digits. Text that is not such a number, or a
 //    number outside the signed 64-bit range, is an "other" value. A value
