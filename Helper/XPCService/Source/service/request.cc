@@ -88,10 +88,11 @@ WalkNames cut_walk_names(std::string_view request) {
                      middle_field(request, kModelName, kUserName)};
 }
 
-std::vector<std::string_view> cut_walk_arguments(std::string_view request) {
+std::vector<std::string_view> cut_walk_arguments(std::string_view request, std::size_t at_most) {
     std::string_view rest = tail(request, kUserName);
     std::vector<std::string_view> arguments;
-    for (std::size_t at = rest.find(kArg); at != std::string_view::npos; at = rest.find(kArg)) {
+    for (std::size_t at = rest.find(kArg); at != std::string_view::npos && arguments.size() < at_most;
+         at = rest.find(kArg)) {
         arguments.push_back(rest.substr(0, at));
         rest.remove_prefix(at + kArg.size());
     }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -55,7 +56,11 @@ WalkNames cut_walk_names(std::string_view request);
 
 // The argument list after ":USErName:END", split at every ":arg:"; the piece
 // after the last ":arg:" is dropped, so a list without ":arg:" is empty.
-std::vector<std::string_view> cut_walk_arguments(std::string_view request);
+// Cutting stops after `at_most` pieces: a caller that refuses longer lists
+// asks for one more than it takes, so a request of millions of markers costs
+// no more than that.
+std::vector<std::string_view> cut_walk_arguments(
+    std::string_view request, std::size_t at_most = std::numeric_limits<std::size_t>::max());
 
 // True if `text` is well-formed UTF-8 (no overlongs, no surrogates, nothing
 // above U+10FFFF). A field that is not has no UTF-8 form and gives no path.

@@ -54,7 +54,7 @@ void Service::mibwalk_XPC(std::string_view request, const Reply& reply) const {
     TZ_PLIST_PROFILE_PREV_PATH = previous;
     TZ_PLIST_PROFILE_SPOOL_PATH = spool;
 
-    const std::vector<std::string_view> pieces = request::cut_walk_arguments(request);
+    const std::vector<std::string_view> pieces = request::cut_walk_arguments(request, kArgumentSlots);
     int32_t result = kTooManyArguments;
     if (pieces.size() < kArgumentSlots) {
         // Writable, NUL-terminated copies that outlive the walk: the parser
