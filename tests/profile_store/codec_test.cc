@@ -254,6 +254,10 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     EXPECT_FALSE(plist::parse(wide));
     wide.replace(14, 8, 8, '\xFF');  // the low bytes sign-extended: -1, which fits
     EXPECT_TRUE(plist::parse(wide));
+    // A dictionary key that is not a string (libplist would abort on it).
+    std::string int_key = wide;
+    int_key.replace(11, 2, "\x10\x75");  // "u" becomes the integer 0x75
+    EXPECT_FALSE(plist::parse(int_key));
 
     TempDir dir;
     const std::string path = dir.file("huge.plist");

@@ -335,7 +335,9 @@ std::uint64_t read_be(const unsigned char* p, unsigned size) {
 // libplist recurses once per nesting level and expands shared objects, so a
 // deep or heavily shared graph would exhaust its stack or memory. Accepts only
 // graphs without cycles whose expanded tree is at most kMaxDepth * 2 levels
-// deep and kMaxExpandedNodes nodes large. Malformed tables are refused too.
+// deep and kMaxExpandedNodes nodes large, and whose dictionary keys are
+// strings (libplist aborts on a key of another type). Malformed tables are
+// refused too.
 bool binary_graph_is_safe(std::string_view bytes) {
     const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
     const std::size_t size = bytes.size();
@@ -366,11 +368,21 @@ bool binary_graph_is_safe(std::string_view bytes) {
     struct Node {
         std::uint64_t first_ref = 0;  // byte offset of the first reference
         std::uint64_t refs = 0;
+        std::uint64_t keys = 0;      // leading references that must be strings
         std::uint8_t state = 0;      // 0 new, 1 on the path, 2 done
         std::uint32_t height = 0;    // levels below and including this node
         std::uint64_t expanded = 1;  // nodes of the expanded subtree (saturated)
     };
     std::vector<Node> nodes(count);
+    auto marker_of = [&](std::uint64_t index) -> int {
+        const std::uint64_t offset = read_be(data + table + index * offset_size, offset_size);
+        return offset < 8 || offset >= limit ? -1 : data[offset];
+    };
+    // An ASCII or UTF-16 string object.
+    auto is_string = [&](std::uint64_t index) {
+        const int marker = marker_of(index);
+        return marker >= 0 && ((marker >> 4) == 0x5 || (marker >> 4) == 0x6);
+    };
     // Finds an object's references; false for an object that does not fit.
     auto load = [&](std::uint64_t index) {
         const std::uint64_t offset = read_be(data + table + index * offset_size, offset_size);
@@ -391,6 +403,7 @@ bool binary_graph_is_safe(std::string_view bytes) {
         if (items > limit || refs > (limit - at) / ref_size) return false;
         nodes[index].first_ref = at;
         nodes[index].refs = refs;
+        nodes[index].keys = type == 0xD ? items : 0;
         return true;
     };
 
@@ -420,8 +433,10 @@ bool binary_graph_is_safe(std::string_view bytes) {
         }
         const std::uint64_t child =
             read_be(data + node.first_ref + frame.next * ref_size, ref_size);
+        const bool is_key = frame.next < node.keys;
         ++frame.next;
         if (child >= count) return false;
+        if (is_key && !is_string(child)) return false;
         Node& c = nodes[child];
         if (c.state == 1) return false;  // a cycle
         if (c.state == 2) {
