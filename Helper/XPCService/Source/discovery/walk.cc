@@ -176,6 +176,25 @@ void forget_previous_parse() {
     (void)getopt(1, empty, "");
 }
 
+// For SNMPv1 and v2c the parser hands the session record a community of its
+// own (snmp_open takes a copy); free it when the walk ends, or every walk
+// would leak it.
+class ParsedCommunity {
+public:
+    explicit ParsedCommunity(netsnmp_session& session) : session_(session) {}
+    ~ParsedCommunity() {
+        if (session_.version == SNMP_VERSION_1 || session_.version == SNMP_VERSION_2c) {
+            std::free(session_.community);
+            session_.community = nullptr;
+        }
+    }
+    ParsedCommunity(const ParsedCommunity&) = delete;
+    ParsedCommunity& operator=(const ParsedCommunity&) = delete;
+
+private:
+    netsnmp_session& session_;
+};
+
 struct Outcome {
     int32_t result;          // what mib_walk returns
     int32_t rebuild_status;  // what the rebuild is told
@@ -190,6 +209,7 @@ Outcome walk(int32_t argc, char** argv) {
         arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
     }
     if (arg < 0) return {arg, 1};
+    const ParsedCommunity community(session);
 
     oid root[MAX_OID_LEN];
     std::size_t rootlen = 0;
