@@ -137,6 +137,28 @@ TEST(CodecValues, Utf16InputAndUtf8Validation) {
         EXPECT_FALSE(plist::is_valid_utf8(bad));
 }
 
+TEST(CodecValues, WriterLeavesOutWhatXmlCannotHold) {
+    auto store = std::make_shared<plist::TextStore>();
+    DictRef root = DictRef::make(store);
+    root->set_string("cr", "a\rb\r\nc");
+    root->set_string("control", std::string("a\x01b"));
+    root->set_string("zero", std::string("a\0b", 3));
+    root->set_string("latin1", "caf\xE9");
+    root->set_integer(std::string("key\x02"), 1);
+    root->set_string("kept", "x");
+    const std::string xml = plist::to_xml(*root);
+    const DictRef back = plist::parse(xml);
+    ASSERT_TRUE(back) << xml;
+    EXPECT_EQ(json(*back), "{\"cr\": \"a\rb\r\nc\", \"kept\": \"x\"}");
+    TempDir dir;
+    write_file(dir.file("out.plist"), xml);
+    EXPECT_EQ(run_python("import plistlib,sys\n"
+                         "d = plistlib.load(open(sys.argv[1], 'rb'))\n"
+                         "print(sorted(d), repr(d['cr']))\n",
+                         dir.file("out.plist")),
+              "['cr', 'kept'] 'a\\rb\\r\\nc'\n");
+}
+
 TEST(CodecParity, LibplistBothWays) {
     const std::string ours = plist::to_xml(*sample_tree());
     plist_t root = nullptr;

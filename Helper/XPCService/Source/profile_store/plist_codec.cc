@@ -570,19 +570,40 @@ char* put_tabs(char* at, int depth) {
     return at + depth;
 }
 
+// A carriage return is written as a reference: a reader would turn a literal
+// one into a line feed.
 char* put_escaped(char* at, std::string_view text) {
     const char* from = text.data();
     const char* const end = from + text.size();
     while (from < end) {
         const char* run = from;
-        while (run < end && *run != '&' && *run != '<' && *run != '>') ++run;
+        while (run < end && *run != '&' && *run != '<' && *run != '>' && *run != '\r') ++run;
         std::memcpy(at, from, static_cast<std::size_t>(run - from));
         at += run - from;
         if (run == end) break;
-        at = *run == '&' ? put(at, "&amp;") : *run == '<' ? put(at, "&lt;") : put(at, "&gt;");
+        at = *run == '&'   ? put(at, "&amp;")
+             : *run == '<' ? put(at, "&lt;")
+             : *run == '>' ? put(at, "&gt;")
+                           : put(at, "&#13;");
         from = run + 1;
     }
     return at;
+}
+
+// XML can carry a text only if it is UTF-8 without control characters other
+// than tab, line feed and carriage return (a zero byte above all).
+bool xml_can_hold(std::string_view text) {
+    for (const char c : text)
+        if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r')
+            return false;
+    return is_valid_utf8(text);
+}
+
+// Entries the writer puts in the file: modelled values whose key (and text)
+// XML can hold. The others are left out, as a value that cannot be made.
+bool written(const Entry& entry) {
+    if (entry.value.kind == Kind::Other || !xml_can_hold(entry.key)) return false;
+    return entry.value.kind != Kind::String || xml_can_hold(entry.value.text);
 }
 
 // One key and, unless it is a dictionary, its value: the whole entry's lines.
@@ -623,8 +644,7 @@ void append_entry(XmlOut& out, const Entry& entry, int depth) {
 }
 
 void append_dict(XmlOut& out, const TZDictionary& dict, int depth) {
-    const bool empty = std::none_of(dict.entries.begin(), dict.entries.end(),
-                                    [](const Entry& e) { return e.value.kind != Kind::Other; });
+    const bool empty = std::none_of(dict.entries.begin(), dict.entries.end(), written);
     char* at = out.reserve(static_cast<std::size_t>(depth) + 16);
     at = put_tabs(at, depth);
     if (empty) {
@@ -633,8 +653,7 @@ void append_dict(XmlOut& out, const TZDictionary& dict, int depth) {
     }
     out.commit(put(at, "<dict>\n"));
     for (const Entry& entry : dict.entries)
-        if (entry.value.kind != Kind::Other)  // not modelled: left out
-            append_entry(out, entry, depth + 1);
+        if (written(entry)) append_entry(out, entry, depth + 1);
     at = out.reserve(static_cast<std::size_t>(depth) + 16);
     at = put_tabs(at, depth);
     out.commit(put(at, "</dict>\n"));

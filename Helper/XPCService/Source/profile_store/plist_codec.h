@@ -33,8 +33,11 @@
 // Writing
 //  - The XML form of the platform writer: XML declaration, the Apple DOCTYPE,
 //    <plist version="1.0">, one tab per nesting level, keys of every
-//    dictionary in byte order, text escaped (&amp; &lt; &gt;), integers in
-//    decimal. The file is written with one write() after open(O_WRONLY |
+//    dictionary in byte order, text escaped (&amp; &lt; &gt;, and a carriage
+//    return as &#13; so that it reads back as itself), integers in decimal.
+//    An entry whose key or text XML cannot hold (not UTF-8, or a control
+//    character other than tab, line feed and carriage return) is left out, so
+//    the file stays readable by every XML reader. The file is written with one write() after open(O_WRONLY |
 //    O_CREAT | O_TRUNC, 0666); no temporary file.
 #pragma once
 
