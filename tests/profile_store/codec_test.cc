@@ -280,6 +280,9 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     std::string int_key = wide;
     int_key.replace(11, 2, "\x10\x75");  // "u" becomes the integer 0x75
     EXPECT_FALSE(plist::parse(int_key));
+    std::string zero_key = wide;
+    zero_key[12] = '\0';  // a key "\0": libplist would abort on it too
+    EXPECT_FALSE(plist::parse(zero_key));
 
     TempDir dir;
     const std::string path = dir.file("huge.plist");

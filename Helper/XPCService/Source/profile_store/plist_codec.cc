@@ -336,8 +336,8 @@ std::uint64_t read_be(const unsigned char* p, unsigned size) {
 // deep or heavily shared graph would exhaust its stack or memory. Accepts only
 // graphs without cycles whose expanded tree is at most kMaxDepth * 2 levels
 // deep and kMaxExpandedNodes nodes large, and whose dictionary keys are
-// strings (libplist aborts on a key of another type). Malformed tables are
-// refused too.
+// strings without a zero character (libplist aborts on a key of another type
+// and on a key with a zero in it). Malformed tables are refused too.
 bool binary_graph_is_safe(std::string_view bytes) {
     const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
     const std::size_t size = bytes.size();
@@ -378,10 +378,25 @@ bool binary_graph_is_safe(std::string_view bytes) {
         const std::uint64_t offset = read_be(data + table + index * offset_size, offset_size);
         return offset < 8 || offset >= limit ? -1 : data[offset];
     };
-    // An ASCII or UTF-16 string object.
-    auto is_string = [&](std::uint64_t index) {
+    // An ASCII or UTF-16 string object that fits the file and holds no zero
+    // character.
+    auto is_key_string = [&](std::uint64_t index) {
         const int marker = marker_of(index);
-        return marker >= 0 && ((marker >> 4) == 0x5 || (marker >> 4) == 0x6);
+        if (marker < 0 || ((marker >> 4) != 0x5 && (marker >> 4) != 0x6)) return false;
+        const unsigned unit = (marker >> 4) == 0x5 ? 1 : 2;
+        std::uint64_t at = read_be(data + table + index * offset_size, offset_size) + 1;
+        std::uint64_t length = marker & 0xF;
+        if (length == 0xF) {
+            if (at >= limit || (data[at] >> 4) != 0x1) return false;
+            const unsigned width = 1u << (data[at] & 0xF);
+            if (width > 8 || at + 1 + width > limit) return false;
+            length = read_be(data + at + 1, width);
+            at += 1 + width;
+        }
+        if (length > (limit - at) / unit) return false;
+        for (std::uint64_t i = 0; i < length; ++i)
+            if (read_be(data + at + i * unit, unit) == 0) return false;
+        return true;
     };
     // Finds an object's references; false for an object that does not fit.
     auto load = [&](std::uint64_t index) {
@@ -436,7 +451,7 @@ bool binary_graph_is_safe(std::string_view bytes) {
         const bool is_key = frame.next < node.keys;
         ++frame.next;
         if (child >= count) return false;
-        if (is_key && !is_string(child)) return false;
+        if (is_key && !is_key_string(child)) return false;
         Node& c = nodes[child];
         if (c.state == 1) return false;  // a cycle
         if (c.state == 2) {
