@@ -206,7 +206,8 @@ TEST(WalkScripted, WithoutARootWalksMib2) {
     ProfileFiles files;
     ScriptedAgent agent(R"([{"error": 2}])");
     EXPECT_EQ(walk({"-v1", "-c", "public", "-t", "0.2", "-r", "0", agent.peer()}), 0);
-    EXPECT_EQ(agent.requests(), std::vector<std::string>{"getnext 1.3.6.1.2.1"});
+    ASSERT_FALSE(agent.requests().empty());
+    EXPECT_EQ(agent.requests()[0], "getnext 1.3.6.1.2.1");
 }
 
 TEST(WalkArguments, RefusalsRebuildAsFailedAndPrintNothing) {
