@@ -56,18 +56,16 @@ int row_class(int r) { return (r - 1) % 3 + 1; }
 // The printer's table as snmpd serves it: columns 1 to 5 and 7, so a walk
 // gets column 1 of every row, then column 2, and so on.
 std::vector<std::string> printer_table(int rows) {
+    using tz::test::override_integer;
+    using tz::test::override_string;
     std::vector<std::string> lines;
-    for (int column : {1, 2, 3, 4, 5, 7}) {
-        for (int r = 1; r <= rows; ++r) {
-            switch (column) {
-                case 1: lines.push_back(tz::test::override_integer(cell(1, r), r)); break;
-                case 2: lines.push_back(tz::test::override_integer(cell(2, r), 4 + r % 2)); break;
-                case 3: lines.push_back(tz::test::override_string(cell(3, r), "Profile " + std::to_string(r))); break;
-                case 4: lines.push_back(tz::test::override_string(cell(4, r), row_file(r))); break;
-                case 5: lines.push_back(tz::test::override_integer(cell(5, r), row_class(r))); break;
-                default: lines.push_back(tz::test::override_integer(cell(7, r), 1)); break;
-            }
-        }
+    for (int r = 1; r <= rows; ++r) {
+        lines.push_back(override_integer(cell(1, r), r));
+        lines.push_back(override_integer(cell(2, r), 4 + r % 2));
+        lines.push_back(override_string(cell(3, r), "Profile " + std::to_string(r)));
+        lines.push_back(override_string(cell(4, r), row_file(r)));
+        lines.push_back(override_integer(cell(5, r), row_class(r)));
+        lines.push_back(override_integer(cell(7, r), 1));
     }
     return lines;
 }
