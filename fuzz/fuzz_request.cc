@@ -9,6 +9,7 @@
 
 #include "file_url.h"
 #include "request.h"
+#include "utf8.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ void check_inside(std::string_view request, std::string_view field) {
 }
 
 void cut_plain(std::string_view request) {
-    (void)is_utf8(request);
+    (void)tz::is_valid_utf8(request);
 }
 
 void cut_swap_request(std::string_view request) {

@@ -131,10 +131,10 @@ TEST(CodecValues, Utf16InputAndUtf8Validation) {
     const DictRef root = plist::parse(utf16);  // its texts outlive the converted document
     ASSERT_TRUE(root);
     EXPECT_EQ(json(*root), R"({"k": "value"})");
-    EXPECT_TRUE(plist::is_valid_utf8(kUtf8));
+    EXPECT_TRUE(is_valid_utf8(kUtf8));
     for (const char* bad :
          {"\xC3", "\xC3\x28", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80"})
-        EXPECT_FALSE(plist::is_valid_utf8(bad));
+        EXPECT_FALSE(is_valid_utf8(bad));
 }
 
 TEST(CodecValues, WriterLeavesOutWhatXmlCannotHold) {

@@ -134,14 +134,5 @@ TEST(RequestWalk, RequiredMarkers) {
     EXPECT_FALSE(cut_walk_names("ModelX:ModelName:END").user);
 }
 
-TEST(RequestUtf8, AcceptsWellFormedOnly) {
-    EXPECT_TRUE(is_utf8("/tmp/caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x96\xa8"));
-    EXPECT_FALSE(is_utf8("\xff"));
-    EXPECT_FALSE(is_utf8("\xc3"));              // truncated
-    EXPECT_FALSE(is_utf8("\xc0\xaf"));          // overlong
-    EXPECT_FALSE(is_utf8("\xed\xa0\x80"));      // surrogate
-    EXPECT_FALSE(is_utf8("\xf4\x90\x80\x80"));  // above U+10FFFF
-}
-
 }  // namespace
 }  // namespace tz::request

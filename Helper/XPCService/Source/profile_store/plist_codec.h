@@ -51,6 +51,7 @@
 #include <vector>
 
 #include "tz_profile_store.h"
+#include "utf8.h"
 
 namespace tz::plist {
 
@@ -184,9 +185,5 @@ std::string to_xml(const TZDictionary& root);
 // Writes to_xml(root) to `path` in one write. Returns false when the file
 // cannot be opened or the write or close fails (the file may then be cut).
 bool write_file(const char* path, const TZDictionary& root);
-
-// True when `text` is well-formed UTF-8 (no overlong forms, no surrogates,
-// nothing above U+10FFFF), the test a string value must pass to be written.
-bool is_valid_utf8(std::string_view text);
 
 }  // namespace tz::plist

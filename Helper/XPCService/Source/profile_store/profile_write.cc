@@ -73,9 +73,9 @@ TZDictionary* CreatePropsDictionary(uint32_t category, const ProfileTable* table
         location->set_integer(location_key.key(), slot.Location);
         // A text that is not UTF-8 makes no string: its slot key is left out.
         const std::string_view file = field_text(slot.FileName);
-        if (tz::plist::is_valid_utf8(file)) file_name->set_string(file_key.key(), file);
+        if (tz::is_valid_utf8(file)) file_name->set_string(file_key.key(), file);
         const std::string_view name = field_text(slot.ProfileName);
-        if (tz::plist::is_valid_utf8(name)) profile_name->set_string(name_key.key(), name);
+        if (tz::is_valid_utf8(name)) profile_name->set_string(name_key.key(), name);
         for (tz::store::SlotKeys* keys :
              {&index_key, &in_menu_key, &class_key, &location_key, &file_key, &name_key})
             keys->next();

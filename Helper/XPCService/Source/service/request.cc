@@ -99,39 +99,4 @@ std::vector<std::string_view> cut_walk_arguments(std::string_view request, std::
     return arguments;  // the piece after the last ":arg:" is dropped
 }
 
-bool is_utf8(std::string_view text) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* end = p + text.size();
-    while (p < end) {
-        const unsigned char c = *p;
-        int follow = 0;
-        uint32_t code = 0;
-        if (c < 0x80) {
-            ++p;
-            continue;
-        } else if (c >= 0xC2 && c <= 0xDF) {
-            follow = 1;
-            code = c & 0x1F;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            follow = 2;
-            code = c & 0x0F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            follow = 3;
-            code = c & 0x07;
-        } else {
-            return false;
-        }
-        if (end - p <= follow) return false;
-        for (int k = 1; k <= follow; ++k) {
-            if ((p[k] & 0xC0) != 0x80) return false;
-            code = (code << 6) | (p[k] & 0x3F);
-        }
-        if ((follow == 2 && code < 0x800) || (follow == 3 && code < 0x10000) ||
-            (code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF)
-            return false;
-        p += follow + 1;
-    }
-    return true;
-}
-
 }  // namespace tz::request

@@ -62,8 +62,4 @@ WalkNames cut_walk_names(std::string_view request);
 std::vector<std::string_view> cut_walk_arguments(
     std::string_view request, std::size_t at_most = std::numeric_limits<std::size_t>::max());
 
-// True if `text` is well-formed UTF-8 (no overlongs, no surrogates, nothing
-// above U+10FFFF). A field that is not has no UTF-8 form and gives no path.
-bool is_utf8(std::string_view text);
-
 }  // namespace tz::request

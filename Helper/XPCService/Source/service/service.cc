@@ -6,6 +6,7 @@
 
 #include "file_ops.h"
 #include "request.h"
+#include "utf8.h"
 #include "tz_writes.h"
 #include "writes.h"
 
@@ -19,7 +20,7 @@ const std::string& answer(bool yes) { return yes ? kTrue : kFalse; }
 
 // A field handed on as a path: its UTF-8 form, or no path when it has none.
 std::optional<std::string> as_path(std::optional<std::string_view> field) {
-    if (!field || !request::is_utf8(*field)) return std::nullopt;
+    if (!field || !is_valid_utf8(*field)) return std::nullopt;
     return std::string(*field);
 }
 
@@ -56,7 +57,7 @@ void Service::tzPListRemove_XPC(std::string_view request, const Reply& reply) co
 // answered "FALSE" with no file touched.
 void Service::writeDictionaryToPlistFile_XPC(std::string_view request, const Reply& reply) const {
     const request::Write write = request::cut_write(request);
-    reply(answer(request::is_utf8(write.text) && write_url_file(write.url, write.text)));
+    reply(answer(is_valid_utf8(write.text) && write_url_file(write.url, write.text)));
 }
 
 void Service::writeDataToPlistFile_XPC(std::string_view request, const Reply& reply) const {

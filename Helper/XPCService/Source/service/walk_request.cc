@@ -11,6 +11,7 @@
 
 #include "guarded_format.h"
 #include "request.h"
+#include "utf8.h"
 #include "service.h"
 #include "tz_discovery.h"
 #include "tz_profile_store.h"
@@ -25,7 +26,7 @@ constexpr int32_t kTooManyArguments = -1;
 // A name as the paths spell it: a missing one (or one without a UTF-8 form)
 // prints as "(null)", as printf prints a null string.
 std::string name_text(std::optional<std::string_view> field) {
-    if (!field || !request::is_utf8(*field)) return "(null)";
+    if (!field || !is_valid_utf8(*field)) return "(null)";
     return std::string(*field);
 }
 

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "file_url.h"
-#include "request.h"
+#include "utf8.h"
 
 namespace tz {
 namespace {
@@ -114,9 +114,9 @@ bool write_url_file(std::string_view file_url, std::string_view bytes) {
 
 bool append_url_piece(std::string_view file_url, std::string_view piece) {
     const auto path = file_url_path(std::string(file_url) + std::string(kTemporarySuffix));
-    if (!path || !request::is_utf8(piece)) return false;
+    if (!path || !is_valid_utf8(piece)) return false;
     std::string content;
-    if (auto old = read_regular_file(*path); old && request::is_utf8(*old)) content = std::move(*old);
+    if (auto old = read_regular_file(*path); old && is_valid_utf8(*old)) content = std::move(*old);
     content += piece;
     return store(*path, content);
 }
