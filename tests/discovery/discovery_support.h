@@ -1,27 +1,25 @@
 // Helpers for the discovery tests: variables as the walk receives them,
-// walks with command-line arguments, and a profile plist in a temporary
-// folder for the rebuild to read and write.
+// walks with command-line arguments, and a scripted agent (scripted_agent.py)
+// for printers that misbehave in ways snmpd cannot be made to.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "temp_dir.h"
+#include "profile_tables.h"
+#include "snmp_agent.h"
 #include "tz_discovery.h"
 
 namespace tz::test {
-
-inline const std::string kTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
-
-// "<table>.<column>.1.<row>", the OID of one cell of the printer's table.
-inline std::string cell(int column, int row) {
-    return kTable + "." + std::to_string(column) + ".1." + std::to_string(row);
-}
 
 // One received variable, owning its value.
 class Variable {
@@ -60,6 +58,17 @@ private:
     netsnmp_variable_list var_;
 };
 
+// Fills spool row `row` (from 1) as the walk would from the six columns.
+inline void spool_row(int row, int index, int source, const std::string& file, int cls,
+                      const std::string& profile = "P") {
+    Variable::integer(cell(1, row), index).spool();
+    Variable::integer(cell(2, row), source).spool();
+    Variable::text(cell(3, row), profile).spool();
+    Variable::text(cell(4, row), file).spool();
+    Variable::integer(cell(5, row), cls).spool();
+    Variable::integer(cell(7, row), 1).spool();
+}
+
 // Runs mib_walk with argv[0] "snmpwalk" and `arguments`, from writable copies.
 inline int32_t walk(const std::vector<std::string>& arguments) {
     std::vector<std::string> copies = {"snmpwalk"};
@@ -71,71 +80,43 @@ inline int32_t walk(const std::vector<std::string>& arguments) {
 }
 
 // Fast failing v1 walk options for an agent on 127.0.0.1.
-inline std::vector<std::string> v1(const std::string& peer, const std::string& root) {
+inline std::vector<std::string> v1(const std::string& peer, const std::string& root = kProfileTable) {
     return {"-v1", "-c", "public", "-t", "0.2", "-r", "0", peer, root};
 }
 
-// A profile plist folder: points the store's path globals at its files for
-// the lifetime of the object.
-class ProfileFiles {
+// The scripted agent in a child process: one answer per request, in order
+// (`script` is the JSON list of answers), and a log of every request.
+class ScriptedAgent {
 public:
-    ProfileFiles()
-        : current_(dir_.file("alice-ModelX-profile.plist")),
-          previous_(dir_.file("alice-ModelX-profile.prev.plist")),
-          spool_(dir_.file("alice-ModelX-profile.spool.plist")) {
-        TZ_PLIST_PROFILE_PATH = current_.c_str();
-        TZ_PLIST_PROFILE_PREV_PATH = previous_.c_str();
-        TZ_PLIST_PROFILE_SPOOL_PATH = spool_.c_str();
+    explicit ScriptedAgent(const std::string& script)
+        : out_(::popen(("exec /usr/bin/python3 " TZ_SCRIPTED_AGENT " '" + log_path() + "' '" + script + "'").c_str(),
+                       "r")) {
+        char port[16] = {};  // printed once the agent is bound
+        if (out_ == nullptr || std::fgets(port, sizeof port, out_) == nullptr)
+            throw std::runtime_error("the scripted agent did not start");
+        port_ = std::atoi(port);
     }
-    ~ProfileFiles() {
-        TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr;
+    // Closing the pipe ends the agent; pclose waits for it.
+    ~ScriptedAgent() { ::pclose(out_); }
+    ScriptedAgent(const ScriptedAgent&) = delete;
+    ScriptedAgent& operator=(const ScriptedAgent&) = delete;
+
+    std::string peer() const { return "127.0.0.1:" + std::to_string(port_); }
+
+    // The requests received so far, one "<get|getnext> <oid>" each.
+    std::vector<std::string> requests() const {
+        std::vector<std::string> lines;
+        std::istringstream in(exists(log_path()) ? read_file(log_path()) : std::string());
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
     }
-    const std::string& current() const { return current_; }
 
 private:
+    std::string log_path() const { return dir_.file("requests.log"); }
+
     TempDir dir_;
-    std::string current_, previous_, spool_;
+    std::FILE* out_;
+    int port_ = 0;
 };
-
-// An entry with the given fields, the rest zero.
-inline ProfileEntry entry(int in_menu, int index, int cls, const char* file, int location,
-                          const char* profile = "") {
-    ProfileEntry e;
-    std::memset(&e, 0, sizeof e);
-    e.IndexOnDevice = index;
-    e.InMenu = in_menu;
-    e.ProfileClass = cls;
-    std::strncpy(e.FileName, file, sizeof e.FileName - 1);
-    std::strncpy(e.ProfileName, profile, sizeof e.ProfileName - 1);
-    e.Location = location;
-    return e;
-}
-
-struct Tables {
-    ProfileTable rgb, sim, dst;
-    Tables() {
-        std::memset(&rgb, 0, sizeof rgb);
-        std::memset(&sim, 0, sizeof sim);
-        std::memset(&dst, 0, sizeof dst);
-    }
-    ProfileTable& operator[](int category) { return category == 0 ? rgb : category == 1 ? sim : dst; }
-    void add(int category, const ProfileEntry& e) {
-        ProfileTable& t = (*this)[category];
-        t.Entry[t.iNum++] = e;
-    }
-    int32_t write() const { return TZPListWriteProfile_All(&rgb, &sim, &dst); }
-    int32_t read() { return TZPListReadProfile_All(&rgb, &sim, &dst); }
-};
-
-// Fills spool row `row` (from 1) as the walk would from the six columns.
-inline void spool_row(int row, int index, int source, const std::string& file, int cls,
-                      const std::string& profile = "P") {
-    Variable::integer(cell(1, row), index).spool();
-    Variable::integer(cell(2, row), source).spool();
-    Variable::text(cell(3, row), profile).spool();
-    Variable::text(cell(4, row), file).spool();
-    Variable::integer(cell(5, row), cls).spool();
-    Variable::integer(cell(7, row), 1).spool();
-}
 
 }  // namespace tz::test

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "discovery_support.h"
-#include "scripted_agent.h"
 
+namespace tz::test {
 namespace {
 
 const std::string kRoot = "1.3.6.1.4.1.99991.1";
@@ -13,9 +13,9 @@ const std::string kScript = R"([{"oid": "1.3.6.1.4.1.99992.1", "int": 1},
 
 TEST(FreshProcess, FirstAnswerOutsideTheSubtreeBringsOneGetOfTheRoot) {
     ASSERT_EQ(numprinted, 0);
-    tz::test::ProfileFiles files;
-    tz::test::ScriptedAgent agent(kScript);
-    EXPECT_EQ(tz::test::walk(tz::test::v1(agent.peer(), kRoot)), 0);
+    const ProfilePaths paths;
+    ScriptedAgent agent(kScript);
+    EXPECT_EQ(walk(v1(agent.peer(), kRoot)), 0);
     EXPECT_EQ(agent.requests(), (std::vector<std::string>{"getnext " + kRoot, "get " + kRoot}));
     EXPECT_EQ(numprinted, 1);           // the GET's answer is counted...
     EXPECT_EQ(PlistForSpool.iNum, 0);  // ...but not spooled
@@ -23,10 +23,11 @@ TEST(FreshProcess, FirstAnswerOutsideTheSubtreeBringsOneGetOfTheRoot) {
 
 TEST(FreshProcess, LaterWalksNeverSendIt) {
     ASSERT_GT(numprinted, 0);
-    tz::test::ProfileFiles files;
-    tz::test::ScriptedAgent agent(kScript);
-    EXPECT_EQ(tz::test::walk(tz::test::v1(agent.peer(), kRoot)), 0);
+    const ProfilePaths paths;
+    ScriptedAgent agent(kScript);
+    EXPECT_EQ(walk(v1(agent.peer(), kRoot)), 0);
     EXPECT_EQ(agent.requests(), std::vector<std::string>{"getnext " + kRoot});
 }
 
 }  // namespace
+}  // namespace tz::test

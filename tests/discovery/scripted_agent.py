@@ -13,9 +13,11 @@ SCRIPT is a JSON list with one answer per request received, in order:
 Requests after the last answer get no answer. Every request is appended to LOG
 as "<get|getnext|other> <oid>" and flushed before it is answered, so a test
 reads the log once the walk has returned. The agent binds 127.0.0.1 on a free
-UDP port, prints the port on a line of its own and serves until killed.
+UDP port, prints the port on a line of its own and serves until the reader of
+its standard output closes it.
 """
 import json
+import select
 import socket
 import sys
 
@@ -35,7 +37,15 @@ def main():
     sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     sock.bind(("127.0.0.1", 0))
     print(sock.getsockname()[1], flush=True)
+    poller = select.poll()
+    poller.register(sock, select.POLLIN)
+    poller.register(sys.stdout, 0)  # POLLERR once the reader is gone
     while True:
+        events = dict(poller.poll())
+        if events.get(sys.stdout.fileno()):
+            return
+        if not events.get(sock.fileno()):
+            continue
         data, peer = sock.recvfrom(65535)
         version = int(api.decodeMessageVersion(data))
         module = api.protoModules[version]

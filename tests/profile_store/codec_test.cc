@@ -4,8 +4,6 @@
 #include <plist/plist.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "plist_codec.h"
 #include "store_fixture.h"
 
@@ -34,33 +32,10 @@ std::string json(const TZDictionary& dict) {
     return out + "}";
 }
 
-// The value of key "v" in a document whose root holds `body` under it.
-// The tree stays with the value: its texts point into the tree's storage.
-struct Held {
-    DictRef root;
-    const plist::Value* value = nullptr;
-    const plist::Value* operator->() const { return value; }
-    explicit operator bool() const { return value != nullptr; }
-};
-
-Held value_of(const std::string& body) {
-    Held held;
-    held.root = plist::parse("<plist><dict><key>v</key>" + body + "</dict></plist>");
-    if (held.root) held.value = held.root->find("v");
-    return held;
-}
-
-std::string run_python(const std::string& code, const std::string& args) {
-    TempDir dir;
-    write_file(dir.file("script.py"), code);
-    FILE* pipe =
-        ::popen((std::string(TZ_PYTHON3) + " " + dir.file("script.py") + " " + args).c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, got);
-    if (pipe == nullptr || ::pclose(pipe) != 0) out += "\n(python failed)";
-    return out;
+// The document {"v": <body>} as json() writes it, or "refused".
+std::string json_of(const std::string& body) {
+    const DictRef root = plist::parse("<plist><dict><key>v</key>" + body + "</dict></plist>");
+    return root ? json(*root) : "refused";
 }
 
 const char* const kUtf8 = "Caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x96\xA8";
@@ -84,56 +59,34 @@ DictRef sample_tree() {
     return root;
 }
 
-TEST(CodecValues, IntegersTakeSignHexAndWhitespaceAndNothingElse) {
-    const std::pair<const char*, long long> accepted[] = {
-        {"+5", 5}, {"-5", -5}, {" 7\n", 7}, {"0x1F", 31}, {"4294967301", 4294967301LL}};
-    for (const auto& [text, expected] : accepted) {
-        const auto v = value_of(std::string("<integer>") + text + "</integer>");
-        ASSERT_TRUE(v && v->kind == Kind::Integer) << text;
-        EXPECT_EQ(v->integer, expected) << text;
-    }
-    for (const char* text : {"1.5", "", "12abc", "99999999999999999999", "- 5", "0x"})
-        EXPECT_EQ(value_of(std::string("<integer>") + text + "</integer>")->kind, Kind::Other)
-            << text;
-    EXPECT_FALSE(value_of("<integer>4294967301</integer>")->as_int32());  // never the low 32 bits
-}
-
-TEST(CodecValues, StringsDecodeEntitiesAndCdataAndOtherValuesAreSkipped) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"&lt;a&gt; &amp; &#233; &#x41; &quot;", "<a> & \xC3\xA9 A \""},
-        {"<![CDATA[<x>]]>&amp;<![CDATA[y]]>", "<x>&y"},
-        {"", ""},
-        {" ", " "},
-        {"a\r\nb", "a\nb"}};
-    for (const auto& [xml, expected] : cases) {
-        const auto v = value_of(std::string("<string>") + xml + "</string>");
-        ASSERT_TRUE(v && v->kind == Kind::String) << xml;
-        EXPECT_EQ(v->text, expected) << xml;
-    }
-    EXPECT_EQ(value_of("<string/>")->text, "");
-    const DictRef root = plist::parse(
-        "<plist><dict><key>t</key><true/><key>r</key><real>1.5</real><key>d</key><data>AAE=</data>"
-        "<key>date</key><date>2020-01-01T00:00:00Z</date><key>a</key><array><dict/></array>"
-        "<key>u</key><unknown>5</unknown><key>n</key><integer>3</integer>"
-        "<key>n</key><integer>4</integer></dict></plist>");  // the last of equal keys wins
-    ASSERT_TRUE(root);
-    EXPECT_EQ(json(*root),
-              R"({"a": "?", "d": "?", "date": "?", "n": 4, "r": "?", "t": "?", "u": "?"})");
-    EXPECT_EQ(plist::to_xml(*root).find("<key>t</key>"), std::string::npos);  // not written
+TEST(CodecValues, WhatIsReadAndWhatIsSkipped) {
+    EXPECT_EQ(json_of("<integer> -5\n</integer>"), R"({"v": -5})");
+    EXPECT_EQ(json_of("<integer>0x1F</integer>"), R"({"v": 31})");
+    for (const char* text : {"1.5", "", "12abc", "99999999999999999999", "0x"})
+        EXPECT_EQ(json_of(std::string("<integer>") + text + "</integer>"), R"({"v": "?"})") << text;
+    for (const char* other : {"<true/>", "<real>1.5</real>", "<data>AAE=</data>", "<array><dict/></array>"})
+        EXPECT_EQ(json_of(other), R"({"v": "?"})") << other;
+    EXPECT_EQ(json_of("<string>&lt;a&gt; &amp; &#233; &#x41; &quot;</string>"), "{\"v\": \"<a> & \xC3\xA9 A \\\"\"}");
+    EXPECT_EQ(json_of("<string><![CDATA[<x>]]>&amp;<![CDATA[y]]></string>"), R"({"v": "<x>&y"})");
+    EXPECT_EQ(json_of("<string>a\r\nb</string>"), "{\"v\": \"a\nb\"}");
+    EXPECT_EQ(json_of("<string/>"), R"({"v": ""})");
+    const DictRef twice = plist::parse("<plist><dict><key>n</key><integer>3</integer><key>n</key>"
+                                       "<integer>4</integer><key>t</key><true/></dict></plist>");
+    ASSERT_TRUE(twice);
+    EXPECT_EQ(json(*twice), R"({"n": 4, "t": "?"})");  // the last of equal keys wins
+    EXPECT_EQ(plist::to_xml(*twice).find("<key>t</key>"), std::string::npos);  // not written
 }
 
 TEST(CodecValues, Utf16InputAndUtf8Validation) {
-    const std::string xml =
-        "<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><dict><key>k</key>"
-        "<string>value</string></dict></plist>";
+    const std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><dict><key>k</key>"
+                            "<string>value</string></dict></plist>";
     std::string utf16 = "\xFF\xFE";
     for (char c : xml) utf16 += std::string{c, '\0'};
     const DictRef root = plist::parse(utf16);  // its texts outlive the converted document
     ASSERT_TRUE(root);
     EXPECT_EQ(json(*root), R"({"k": "value"})");
     EXPECT_TRUE(is_valid_utf8(kUtf8));
-    for (const char* bad :
-         {"\xC3", "\xC3\x28", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80"})
+    for (const char* bad : {"\xC3", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80"})
         EXPECT_FALSE(is_valid_utf8(bad));
 }
 
@@ -159,23 +112,13 @@ TEST(CodecValues, WriterLeavesOutWhatXmlCannotHold) {
               "['cr', 'kept'] 'a\\rb\\r\\nc'\n");
 }
 
+// libplist reads our XML, and we read what it writes of that tree, as XML
+// and as a binary list: a value either side misread would not come back.
 TEST(CodecParity, LibplistBothWays) {
     const std::string ours = plist::to_xml(*sample_tree());
     plist_t root = nullptr;
     plist_from_xml(ours.data(), static_cast<uint32_t>(ours.size()), &root);
     ASSERT_NE(root, nullptr);
-    plist_t inner = plist_dict_get_item(root, "inner");
-    uint64_t number = 0;
-    plist_get_uint_val(plist_dict_get_item(inner, "min"), &number);
-    EXPECT_EQ(static_cast<int64_t>(number), INT32_MIN);
-    for (const auto& [key, expected] :
-         {std::pair{"escaped", kEscaped}, {"utf8", kUtf8}, {"empty", ""}}) {
-        char* text = nullptr;
-        plist_get_string_val(plist_dict_get_item(inner, key), &text);
-        EXPECT_STREQ(text, expected);
-        std::free(text);
-    }
-    // The other way: libplist's XML and binary forms of that tree.
     char *xml = nullptr, *bin = nullptr;
     uint32_t xml_length = 0, bin_length = 0;
     plist_to_xml(root, &xml, &xml_length);
@@ -191,8 +134,7 @@ TEST(CodecParity, LibplistBothWays) {
 
 TEST(CodecParity, PlistlibBothWays) {
     TempDir dir;
-    const std::string ours = dir.file("ours.plist"), x = dir.file("x.plist"),
-                      b = dir.file("b.plist");
+    const std::string ours = dir.file("ours.plist"), x = dir.file("x.plist"), b = dir.file("b.plist");
     ASSERT_TRUE(plist::write_file(ours.c_str(), *sample_tree()));
     EXPECT_EQ(run_python(R"(import json, plistlib, sys
 tree = plistlib.load(open(sys.argv[1], 'rb'))
@@ -210,13 +152,10 @@ plistlib.dump(tree, open(sys.argv[3], 'wb'), fmt=plistlib.FMT_BINARY)
 }
 
 TEST(CodecBadFiles, MalformedAndTruncatedInputIsRefused) {
-    for (const char* text :
-         {"", "garbage", "<plist>", "<plist><dict><key>a</key><integer>1</integer></plist>",
-          "<plist><dict><key>a</key></dict></plist>",
-          "<plist><dict><integer>1</integer></dict></plist>",
-          "<plist><dict><key>a</key><key>b</key></dict></plist>", "<plist><array/></plist>",
-          "<plist><dict><key>a</key><dict><key>x</key></dict></dict></plist>"})
-        EXPECT_FALSE(plist::parse(text)) << text;
+    for (const char* body : {"", "<key>a</key>", "<integer>1</integer><integer>2</integer>", "<integer>1</integer></plist>",
+                             "<dict><key>x</key></dict>"})
+        EXPECT_EQ(json_of(body), "refused") << body;
+    EXPECT_FALSE(plist::parse("<plist><array/></plist>"));
     const std::string xml = plist::to_xml(*sample_tree());
     for (size_t cut = 0; cut < xml.rfind("</plist>"); ++cut)
         EXPECT_FALSE(plist::parse(xml.substr(0, cut)));

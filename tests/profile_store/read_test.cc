@@ -7,9 +7,7 @@ namespace {
 
 class ReadTest : public StoreTest {
 protected:
-    void write(const std::map<std::string, Category>& categories) {
-        write_file(current_, file_xml(categories));
-    }
+    void write(const std::map<std::string, Category>& categories) { write_file(current_, file_xml(categories)); }
     // RGB as given, SIM and DST empty but complete.
     void write_rgb(const Category& rgb) { write({{"RGB", rgb}, {"SIM", {}}, {"DST", {}}}); }
 };
@@ -29,9 +27,7 @@ TEST_F(ReadTest, PresenceChecksComeBeforeAnyTableIsWritten) {
     write({{"RGB", full}, {"SIM", {}}});
     EXPECT_EQ(read_all(), -1);
     // A field "dictionary" of another type counts as missing.
-    write({{"RGB", full},
-           {"SIM", {}},
-           {"DST", {{}, "", {"InMenu"}, {}, "<key>InMenu</key><true/>"}}});
+    write({{"RGB", full}, {"SIM", {}}, {"DST", {{}, "", {"InMenu"}, {}, "<key>InMenu</key><true/>"}}});
     EXPECT_EQ(read_all(), -1);
     EXPECT_TRUE(same_bytes(*rgb_, before));
 
@@ -40,30 +36,20 @@ TEST_F(ReadTest, PresenceChecksComeBeforeAnyTableIsWritten) {
     EXPECT_TRUE(same_bytes(*rgb_, before));
 }
 
-TEST_F(ReadTest, MissingAndWrongTypedSlotValuesLeaveTheField) {
-    write_rgb({{{0, entry(3, 2, "A.ICC", 4, 1, "Alpha")}},
-               "",
-               {},
-               {{"ProfileName/ProfileName0000", ""},
+TEST_F(ReadTest, MissingAndWrongTypedValuesLeaveTheFieldAndTextIsCutAt31Bytes) {
+    const std::string name = std::string(30, 'n') + "\xC3\xA9" + "tail";  // cut inside the é
+    write_rgb({{{0, entry(3, 2, "A.ICC", 4, 1, "Alpha")}, {1, entry(1, 1, "B.ICC")}}, "", {}, {{"ProfileName/ProfileName0000", ""},
                 {"IndexOnDevice/IndexOnDevice0000", "<string>12</string>"},
                 {"FileName/FileName0000", "<integer>77</integer>"},
                 {"Location/Location0000", "<integer>4294967301</integer>"},  // 2^32 + 5
-                {"ProfileClass/ProfileClass0000", "<true/>"}}});
+                {"ProfileClass/ProfileClass0000", "<true/>"},
+                {"ProfileName/ProfileName0001", "<string>" + name + "</string>"}}});
     rgb_->Entry[0] = entry(8, 0, "KEEP.ICC", 6, 2, "kept");
+    std::memset(rgb_->Entry[1].ProfileName, 'x', 32);
     ASSERT_EQ(read_all(), 0);
     EXPECT_TRUE(same_bytes(rgb_->Entry[0], entry(8, 2, "KEEP.ICC", 6, 2, "kept")));
-    EXPECT_EQ(rgb_->iNum, 1);  // no "iNum": the count check sets it
-}
-
-TEST_F(ReadTest, TextIsCutAt31BytesEvenInsideACharacter) {
-    const std::string name = std::string(30, 'n') + "\xC3\xA9" + "tail";  // cut inside the é
-    write_rgb({{{0, entry(1, 1, "A.ICC")}},
-               "",
-               {},
-               {{"ProfileName/ProfileName0000", "<string>" + name + "</string>"}}});
-    std::memset(rgb_->Entry[0].ProfileName, 'x', 32);
-    ASSERT_EQ(read_all(), 0);
-    EXPECT_EQ(std::string(rgb_->Entry[0].ProfileName, 32), name.substr(0, 31) + '\0');
+    EXPECT_EQ(std::string(rgb_->Entry[1].ProfileName, 32), name.substr(0, 31) + '\0');
+    EXPECT_EQ(rgb_->iNum, 2);  // no "iNum": the count check sets it
 }
 
 TEST_F(ReadTest, CountCheckTrustsSlotsInUseToComeFirst) {
@@ -90,27 +76,24 @@ TEST_F(ReadTest, CountCheckTrustsSlotsInUseToComeFirst) {
 
 TEST_F(ReadTest, CategoryReadNeedsOnlyItsOwnCategory) {
     write({{"SIM", {{{0, entry(5, 1, "S.ICC")}}, "1"}}});
-    for (int32_t selector : {0, 2, 3, -1})
-        EXPECT_EQ(TZPListReadProfile_Dict(rgb_.get(), selector), -1);
+    for (int32_t selector : {0, 2, 3, -1}) EXPECT_EQ(TZPListReadProfile_Dict(rgb_, selector), -1);
     EXPECT_TRUE(same_bytes(*rgb_, *table()));
-    ASSERT_EQ(TZPListReadProfile_Dict(rgb_.get(), TZ_CATEGORY_SIM), 0);
+    ASSERT_EQ(TZPListReadProfile_Dict(rgb_, TZ_CATEGORY_SIM), 0);
     EXPECT_STREQ(rgb_->Entry[0].FileName, "S.ICC");
 
     // Over a table of five: slots 3-4 keep theirs, and with no "iNum" the
     // count 5 agrees with the slots in use.
-    write(
-        {{"RGB",
-          {{{0, entry(7, 2, "N0.ICC")}, {1, entry(8, 2, "N1.ICC")}, {2, entry(9, 2, "N2.ICC")}}}}});
+    write({{"RGB", {{{0, entry(7, 2, "N0.ICC")}, {1, entry(8, 2, "N1.ICC")}, {2, entry(9, 2, "N2.ICC")}}}}});
     prefill(*sim_);
-    ASSERT_EQ(TZPListReadProfile_Dict(sim_.get(), TZ_CATEGORY_RGB), 0);
+    ASSERT_EQ(TZPListReadProfile_Dict(sim_, TZ_CATEGORY_RGB), 0);
     EXPECT_STREQ(sim_->Entry[2].FileName, "N2.ICC");
     EXPECT_STREQ(sim_->Entry[3].FileName, "OLD.ICC");
     EXPECT_EQ(sim_->iNum, 5);
 
     write({{"RGB", {{}, "", {"Location"}}}});
     const ProfileTable before = *sim_;
-    EXPECT_EQ(TZPListReadProfile_Dict(sim_.get(), TZ_CATEGORY_RGB), -1);
-    EXPECT_EQ(TZPListReadProfile_Dict_Pap(sim_.get(), TZ_CATEGORY_RGB), -1);
+    EXPECT_EQ(TZPListReadProfile_Dict(sim_, TZ_CATEGORY_RGB), -1);
+    EXPECT_EQ(TZPListReadProfile_Dict_Pap(sim_, TZ_CATEGORY_RGB), -1);
     EXPECT_TRUE(same_bytes(*sim_, before));
 }
 
@@ -119,17 +102,12 @@ TEST_F(ReadTest, PapReadDropsMarkTwoAndStoresFourAsSix) {
     // keeps that slot's InMenu. One slot is skipped, so table slot 499 is not
     // written, and the count check then clears it.
     write({{"RGB",
-            {{{0, entry(1, 1, "F0.ICC")},
-              {1, entry(2, 2, "F1.ICC")},
-              {2, entry(3, 4, "F2.ICC")},
-              {3, entry(4, 3, "F3.ICC")},
-              {4, entry(5, 6, "F4.ICC")}},
-             "5",
-             {},
-             {{"FileName/FileName0005", "<string>F5.ICC</string>"}}}}});
+            {{{0, entry(1, 1, "F0.ICC")}, {1, entry(2, 2, "F1.ICC")}, {2, entry(3, 4, "F2.ICC")},
+              {3, entry(4, 3, "F3.ICC")}, {4, entry(5, 6, "F4.ICC")}},
+             "5", {}, {{"FileName/FileName0005", "<string>F5.ICC</string>"}}}}});
     rgb_->Entry[4].InMenu = 9;
     rgb_->Entry[499] = entry(0, 1, "LAST.ICC");
-    ASSERT_EQ(TZPListReadProfile_Dict_Pap(rgb_.get(), TZ_CATEGORY_RGB), 0);
+    ASSERT_EQ(TZPListReadProfile_Dict_Pap(rgb_, TZ_CATEGORY_RGB), 0);
     const char* files[] = {"F0.ICC", "F2.ICC", "F3.ICC", "F4.ICC", "F5.ICC"};
     const int32_t marks[] = {1, 6, 3, 6, 9};
     for (int d = 0; d < 5; ++d) {

@@ -1,74 +1,39 @@
-// Shared pieces of the profile store tests: a temporary folder with the path
-// globals pointed into it, table builders, and XML text for files the store's
-// own writer would never produce.
+// The profile store tests' fixture (the path globals pointed into a temporary
+// folder) and XML for files the store's own writer would never produce.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 
-#include "temp_dir.h"
-#include "tz_profile_store.h"
+#include "profile_tables.h"
 
 namespace tz::test {
 
-// Tables live on the heap, zeroed: three of them are 126 KB.
-inline std::unique_ptr<ProfileTable> table() {
-    auto t = std::make_unique<ProfileTable>();
-    std::memset(t.get(), 0, sizeof(ProfileTable));
-    return t;
-}
+inline std::unique_ptr<ProfileTable> table() { return std::make_unique<ProfileTable>(); }
 
-inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name,
-                          int32_t location = 4, int32_t profile_class = 1, const char* name = "") {
-    ProfileEntry e;
-    std::memset(&e, 0, sizeof e);
-    e.IndexOnDevice = index;
-    e.InMenu = in_menu;
-    e.ProfileClass = profile_class;
-    std::strncpy(e.FileName, file_name, sizeof e.FileName - 1);
-    std::strncpy(e.ProfileName, name, sizeof e.ProfileName - 1);
-    e.Location = location;
-    return e;
-}
-
-template <typename T>
-bool same_bytes(const T& a, const T& b) {
-    return std::memcmp(&a, &b, sizeof(T)) == 0;
-}
-
-// Points the path globals into a fresh temporary folder.
 class StoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        TZ_PLIST_PROFILE_PATH = current_.c_str();
-        TZ_PLIST_PROFILE_PREV_PATH = previous_.c_str();
-    }
-    void TearDown() override { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = nullptr; }
-    int32_t read_all() { return TZPListReadProfile_All(rgb_.get(), sim_.get(), dst_.get()); }
+    int32_t read_all() { return tables_->read(); }
 
-    TempDir dir_;
-    std::string current_ = dir_.file("user-T48Q-profile.plist");
-    std::string previous_ = dir_.file("user-T48Q-profile.prev.plist");
-    std::unique_ptr<ProfileTable> rgb_ = table(), sim_ = table(), dst_ = table();
+    ProfilePaths paths_;
+    const std::string& current_ = paths_.current;
+    const std::string& previous_ = paths_.previous;
+    const std::unique_ptr<Tables> tables_ = std::make_unique<Tables>();
+    ProfileTable *rgb_ = &tables_->rgb, *sim_ = &tables_->sim, *dst_ = &tables_->dst;
 };
 
 // One category of a hand-made file: the slots given (no other slot keys),
-// "iNum" only when set, field dictionaries left out by name, and single
-// values replaced by raw XML ("Field/Key" -> "<true/>"; "" drops the key),
-// and extra raw entries of the category.
+// "iNum" only when set, field dictionaries left out by name, single values
+// replaced by raw XML ("Field/Key" -> "<true/>"; "" drops the key), and extra
+// raw entries of the category.
 struct Category {
-    Category(std::map<int, ProfileEntry> slots_ = {}, std::string inum_ = "",
-             std::set<std::string> omit_ = {}, std::map<std::string, std::string> raw_ = {},
-             std::string extra_ = "")
-        : slots(std::move(slots_)),
-          inum(std::move(inum_)),
-          omit(std::move(omit_)),
-          raw(std::move(raw_)),
+    Category(std::map<int, ProfileEntry> slots_ = {}, std::string inum_ = "", std::set<std::string> omit_ = {},
+             std::map<std::string, std::string> raw_ = {}, std::string extra_ = "")
+        : slots(std::move(slots_)), inum(std::move(inum_)), omit(std::move(omit_)), raw(std::move(raw_)),
           extra(std::move(extra_)) {}
     std::map<int, ProfileEntry> slots;
     std::string inum;
@@ -83,21 +48,20 @@ inline std::string category_xml(const Category& c) {
     std::string xml = "<dict>" + c.extra;
     if (!c.inum.empty()) xml += "<key>iNum</key><integer>" + c.inum + "</integer>";
     for (int f = 0; f < 6; ++f) {
-        const char* field = fields[f];
+        const std::string field = fields[f];
         if (c.omit.count(field)) continue;
         std::map<std::string, std::string> values;
         for (const auto& [n, e] : c.slots) {
             char key[32];
-            std::snprintf(key, sizeof key, "%s%04d", field, n);
+            std::snprintf(key, sizeof key, "%s%04d", field.c_str(), n);
             const int32_t numbers[] = {e.IndexOnDevice, e.InMenu, e.ProfileClass, 0, 0, e.Location};
             values[key] = f == 3   ? "<string>" + std::string(e.FileName) + "</string>"
                           : f == 4 ? "<string>" + std::string(e.ProfileName) + "</string>"
                                    : "<integer>" + std::to_string(numbers[f]) + "</integer>";
         }
         for (const auto& [path, value] : c.raw)
-            if (path.rfind(std::string(field) + "/", 0) == 0)
-                values[path.substr(path.find('/') + 1)] = value;
-        xml += std::string("<key>") + field + "</key><dict>";
+            if (path.rfind(field + "/", 0) == 0) values[path.substr(field.size() + 1)] = value;
+        xml += "<key>" + field + "</key><dict>";
         for (const auto& [key, value] : values)
             if (!value.empty()) xml += "<key>" + key + "</key>" + value;
         xml += "</dict>";

@@ -30,6 +30,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -50,6 +51,31 @@ inline std::string override_integer(std::string_view oid, long value) {
 // TEXT must not hold a quotation mark or a line break.
 inline std::string override_string(std::string_view oid, std::string_view text) {
     return "override " + std::string(oid) + " octet_str \"" + std::string(text) + "\"";
+}
+
+// The printer's profile table and the OID of one cell of it.
+inline const std::string kProfileTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
+inline std::string cell(int column, int row) {
+    return kProfileTable + "." + std::to_string(column) + ".1." + std::to_string(row);
+}
+
+// One row of the printer's table: columns 1 to 5 and 7 (available).
+inline std::vector<std::string> printer_row(int row, int source, const std::string& file, int cls) {
+    return {override_integer(cell(1, row), row), override_integer(cell(2, row), source),
+            override_string(cell(3, row), "Profile " + std::to_string(row)),
+            override_string(cell(4, row), file), override_integer(cell(5, row), cls),
+            override_integer(cell(7, row), 1)};
+}
+
+// Rows 1 to `rows`: file PRF<r>.ICC, source 5 or 4, class 1, 2, 3 in turn.
+inline std::vector<std::string> printer_table(int rows) {
+    std::vector<std::string> lines;
+    for (int r = 1; r <= rows; ++r) {
+        char file[32];
+        std::snprintf(file, sizeof file, "PRF%05d.ICC", r);
+        for (auto& line : printer_row(r, 4 + r % 2, file, (r - 1) % 3 + 1)) lines.push_back(line);
+    }
+    return lines;
 }
 
 // Runs `argv` with `env`, stdout and stderr to /dev/null; returns the child's
