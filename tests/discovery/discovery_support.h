@@ -89,8 +89,9 @@ inline std::vector<std::string> v1(const std::string& peer, const std::string& r
 class ScriptedAgent {
 public:
     explicit ScriptedAgent(const std::string& script)
-        : out_(::popen(("exec /usr/bin/python3 " TZ_SCRIPTED_AGENT " '" + log_path() + "' '" + script + "'").c_str(),
-                       "r")) {
+        : out_(::popen(
+              ("exec /usr/bin/python3 " TZ_SCRIPTED_AGENT " '" + log_path() + "' '" + script + "'").c_str(),
+              "r")) {
         char port[16] = {};  // printed once the agent is bound
         if (out_ == nullptr || std::fgets(port, sizeof port, out_) == nullptr)
             throw std::runtime_error("the scripted agent did not start");

@@ -8,9 +8,11 @@
 namespace {
 
 TEST(FileName, BaseUpTo27AndExtensionUpTo3) {
-    for (const std::string& name : std::vector<std::string>{"A.B", "ABC.", "A.B.C", std::string(27, 'A'), std::string(27, 'A') + ".ICC"})
+    for (const std::string& name : std::vector<std::string>{"A.B", "ABC.", "A.B.C", std::string(27, 'A'),
+                                                            std::string(27, 'A') + ".ICC"})
         EXPECT_TRUE(bJudgement8point3Format(name.c_str())) << name;
-    for (const std::string& name : std::vector<std::string>{"", ".ICM", "ABC.ICMX", "A.B.CD", std::string(28, 'A'), std::string(28, 'A') + ".ICC"})
+    for (const std::string& name : std::vector<std::string>{
+             "", ".ICM", "ABC.ICMX", "A.B.CD", std::string(28, 'A'), std::string(28, 'A') + ".ICC"})
         EXPECT_FALSE(bJudgement8point3Format(name.c_str())) << name;
     EXPECT_FALSE(bJudgement8point3Format(nullptr));
     EXPECT_FALSE(bJudgement8point3Format("A B.ICC"));

@@ -17,7 +17,7 @@ TEST(FreshProcess, FirstAnswerOutsideTheSubtreeBringsOneGetOfTheRoot) {
     ScriptedAgent agent(kScript);
     EXPECT_EQ(walk(v1(agent.peer(), kRoot)), 0);
     EXPECT_EQ(agent.requests(), (std::vector<std::string>{"getnext " + kRoot, "get " + kRoot}));
-    EXPECT_EQ(numprinted, 1);           // the GET's answer is counted...
+    EXPECT_EQ(numprinted, 1);          // the GET's answer is counted...
     EXPECT_EQ(PlistForSpool.iNum, 0);  // ...but not spooled
 }
 

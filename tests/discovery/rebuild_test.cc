@@ -85,7 +85,8 @@ TEST_F(Rebuild, CompleteWalkRemarksReportedProfilesAndDropsRefusedNames) {
 }
 
 TEST_F(Rebuild, FailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
-    for (const auto& [mark, file] : {std::pair{1, "ONE.ICC"}, {2, "TWO.ICC"}, {4, "FOUR.ICC"}, {5, "FIVE.ICC"}})
+    for (const auto& [mark, file] :
+         {std::pair{1, "ONE.ICC"}, {2, "TWO.ICC"}, {4, "FOUR.ICC"}, {5, "FIVE.ICC"}})
         Tables::add(before.sim, entry(mark, mark, file, 4, 3));
     ASSERT_EQ(before.write(), 0);
 

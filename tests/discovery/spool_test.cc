@@ -13,7 +13,9 @@ class Spool : public ::testing::Test {
 protected:
     void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
     static const SpoolRecord& row(int r) { return PlistForSpool.Entry[r - 1]; }
-    static std::string file_name(int r) { return std::string(row(r).FileName, strnlen(row(r).FileName, TZ_PROFILE_TEXT)); }
+    static std::string file_name(int r) {
+        return std::string(row(r).FileName, strnlen(row(r).FileName, TZ_PROFILE_TEXT));
+    }
 };
 
 TEST_F(Spool, FilesColumnsByRowAndCountsIndexCells) {
@@ -50,7 +52,7 @@ TEST_F(Spool, IgnoresWrongTypesUnknownColumnsAndCellsOutsideTheTable) {
 TEST_F(Spool, StringsOverwriteInPlaceAndFillTheFieldAndNoMore) {
     Variable::text(cell(4, 1), "ABCDEF").spool();
     Variable::text(cell(4, 1), "XY").spool();
-    EXPECT_EQ(file_name(1), "XYCDEF");  // no terminator written
+    EXPECT_EQ(file_name(1), "XYCDEF");                             // no terminator written
     Variable::text(cell(3, 2), std::string("AB\0CD", 5)).spool();  // cut at the zero byte
     EXPECT_STREQ(row(2).ProfileName, "AB");
     Variable::text(cell(4, 3), std::string(40, 'G')).spool();

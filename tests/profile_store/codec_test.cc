@@ -40,10 +40,9 @@ std::string json_of(const std::string& body) {
 
 const char* const kUtf8 = "Caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x96\xA8";
 const char* const kEscaped = "a & b < c > d \"q\" 'a'";
-const std::string kSampleJson =
-    std::string("{\"PlistVersion\": 1, \"inner\": {\"empty\": \"\", ") +
-    "\"escaped\": \"a & b < c > d \\\"q\\\" 'a'\", \"max\": 2147483647, " +
-    "\"min\": -2147483648, \"nothing\": {}, \"utf8\": \"" + kUtf8 + "\"}}";
+const std::string kSampleJson = std::string("{\"PlistVersion\": 1, \"inner\": {\"empty\": \"\", ") +
+                                "\"escaped\": \"a & b < c > d \\\"q\\\" 'a'\", \"max\": 2147483647, " +
+                                "\"min\": -2147483648, \"nothing\": {}, \"utf8\": \"" + kUtf8 + "\"}}";
 
 DictRef sample_tree() {
     auto store = std::make_shared<plist::TextStore>();
@@ -66,20 +65,23 @@ TEST(CodecValues, WhatIsReadAndWhatIsSkipped) {
         EXPECT_EQ(json_of(std::string("<integer>") + text + "</integer>"), R"({"v": "?"})") << text;
     for (const char* other : {"<true/>", "<real>1.5</real>", "<data>AAE=</data>", "<array><dict/></array>"})
         EXPECT_EQ(json_of(other), R"({"v": "?"})") << other;
-    EXPECT_EQ(json_of("<string>&lt;a&gt; &amp; &#233; &#x41; &quot;</string>"), "{\"v\": \"<a> & \xC3\xA9 A \\\"\"}");
+    EXPECT_EQ(json_of("<string>&lt;a&gt; &amp; &#233; &#x41; &quot;</string>"),
+              "{\"v\": \"<a> & \xC3\xA9 A \\\"\"}");
     EXPECT_EQ(json_of("<string><![CDATA[<x>]]>&amp;<![CDATA[y]]></string>"), R"({"v": "<x>&y"})");
     EXPECT_EQ(json_of("<string>a\r\nb</string>"), "{\"v\": \"a\nb\"}");
     EXPECT_EQ(json_of("<string/>"), R"({"v": ""})");
-    const DictRef twice = plist::parse("<plist><dict><key>n</key><integer>3</integer><key>n</key>"
-                                       "<integer>4</integer><key>t</key><true/></dict></plist>");
+    const DictRef twice = plist::parse(
+        "<plist><dict><key>n</key><integer>3</integer><key>n</key>"
+        "<integer>4</integer><key>t</key><true/></dict></plist>");
     ASSERT_TRUE(twice);
-    EXPECT_EQ(json(*twice), R"({"n": 4, "t": "?"})");  // the last of equal keys wins
+    EXPECT_EQ(json(*twice), R"({"n": 4, "t": "?"})");                          // the last of equal keys wins
     EXPECT_EQ(plist::to_xml(*twice).find("<key>t</key>"), std::string::npos);  // not written
 }
 
 TEST(CodecValues, Utf16InputAndUtf8Validation) {
-    const std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><dict><key>k</key>"
-                            "<string>value</string></dict></plist>";
+    const std::string xml =
+        "<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><dict><key>k</key>"
+        "<string>value</string></dict></plist>";
     std::string utf16 = "\xFF\xFE";
     for (char c : xml) utf16 += std::string{c, '\0'};
     const DictRef root = plist::parse(utf16);  // its texts outlive the converted document
@@ -152,13 +154,12 @@ plistlib.dump(tree, open(sys.argv[3], 'wb'), fmt=plistlib.FMT_BINARY)
 }
 
 TEST(CodecBadFiles, MalformedAndTruncatedInputIsRefused) {
-    for (const char* body : {"", "<key>a</key>", "<integer>1</integer><integer>2</integer>", "<integer>1</integer></plist>",
-                             "<dict><key>x</key></dict>"})
+    for (const char* body : {"", "<key>a</key>", "<integer>1</integer><integer>2</integer>",
+                             "<integer>1</integer></plist>", "<dict><key>x</key></dict>"})
         EXPECT_EQ(json_of(body), "refused") << body;
     EXPECT_FALSE(plist::parse("<plist><array/></plist>"));
     const std::string xml = plist::to_xml(*sample_tree());
-    for (size_t cut = 0; cut < xml.rfind("</plist>"); ++cut)
-        EXPECT_FALSE(plist::parse(xml.substr(0, cut)));
+    for (size_t cut = 0; cut < xml.rfind("</plist>"); ++cut) EXPECT_FALSE(plist::parse(xml.substr(0, cut)));
 
     plist_t root = nullptr;
     plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &root);
@@ -208,10 +209,9 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     EXPECT_FALSE(plist::parse(nested_binary(60, 2)));  // 2^60 nodes once expanded
     EXPECT_FALSE(plist::parse(nested_binary(5, 1, true)));
     // {"u": 2^64 - 1} as plistlib writes it, in 16 bytes; libplist would read -1.
-    std::string wide =
-        "bplist00\xD1\x01\x02\x51u\x14" + std::string(8, '\0') + std::string(8, '\xFF');
-    wide += std::string("\x08\x0B\x0D", 3) + std::string(6, '\0') + "\x01\x01" +
-            std::string(7, '\0') + "\x03" + std::string(15, '\0') + "\x1E";
+    std::string wide = "bplist00\xD1\x01\x02\x51u\x14" + std::string(8, '\0') + std::string(8, '\xFF');
+    wide += std::string("\x08\x0B\x0D", 3) + std::string(6, '\0') + "\x01\x01" + std::string(7, '\0') +
+            "\x03" + std::string(15, '\0') + "\x1E";
     EXPECT_FALSE(plist::parse(wide));
     wide.replace(14, 8, 8, '\xFF');  // the low bytes sign-extended: -1, which fits
     EXPECT_TRUE(plist::parse(wide));
@@ -230,8 +230,8 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     EXPECT_FALSE(plist::read_file(path.c_str()));
     EXPECT_FALSE(plist::read_file(dir.path().c_str()));
     // A large acceptable file: one 8 MB string, cut when read into a field.
-    write_file(path, "<plist><dict><key>s</key><string>" + std::string(8 << 20, 'x') +
-                         "</string></dict></plist>");
+    write_file(path,
+               "<plist><dict><key>s</key><string>" + std::string(8 << 20, 'x') + "</string></dict></plist>");
     char field[32];
     ReadDictionaryStringEntry(plist::read_file(path.c_str()).get(), "s", field);
     EXPECT_EQ(std::string(field), std::string(31, 'x'));

@@ -26,8 +26,8 @@ TEST(Mapping, DeviceEntriesFirstThenTheNewTable) {
 
     TZPListMapping_Pap(fresh.get(), current.get(), result.get(), exclusion.get());
     ASSERT_EQ(result->iNum, 5);
-    const ProfileEntry expected[] = {current->Entry[0], current->Entry[4], current->Entry[5],
-                                     fresh->Entry[0], fresh->Entry[1]};
+    const ProfileEntry expected[] = {current->Entry[0], current->Entry[4], current->Entry[5], fresh->Entry[0],
+                                     fresh->Entry[1]};
     for (int i = 0; i < 5; ++i) EXPECT_TRUE(same_bytes(result->Entry[i], expected[i])) << i;
     EXPECT_EQ(result->Entry[9].InMenu, 0x5A5A5A5A);  // not written
 
@@ -60,13 +60,17 @@ TEST_F(MappingFileTest, PapWriteKeepsDeviceEntriesUnlessAccountedFor) {
     exclusion->Entry[0] = entry(0, 0, "S-DEV.ICC");
     exclusion->iNum = 1;
     // Excluding S-DEV from RGB has no effect on SIM.
-    ASSERT_EQ(TZPListWriteProfile_All_Pap(new_rgb.get(), none.get(), none.get(), exclusion.get(), none.get(), none.get()), 0);
+    ASSERT_EQ(TZPListWriteProfile_All_Pap(new_rgb.get(), none.get(), none.get(), exclusion.get(), none.get(),
+                                          none.get()),
+              0);
     ASSERT_EQ(read_all(), 0);
     EXPECT_EQ(rgb_->iNum, 2);
     EXPECT_STREQ(rgb_->Entry[0].FileName, "R-DEV.ICC");
     EXPECT_TRUE(same_bytes(rgb_->Entry[1], new_rgb->Entry[0]));
     EXPECT_STREQ(sim_->Entry[0].FileName, "S-DEV.ICC");
-    ASSERT_EQ(TZPListWriteProfile_All_Pap(none.get(), none.get(), none.get(), none.get(), exclusion.get(), none.get()), 0);
+    ASSERT_EQ(TZPListWriteProfile_All_Pap(none.get(), none.get(), none.get(), none.get(), exclusion.get(),
+                                          none.get()),
+              0);
     ASSERT_EQ(read_all(), 0);
     EXPECT_EQ(sim_->iNum, 0);
     EXPECT_EQ(rgb_->iNum, 1);  // R-DEV4 was the caller's: now only R-DEV is marked
@@ -75,7 +79,8 @@ TEST_F(MappingFileTest, PapWriteKeepsDeviceEntriesUnlessAccountedFor) {
     TZ_PLIST_PROFILE_PATH = previous_.c_str();
     auto r = table(), s = table(), d = table();
     EXPECT_EQ(TZPListMappingProfile_All_Pap(new_rgb.get(), none.get(), none.get(), r.get(), s.get(), d.get(),
-                                            none.get(), none.get(), none.get()), 0);
+                                            none.get(), none.get(), none.get()),
+              0);
     EXPECT_TRUE(same_bytes(*r, *new_rgb));
 }
 
@@ -83,8 +88,9 @@ TEST_F(MappingFileTest, MainAndSubDictionaries) {
     TZDictionary *rgb = nullptr, *sim = nullptr, *dst = nullptr, *fields[6] = {};
     ASSERT_EQ(TZPListMappingGetMainDict_FromPlist(&rgb, &sim, &dst), 0);
     int32_t count = -7;
-    ASSERT_EQ(TZPListMappingGetSubDict(sim, &fields[0], &fields[1], &fields[2], &fields[3], &fields[4], &fields[5],
-                                       &count), 0);
+    ASSERT_EQ(TZPListMappingGetSubDict(sim, &fields[0], &fields[1], &fields[2], &fields[3], &fields[4],
+                                       &fields[5], &count),
+              0);
     EXPECT_EQ(count, 1);
     char name[32] = {};
     ReadDictionaryStringEntry(fields[4], "FileName0000", name);  // FileName is the 5th

@@ -7,7 +7,9 @@ namespace {
 
 class ReadTest : public StoreTest {
 protected:
-    void write(const std::map<std::string, Category>& categories) { write_file(current_, file_xml(categories)); }
+    void write(const std::map<std::string, Category>& categories) {
+        write_file(current_, file_xml(categories));
+    }
     // RGB as given, SIM and DST empty but complete.
     void write_rgb(const Category& rgb) { write({{"RGB", rgb}, {"SIM", {}}, {"DST", {}}}); }
 };
@@ -38,7 +40,10 @@ TEST_F(ReadTest, PresenceChecksComeBeforeAnyTableIsWritten) {
 
 TEST_F(ReadTest, MissingAndWrongTypedValuesLeaveTheFieldAndTextIsCutAt31Bytes) {
     const std::string name = std::string(30, 'n') + "\xC3\xA9" + "tail";  // cut inside the é
-    write_rgb({{{0, entry(3, 2, "A.ICC", 4, 1, "Alpha")}, {1, entry(1, 1, "B.ICC")}}, "", {}, {{"ProfileName/ProfileName0000", ""},
+    write_rgb({{{0, entry(3, 2, "A.ICC", 4, 1, "Alpha")}, {1, entry(1, 1, "B.ICC")}},
+               "",
+               {},
+               {{"ProfileName/ProfileName0000", ""},
                 {"IndexOnDevice/IndexOnDevice0000", "<string>12</string>"},
                 {"FileName/FileName0000", "<integer>77</integer>"},
                 {"Location/Location0000", "<integer>4294967301</integer>"},  // 2^32 + 5
@@ -59,8 +64,7 @@ TEST_F(ReadTest, CountCheckTrustsSlotsInUseToComeFirst) {
             {{{0, entry(1, 1, "A.ICC")}, {1, entry(2, 1, "B.ICC")}, {7, entry(8, 1, "H.ICC")}},
              "5",
              {},
-             {{"InMenu/InMenu0500", "<integer>3</integer>"},
-              {"InMenu/InMenu7", "<integer>3</integer>"}}}},
+             {{"InMenu/InMenu0500", "<integer>3</integer>"}, {"InMenu/InMenu7", "<integer>3</integer>"}}}},
            // iNum 2, in use 0 and 7: the counts agree and the gap stays.
            {"SIM", {{{0, entry(1, 1, "A.ICC")}, {7, entry(8, 1, "H.ICC")}}, "2"}},
            {"DST", {}}});
@@ -102,9 +106,14 @@ TEST_F(ReadTest, PapReadDropsMarkTwoAndStoresFourAsSix) {
     // keeps that slot's InMenu. One slot is skipped, so table slot 499 is not
     // written, and the count check then clears it.
     write({{"RGB",
-            {{{0, entry(1, 1, "F0.ICC")}, {1, entry(2, 2, "F1.ICC")}, {2, entry(3, 4, "F2.ICC")},
-              {3, entry(4, 3, "F3.ICC")}, {4, entry(5, 6, "F4.ICC")}},
-             "5", {}, {{"FileName/FileName0005", "<string>F5.ICC</string>"}}}}});
+            {{{0, entry(1, 1, "F0.ICC")},
+              {1, entry(2, 2, "F1.ICC")},
+              {2, entry(3, 4, "F2.ICC")},
+              {3, entry(4, 3, "F3.ICC")},
+              {4, entry(5, 6, "F4.ICC")}},
+             "5",
+             {},
+             {{"FileName/FileName0005", "<string>F5.ICC</string>"}}}}});
     rgb_->Entry[4].InMenu = 9;
     rgb_->Entry[499] = entry(0, 1, "LAST.ICC");
     ASSERT_EQ(TZPListReadProfile_Dict_Pap(rgb_, TZ_CATEGORY_RGB), 0);

@@ -31,9 +31,13 @@ protected:
 // replaced by raw XML ("Field/Key" -> "<true/>"; "" drops the key), and extra
 // raw entries of the category.
 struct Category {
-    Category(std::map<int, ProfileEntry> slots_ = {}, std::string inum_ = "", std::set<std::string> omit_ = {},
-             std::map<std::string, std::string> raw_ = {}, std::string extra_ = "")
-        : slots(std::move(slots_)), inum(std::move(inum_)), omit(std::move(omit_)), raw(std::move(raw_)),
+    Category(std::map<int, ProfileEntry> slots_ = {}, std::string inum_ = "",
+             std::set<std::string> omit_ = {}, std::map<std::string, std::string> raw_ = {},
+             std::string extra_ = "")
+        : slots(std::move(slots_)),
+          inum(std::move(inum_)),
+          omit(std::move(omit_)),
+          raw(std::move(raw_)),
           extra(std::move(extra_)) {}
     std::map<int, ProfileEntry> slots;
     std::string inum;
@@ -43,8 +47,7 @@ struct Category {
 };
 
 inline std::string category_xml(const Category& c) {
-    const char* fields[] = {"IndexOnDevice", "InMenu",      "ProfileClass",
-                            "FileName",      "ProfileName", "Location"};
+    const char* fields[] = {"IndexOnDevice", "InMenu", "ProfileClass", "FileName", "ProfileName", "Location"};
     std::string xml = "<dict>" + c.extra;
     if (!c.inum.empty()) xml += "<key>iNum</key><integer>" + c.inum + "</integer>";
     for (int f = 0; f < 6; ++f) {

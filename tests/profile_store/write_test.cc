@@ -15,8 +15,8 @@ std::unique_ptr<ProfileTable> sample(int count, const char* prefix) {
     for (int n = 0; n < count; ++n) {
         const std::string file = prefix + std::to_string(n) + ".ICC";
         const std::string name = "Profil \xC3\xA9 & <" + std::to_string(n) + ">";
-        t->Entry[n] = entry(n % 7 ? n + 1 : INT32_MIN, 1 + n % 6, file.c_str(), 4 + n % 2, n % 3,
-                            name.c_str());
+        t->Entry[n] =
+            entry(n % 7 ? n + 1 : INT32_MIN, 1 + n % 6, file.c_str(), 4 + n % 2, n % 3, name.c_str());
     }
     t->iNum = count;
     return t;
@@ -50,7 +50,8 @@ TEST_F(WriteTest, RoundTripExceptionsAndTheFileLayout) {
     EXPECT_EQ(file.substr(0, head.size()), head);
     EXPECT_EQ(file.substr(file.size() - 17), "</dict>\n</plist>\n");
     size_t slot_keys = 0;
-    for (size_t at = file.find("<key>InMenu0"); at != std::string::npos; at = file.find("<key>InMenu0", at + 1))
+    for (size_t at = file.find("<key>InMenu0"); at != std::string::npos;
+         at = file.find("<key>InMenu0", at + 1))
         ++slot_keys;
     EXPECT_EQ(slot_keys, 1500u);  // all slots, whatever iNum says
     // Keys in byte order: "iNum" after the upper-case keys.
@@ -72,9 +73,7 @@ TEST_F(WriteTest, CategoryWriteKeepsTheOtherCategories) {
     const auto rgb = sample(2, "R"), sim = sample(3, "S"), dst = sample(4, "D"), x = sample(1, "X");
     ASSERT_EQ(TZPListWriteProfile_All(rgb.get(), sim.get(), dst.get()), 0);
     auto sim_out = table(), dst_out = table();
-    ASSERT_EQ(
-        TZPListWriteProfile_Dict(x.get(), TZ_CATEGORY_SIM, nullptr, sim_out.get(), dst_out.get()),
-        0);
+    ASSERT_EQ(TZPListWriteProfile_Dict(x.get(), TZ_CATEGORY_SIM, nullptr, sim_out.get(), dst_out.get()), 0);
     EXPECT_TRUE(same_bytes(*sim_out, *x));
     EXPECT_TRUE(same_bytes(*dst_out, *dst));
     ASSERT_EQ(read_all(), 0);
@@ -100,8 +99,7 @@ TEST_F(WriteTest, RefusedWhereTheFolderIsNotWritable) {
     const auto t = sample(2, "R");
     const int result = run_unprivileged([&] {
         const int32_t all = TZPListWriteProfile_All(t.get(), t.get(), t.get());
-        const int32_t pap =
-            TZPListWriteProfile_All_Pap(t.get(), t.get(), t.get(), t.get(), t.get(), t.get());
+        const int32_t pap = TZPListWriteProfile_All_Pap(t.get(), t.get(), t.get(), t.get(), t.get(), t.get());
         return all == -1 && pap == -1 ? 0 : 1;
     });
     EXPECT_EQ(result, 0);

@@ -19,13 +19,18 @@ namespace fs = std::filesystem;
 
 class FileOperations : public ::testing::Test {
 protected:
-    static std::string is_admin(const std::string& path) { return call(&Service::tzPListIsAdminProfile_XPC, path); }
-    static std::string exist(const std::string& path) { return call(&Service::tzPListExistProfile_XPC, path); }
+    static std::string is_admin(const std::string& path) {
+        return call(&Service::tzPListIsAdminProfile_XPC, path);
+    }
+    static std::string exist(const std::string& path) {
+        return call(&Service::tzPListExistProfile_XPC, path);
+    }
     static std::string remove(const std::string& path) { return call(&Service::tzPListRemove_XPC, path); }
-    static std::string swap(const std::string& type, const std::string& current, const std::string& previous) {
-        return call(&Service::tzPListSwapProfile_XPC, type + ":ARG_iSwapType" + current +
-                                                          ":ARG_cFooCurrentString" + previous +
-                                                          ":ARG_cFooPrevString");
+    static std::string swap(const std::string& type, const std::string& current,
+                            const std::string& previous) {
+        return call(
+            &Service::tzPListSwapProfile_XPC,
+            type + ":ARG_iSwapType" + current + ":ARG_cFooCurrentString" + previous + ":ARG_cFooPrevString");
     }
 
     TempDir dir;

@@ -31,8 +31,9 @@ TEST(Request, IntValueReadsALeadingNumberAndClamps) {
 }
 
 TEST(Request, SwapCutsThreeFieldsAndTakesNullForNoValue) {
-    const Swap swap = cut_swap("2:ARG_iSwapType/p/cur.plist:ARG_cFooCurrentString/p/prev.plist"
-                               ":ARG_cFooPrevStringignored");
+    const Swap swap = cut_swap(
+        "2:ARG_iSwapType/p/cur.plist:ARG_cFooCurrentString/p/prev.plist"
+        ":ARG_cFooPrevStringignored");
     EXPECT_EQ(swap.type, 2);
     EXPECT_EQ(swap.current, "/p/cur.plist");
     EXPECT_EQ(swap.previous, "/p/prev.plist");
@@ -51,25 +52,23 @@ TEST(Request, SwapCutsThreeFieldsAndTakesNullForNoValue) {
 }
 
 TEST(Request, MarkersOutOfPlaceAreRangeErrors) {
-    expect_range_error([] { cut_swap("/a:ARG_cFooCurrentString/b:ARG_cFooPrevString"); },
-                       ":ARG_iSwapType");
+    expect_range_error([] { cut_swap("/a:ARG_cFooCurrentString/b:ARG_cFooPrevString"); }, ":ARG_iSwapType");
     // Swapped markers: the current field's length would be negative.
-    expect_range_error([] { cut_swap("/a:ARG_cFooCurrentString1:ARG_iSwapType"); },
-                       ":ARG_iSwapType");
+    expect_range_error([] { cut_swap("/a:ARG_cFooCurrentString1:ARG_iSwapType"); }, ":ARG_iSwapType");
     // A later marker inside an earlier value is found too early.
     expect_range_error(
         [] { cut_swap("1:ARG_iSwapType/a:ARG_cFooPrevString:ARG_cFooCurrentString/b:ARG_cFooPrevString"); },
         ":ARG_cFooCurrentString");
     expect_range_error([] { cut_write("file:///t/x.plist<plist/>"); }, ":AddURL:END");
-    expect_range_error([] { cut_walk_names("alice:USErName:ENDModelX:ModelName:END"); },
-                       ":ModelName:END");
+    expect_range_error([] { cut_walk_names("alice:USErName:ENDModelX:ModelName:END"); }, ":ModelName:END");
     expect_range_error([] { cut_walk_arguments("ModelX:ModelName:ENDalice"); }, ":USErName:END");
     EXPECT_FALSE(cut_walk_names("ModelX:ModelName:END").user);  // only the arguments need it
 }
 
 TEST(Request, MarkerTextInsideLaterValuesIsKept) {
-    const Swap own = cut_swap("1:ARG_iSwapType/a:ARG_cFooCurrentString/b:ARG_cFooCurrentString"
-                              "/c:ARG_cFooPrevString");
+    const Swap own = cut_swap(
+        "1:ARG_iSwapType/a:ARG_cFooCurrentString/b:ARG_cFooCurrentString"
+        "/c:ARG_cFooPrevString");
     EXPECT_EQ(own.current, "/a");
     EXPECT_EQ(own.previous, "/b:ARG_cFooCurrentString/c");
     const Write write = cut_write("file:///t/x.plist:AddURL:END<plist>:AddURL:END</plist>");
@@ -85,8 +84,9 @@ TEST(Request, WalkArgumentsEndWithTheirMarker) {
     EXPECT_EQ(names.user, "alice");
     EXPECT_EQ(cut_walk_arguments(request), (Args{"snmpwalk", "-v", "1"}));
     EXPECT_EQ(cut_walk_arguments(request, 2), (Args{"snmpwalk", "-v"}));
-    const std::string lost = "M:ModelName:ENDu:USErName:ENDa:arg:b:arg:c", empties =
-        "M:ModelName:ENDu:USErName:END:arg::arg:", none = "M:ModelName:ENDu:USErName:ENDsnmpwalk";
+    const std::string lost = "M:ModelName:ENDu:USErName:ENDa:arg:b:arg:c",
+                      empties = "M:ModelName:ENDu:USErName:END:arg::arg:",
+                      none = "M:ModelName:ENDu:USErName:ENDsnmpwalk";
     EXPECT_EQ(cut_walk_arguments(lost), (Args{"a", "b"}));  // "c" has no marker after it
     EXPECT_EQ(cut_walk_arguments(empties), (Args{"", ""}));
     EXPECT_TRUE(cut_walk_arguments(none).empty());

@@ -50,8 +50,7 @@ TEST(WalkRequest, RewritesTheProfilePlistFromTheDevice) {
     ASSERT_EQ(before.write(), 0);
 
     SnmpAgent agent(printer_table(3));
-    EXPECT_EQ(call(&Service::mibwalk_XPC, walk_request("alice", v1_walk(agent.peer())), service),
-              "iRet=0");
+    EXPECT_EQ(call(&Service::mibwalk_XPC, walk_request("alice", v1_walk(agent.peer())), service), "iRet=0");
     EXPECT_EQ(plistlib_view(paths.current),
               "RGB 2 PRF00001.ICC/2 PRF00002.ICC/2\n"
               "SIM 2 OWN.ICC/6 PRF00003.ICC/2\n"

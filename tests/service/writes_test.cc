@@ -117,8 +117,7 @@ TEST_F(Writes, FailuresAnswerFalse) {
     write_file(target + ".dummy", "AB");
     fs::permissions(target + ".dummy", fs::perms::all);
     EXPECT_EQ(run_unprivileged([&] {
-                  return write_plist(target_url, "x") == "FALSE" &&
-                                 write_piece(target_url, "CD") == "FALSE"
+                  return write_plist(target_url, "x") == "FALSE" && write_piece(target_url, "CD") == "FALSE"
                              ? 0
                              : 1;
               }),

@@ -11,8 +11,8 @@
 
 namespace tz::test {
 
-inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name,
-                          int32_t location = 4, int32_t profile_class = 1, const char* name = "") {
+inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name, int32_t location = 4,
+                          int32_t profile_class = 1, const char* name = "") {
     ProfileEntry e{};
     e.IndexOnDevice = index;
     e.InMenu = in_menu;
