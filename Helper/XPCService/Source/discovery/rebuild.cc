@@ -75,10 +75,9 @@ extern "C" void vRestructDetail(int32_t row, ProfileTable* table) {
 }
 
 extern "C" int32_t vRestructPlistSpool2Current(int32_t status) {
-    ProfileTable rgb, sim, dst;
-    std::memset(&rgb, 0, sizeof rgb);
-    std::memset(&sim, 0, sizeof sim);
-    std::memset(&dst, 0, sizeof dst);
+    ProfileTable rgb{};  // all zero: empty tables
+    ProfileTable sim{};
+    ProfileTable dst{};
     ProfileTable* tables[3] = {&rgb, &sim, &dst};
 
     // A file that cannot be read leaves the tables empty (or as far as the

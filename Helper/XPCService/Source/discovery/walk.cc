@@ -330,7 +330,7 @@ extern "C" void snmp_get_and_print(struct snmp_session* session, const unsigned 
 
 extern "C" int32_t mib_walk(int32_t argc, char** argv) {
     start_library_once();
-    std::memset(&PlistForSpool, 0, sizeof PlistForSpool);
+    vSpoolPlist(nullptr, 0, nullptr, 1);  // clears the spool
     const Outcome outcome = walk(argc, argv);
     (void)vRestructPlistSpool2Current(outcome.rebuild_status);
     return outcome.result;

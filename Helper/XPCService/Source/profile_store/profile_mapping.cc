@@ -46,12 +46,9 @@ int32_t TZPListMappingProfile_All_Pap(const ProfileTable* new_rgb, const Profile
                                       const ProfileTable* exclusion_rgb,
                                       const ProfileTable* exclusion_sim,
                                       const ProfileTable* exclusion_dst) {
-    ProfileTable rgb;
-    ProfileTable sim;
-    ProfileTable dst;
-    std::memset(&rgb, 0, sizeof rgb);
-    std::memset(&sim, 0, sizeof sim);
-    std::memset(&dst, 0, sizeof dst);
+    ProfileTable rgb{};  // all zero: empty tables
+    ProfileTable sim{};
+    ProfileTable dst{};
     // A missing or incomplete file leaves the scratch tables empty, so each
     // result becomes a copy of its new table.
     (void)TZPListReadProfile_All(&rgb, &sim, &dst);
@@ -97,12 +94,9 @@ int32_t TZPListWriteProfile_All_Pap(const ProfileTable* new_rgb, const ProfileTa
                                     const ProfileTable* new_dst, const ProfileTable* exclusion_rgb,
                                     const ProfileTable* exclusion_sim,
                                     const ProfileTable* exclusion_dst) {
-    ProfileTable rgb;
-    ProfileTable sim;
-    ProfileTable dst;
-    std::memset(&rgb, 0, sizeof rgb);
-    std::memset(&sim, 0, sizeof sim);
-    std::memset(&dst, 0, sizeof dst);
+    ProfileTable rgb{};  // all zero: empty tables
+    ProfileTable sim{};
+    ProfileTable dst{};
     if (TZPListIsAdminProfile() == 0) return -1;
     TZPListMappingProfile_All_Pap(new_rgb, new_sim, new_dst, &rgb, &sim, &dst, exclusion_rgb,
                                   exclusion_sim, exclusion_dst);

@@ -108,12 +108,9 @@ int32_t TZPListWriteProfile_All(const ProfileTable* rgb, const ProfileTable* sim
 int32_t TZPListWriteProfile_Dict(const ProfileTable* table, uint32_t category,
                                  ProfileTable* rgb_out, ProfileTable* sim_out,
                                  ProfileTable* dst_out) {
-    ProfileTable rgb;
-    ProfileTable sim;
-    ProfileTable dst;
-    std::memset(&rgb, 0, sizeof rgb);
-    std::memset(&sim, 0, sizeof sim);
-    std::memset(&dst, 0, sizeof dst);
+    ProfileTable rgb{};  // all zero: empty tables
+    ProfileTable sim{};
+    ProfileTable dst{};
     // A file that cannot be read leaves the other categories empty: they are
     // then written back empty.
     (void)TZPListReadProfile_All(&rgb, &sim, &dst);
