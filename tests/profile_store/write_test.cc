@@ -1,8 +1,5 @@
 // Writing the profile file: round trips through the reader, what the file
-// holds, the category write, and the refusal in a folder that is not writable.
-#include <sys/stat.h>
-
-#include "as_unprivileged.h"
+// holds, and the category write.
 #include "store_fixture.h"
 
 namespace tz::test {
@@ -88,22 +85,6 @@ TEST_F(WriteTest, CategoryWriteKeepsTheOtherCategories) {
     ASSERT_EQ(TZPListWriteProfile_Dict(dst.get(), TZ_CATEGORY_DST, nullptr, nullptr, nullptr), 0);
     ASSERT_EQ(read_all(), 0);
     EXPECT_TRUE(same_bytes(*rgb_, *table()) && same_bytes(*dst_, *dst));
-}
-
-TEST_F(WriteTest, RefusedWhereTheFolderIsNotWritable) {
-    const std::string folder = paths_.dir.file("locked");
-    ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
-    ASSERT_EQ(::chmod(paths_.dir.path().c_str(), 0755), 0);  // nobody may look in, not write
-    const std::string path = folder + "/user-T48Q-profile.plist";
-    TZ_PLIST_PROFILE_PATH = path.c_str();
-    const auto t = sample(2, "R");
-    const int result = run_unprivileged([&] {
-        const int32_t all = TZPListWriteProfile_All(t.get(), t.get(), t.get());
-        const int32_t pap = TZPListWriteProfile_All_Pap(t.get(), t.get(), t.get(), t.get(), t.get(), t.get());
-        return all == -1 && pap == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(result, 0);
-    EXPECT_FALSE(exists(path));
 }
 
 }  // namespace
