@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -585,47 +586,64 @@ char* put_tabs(char* at, int depth) {
     return at + depth;
 }
 
-// A carriage return is written as a reference: a reader would turn a literal
-// one into a line feed.
-char* put_escaped(char* at, std::string_view text) {
-    const char* from = text.data();
-    const char* const end = from + text.size();
+// How the writer treats each byte of a text: copied as it is, written as a
+// reference, refused (a control character XML cannot hold), or the start of
+// a UTF-8 sequence to check. A carriage return is written as a reference: a
+// reader would turn a literal one into a line feed.
+enum ByteClass : unsigned char { kPlain, kReference, kRefused, kMultiByte };
+
+constexpr std::array<unsigned char, 256> kByteClass = [] {
+    std::array<unsigned char, 256> table{};
+    for (int c = 0; c < 0x20; ++c) table[c] = kRefused;
+    table['\t'] = table['\n'] = kPlain;
+    table['\r'] = table['&'] = table['<'] = table['>'] = kReference;
+    for (int c = 0x80; c < 0x100; ++c) table[c] = kMultiByte;
+    return table;
+}();
+
+// Writes `text` escaped, in one pass. Returns null when XML cannot hold the
+// text (not UTF-8, or a control character other than tab, line feed and
+// carriage return); what was written then is to be dropped.
+char* put_text(char* at, std::string_view text) {
+    const auto* from = reinterpret_cast<const unsigned char*>(text.data());
+    const auto* const end = from + text.size();
     while (from < end) {
-        const char* run = from;
-        while (run < end && *run != '&' && *run != '<' && *run != '>' && *run != '\r') ++run;
+        const unsigned char* run = from;
+        while (run < end && kByteClass[*run] == kPlain) ++run;
         std::memcpy(at, from, static_cast<std::size_t>(run - from));
         at += run - from;
         if (run == end) break;
-        at = *run == '&'   ? put(at, "&amp;")
-             : *run == '<' ? put(at, "&lt;")
-             : *run == '>' ? put(at, "&gt;")
-                           : put(at, "&#13;");
-        from = run + 1;
+        switch (kByteClass[*run]) {
+            case kReference:
+                at = *run == '&'   ? put(at, "&amp;")
+                     : *run == '<' ? put(at, "&lt;")
+                     : *run == '>' ? put(at, "&gt;")
+                                   : put(at, "&#13;");
+                from = run + 1;
+                break;
+            case kMultiByte: {
+                const std::size_t length = utf8_sequence_length(run, end);
+                if (length == 0) return nullptr;
+                std::memcpy(at, run, length);
+                at += length;
+                from = run + length;
+                break;
+            }
+            default:
+                return nullptr;
+        }
     }
     return at;
 }
 
-// XML can carry a text only if it is UTF-8 without control characters other
-// than tab, line feed and carriage return (a zero byte above all).
-bool xml_can_hold(std::string_view text) {
-    for (const char c : text)
-        if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r')
-            return false;
-    return tz::is_valid_utf8(text);
-}
-
-// Entries the writer puts in the file: modelled values whose key (and text)
-// XML can hold. The others are left out, as a value that cannot be made.
-bool written(const Entry& entry) {
-    if (entry.value.kind == Kind::Other || !xml_can_hold(entry.key)) return false;
-    return entry.value.kind != Kind::String || xml_can_hold(entry.value.text);
-}
-
 // One key and, unless it is a dictionary, its value: the whole entry's lines.
+// Null when XML cannot hold the key or the text: the entry is left out, as a
+// value that cannot be made.
 char* put_entry(char* at, const Entry& entry, int depth) {
     at = put_tabs(at, depth);
     at = put(at, "<key>");
-    at = put_escaped(at, entry.key);
+    at = put_text(at, entry.key);
+    if (at == nullptr) return nullptr;
     at = put(at, "</key>\n");
     if (entry.value.kind == Kind::Dict) return at;
     at = put_tabs(at, depth);
@@ -635,8 +653,8 @@ char* put_entry(char* at, const Entry& entry, int depth) {
         return put(at, "</integer>\n");
     }
     at = put(at, "<string>");
-    at = put_escaped(at, entry.value.text);
-    return put(at, "</string>\n");
+    at = put_text(at, entry.value.text);
+    return at == nullptr ? nullptr : put(at, "</string>\n");
 }
 
 std::size_t entry_bound(const Entry& entry, int depth) {
@@ -649,17 +667,24 @@ void append_dict(XmlOut& out, const TZDictionary& dict, int depth);
 void append_entry(XmlOut& out, const Entry& entry, int depth) {
     const std::size_t bound = entry_bound(entry, depth);
     if (char* at = out.reserve(bound)) {
-        out.commit(put_entry(at, entry, depth));
+        char* const end = put_entry(at, entry, depth);
+        if (end == nullptr) return;  // reserved, not committed: nothing written
+        out.commit(end);
     } else {
         std::string line(bound, '\0');
-        line.resize(static_cast<std::size_t>(put_entry(line.data(), entry, depth) - line.data()));
+        const char* const end = put_entry(line.data(), entry, depth);
+        if (end == nullptr) return;
+        line.resize(static_cast<std::size_t>(end - line.data()));
         out.append_large(line);
     }
     if (entry.value.kind == Kind::Dict) append_dict(out, *entry.value.dict, depth);
 }
 
 void append_dict(XmlOut& out, const TZDictionary& dict, int depth) {
-    const bool empty = std::none_of(dict.entries.begin(), dict.entries.end(), written);
+    // Written as <dict/> when nothing in it is modelled. (A dictionary whose
+    // every text XML cannot hold is written as an open and close pair.)
+    const bool empty = std::none_of(dict.entries.begin(), dict.entries.end(),
+                                    [](const Entry& e) { return e.value.kind != Kind::Other; });
     char* at = out.reserve(static_cast<std::size_t>(depth) + 16);
     at = put_tabs(at, depth);
     if (empty) {
@@ -668,7 +693,8 @@ void append_dict(XmlOut& out, const TZDictionary& dict, int depth) {
     }
     out.commit(put(at, "<dict>\n"));
     for (const Entry& entry : dict.entries)
-        if (written(entry)) append_entry(out, entry, depth + 1);
+        if (entry.value.kind != Kind::Other)  // not modelled: left out
+            append_entry(out, entry, depth + 1);
     at = out.reserve(static_cast<std::size_t>(depth) + 16);
     at = put_tabs(at, depth);
     out.commit(put(at, "</dict>\n"));
