@@ -20,6 +20,7 @@
 #include "as_unprivileged.h"
 #include "bus_names.h"
 #include "helper_client.h"
+#include "bus_client.h"
 #include "private_bus.h"
 #include "snmp_agent.h"
 #include "temp_dir.h"
@@ -29,18 +30,9 @@ namespace {
 using tz::client::HelperClient;
 using tz::client::Outcome;
 using tz::test::PrivateBus;
+using tz::test::connect;
+using tz::test::reply_of;
 using tz::test::run_command;
-
-std::unique_ptr<HelperClient> connect(const PrivateBus& bus) {
-    tz::client::BusError error;
-    auto client = HelperClient::connect(bus.address(), &error);
-    if (!client) ADD_FAILURE() << error.name << ": " << error.message;
-    return client;
-}
-
-std::string reply_of(const Outcome& outcome) {
-    return outcome.ok() ? outcome.reply : "error " + outcome.error->name + ": " + outcome.error->message;
-}
 
 // busctl as an independent client: the reply string, or "error: <stderr>".
 std::string busctl_call(const PrivateBus& bus, std::string_view method, const std::string& request) {

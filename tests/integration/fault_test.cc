@@ -24,6 +24,7 @@
 #include "bus_names.h"
 #include "counting_relay.h"
 #include "helper_client.h"
+#include "bus_client.h"
 #include "private_bus.h"
 #include "service.h"
 #include "snmp_agent.h"
@@ -37,6 +38,8 @@ using tz::client::HelperClient;
 using tz::client::Outcome;
 using tz::test::CountingRelay;
 using tz::test::PrivateBus;
+using tz::test::connect;
+using tz::test::reply_of;
 using tz::test::SnmpAgent;
 
 const std::string kTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
@@ -73,17 +76,6 @@ std::vector<std::string> printer_table(int rows) {
 std::string walk_request(const std::string& user, const std::string& peer) {
     return tz::client::walk_request(
         "T48Q", user, {"snmpwalk", "-v", "1", "-c", "public", "-t", "3", "-r", "0", peer, kTable});
-}
-
-std::unique_ptr<HelperClient> connect(const PrivateBus& bus) {
-    tz::client::BusError error;
-    auto client = HelperClient::connect(bus.address(), &error);
-    if (!client) ADD_FAILURE() << error.name << ": " << error.message;
-    return client;
-}
-
-std::string reply_of(const Outcome& outcome) {
-    return outcome.ok() ? outcome.reply : "error " + outcome.error->name;
 }
 
 // ---- Profile files ------------------------------------------------------------
@@ -416,7 +408,7 @@ TEST(RequestFaults, TenMegabyteAndMarkerOnlyRequestsAreAnsweredInBoundedMemory) 
     EXPECT_EQ(fs::file_size(target), kBig);
     EXPECT_EQ(reply_of(client->exist(bus.prefs() + text)), "FALSE");
     EXPECT_EQ(reply_of(client->is_admin(bus.prefs() + text)), "FALSE");
-    EXPECT_EQ(reply_of(client->write_data(text)), "error " + std::string(tz::bus::kRangeError));
+    EXPECT_EQ(reply_of(client->write_data(text)).rfind("error " + std::string(tz::bus::kRangeError) + ":", 0), 0u);
     // Two million ":arg:" markers: far more arguments than a walk takes.
     std::string markers = "T48Q:ModelName:ENDalice:USErName:END";
     while (markers.size() < kBig) markers += ":arg:";
