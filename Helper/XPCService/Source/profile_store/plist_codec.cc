@@ -375,46 +375,48 @@ bool binary_graph_is_safe(std::string_view bytes) {
         std::uint64_t expanded = 1;  // nodes of the expanded subtree (saturated)
     };
     std::vector<Node> nodes(count);
-    auto marker_of = [&](std::uint64_t index) -> int {
+    // Where object `index` starts, or 0 when the offset table points outside.
+    auto offset_of = [&](std::uint64_t index) -> std::uint64_t {
         const std::uint64_t offset = read_be(data + table + index * offset_size, offset_size);
-        return offset < 8 || offset >= limit ? -1 : data[offset];
+        return offset < 8 || offset >= limit ? 0 : offset;
+    };
+    // An object's count (of bytes, units or items) and where its body starts:
+    // the marker's low four bits, or an integer object after it when they are
+    // all set. False when the count does not fit the file.
+    auto count_of = [&](std::uint64_t offset, std::uint64_t& count, std::uint64_t& at) {
+        count = data[offset] & 0xF;
+        at = offset + 1;
+        if (count != 0xF) return true;
+        if (at >= limit || (data[at] >> 4) != 0x1) return false;
+        const unsigned width = 1u << (data[at] & 0xF);
+        if (width > 8 || at + 1 + width > limit) return false;
+        count = read_be(data + at + 1, width);
+        at += 1 + width;
+        return true;
     };
     // An ASCII or UTF-16 string object that fits the file and holds no zero
     // character.
     auto is_key_string = [&](std::uint64_t index) {
-        const int marker = marker_of(index);
-        if (marker < 0 || ((marker >> 4) != 0x5 && (marker >> 4) != 0x6)) return false;
-        const unsigned unit = (marker >> 4) == 0x5 ? 1 : 2;
-        std::uint64_t at = read_be(data + table + index * offset_size, offset_size) + 1;
-        std::uint64_t length = marker & 0xF;
-        if (length == 0xF) {
-            if (at >= limit || (data[at] >> 4) != 0x1) return false;
-            const unsigned width = 1u << (data[at] & 0xF);
-            if (width > 8 || at + 1 + width > limit) return false;
-            length = read_be(data + at + 1, width);
-            at += 1 + width;
-        }
-        if (length > (limit - at) / unit) return false;
+        const std::uint64_t offset = offset_of(index);
+        const unsigned type = offset == 0 ? 0 : data[offset] >> 4;
+        if (type != 0x5 && type != 0x6) return false;
+        const unsigned unit = type == 0x5 ? 1 : 2;
+        std::uint64_t length = 0;
+        std::uint64_t at = 0;
+        if (!count_of(offset, length, at) || length > (limit - at) / unit) return false;
         for (std::uint64_t i = 0; i < length; ++i)
             if (read_be(data + at + i * unit, unit) == 0) return false;
         return true;
     };
     // Finds an object's references; false for an object that does not fit.
     auto load = [&](std::uint64_t index) {
-        const std::uint64_t offset = read_be(data + table + index * offset_size, offset_size);
-        if (offset < 8 || offset >= limit) return false;
-        const unsigned marker = data[offset];
-        const unsigned type = marker >> 4;
+        const std::uint64_t offset = offset_of(index);
+        if (offset == 0) return false;
+        const unsigned type = data[offset] >> 4;
         if (type != 0xA && type != 0xC && type != 0xD) return true;  // not a container
-        std::uint64_t items = marker & 0xF;
-        std::uint64_t at = offset + 1;
-        if (items == 0xF) {
-            if (at >= limit || (data[at] >> 4) != 0x1) return false;
-            const unsigned width = 1u << (data[at] & 0xF);
-            if (width > 8 || at + 1 + width > limit) return false;
-            items = read_be(data + at + 1, width);
-            at += 1 + width;
-        }
+        std::uint64_t items = 0;
+        std::uint64_t at = 0;
+        if (!count_of(offset, items, at)) return false;
         const std::uint64_t refs = type == 0xD ? items * 2 : items;
         if (items > limit || refs > (limit - at) / ref_size) return false;
         nodes[index].first_ref = at;
