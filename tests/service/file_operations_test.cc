@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "as_unprivileged.h"
-#include "call.h"
+#include "service_call.h"
 #include "guarded_format.h"
 #include "temp_dir.h"
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "call.h"
+#include "service_call.h"
 #include "profile_tables.h"
 #include "service.h"
 #include "snmp_agent.h"

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "as_unprivileged.h"
-#include "call.h"
+#include "service_call.h"
 #include "temp_dir.h"
 #include "tz_writes.h"
 
