@@ -14,6 +14,8 @@
 #include <limits>
 #include <pugixml.hpp>
 
+#include "file_ops.h"
+
 namespace tz::plist {
 
 // ---- TextStore ---------------------------------------------------------------
@@ -721,11 +723,6 @@ struct FileDescriptor {
     ~FileDescriptor() {
         if (fd >= 0) ::close(fd);
     }
-    int release() {
-        const int out = fd;
-        fd = -1;
-        return out;
-    }
 };
 
 }  // namespace
@@ -778,16 +775,7 @@ bool write_file(const char* path, const TZDictionary& root) {
     xml.clear();
     if (xml.capacity() > (8u << 20)) xml.shrink_to_fit();
     append_document(xml, root);
-    FileDescriptor file{::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
-    if (file.fd < 0) return false;
-    std::size_t written = 0;
-    while (written < xml.size()) {
-        const ssize_t put = ::write(file.fd, xml.data() + written, xml.size() - written);
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return false;
-        written += static_cast<std::size_t>(put);
-    }
-    return ::close(file.release()) == 0;
+    return write_whole_file(path, xml);
 }
 
 }  // namespace tz::plist

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -78,5 +79,23 @@ bool opens_for_reading(const char* path) {
 }
 
 bool remove_path(const char* path) { return path != nullptr && std::remove(path) == 0; }
+
+bool write_all(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t put = ::write(fd, bytes.data(), bytes.size());
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(put));
+    }
+    return true;
+}
+
+bool write_whole_file(const char* path, std::string_view bytes, int flags) {
+    const int fd = ::open(path, flags | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    const bool written = write_all(fd, bytes);
+    const bool closed = ::close(fd) == 0;
+    return written && closed;
+}
 
 }  // namespace tz

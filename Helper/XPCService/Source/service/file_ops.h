@@ -9,6 +9,7 @@
 #include <fcntl.h>
 
 #include <cstdint>
+#include <string_view>
 
 namespace tz {
 
@@ -32,5 +33,17 @@ bool opens_for_reading(const char* path);
 
 // remove(3): a file or an empty folder. Returns true if it returned 0.
 bool remove_path(const char* path);
+
+// Writes all of `bytes` to `fd`, retrying short writes and interruptions.
+// False when a write fails or writes nothing (a full disk).
+bool write_all(int fd, std::string_view bytes);
+
+// Replaces the content of `path` with `bytes` in one pass, as the platform's
+// resource write does: opened with `flags` (by default created with 0666 less
+// the umask, or truncated), written, closed. A failed close (a full disk can
+// report there) is a failed write. No temporary file: a failure can leave the
+// file cut.
+bool write_whole_file(const char* path, std::string_view bytes,
+                      int flags = O_WRONLY | O_CREAT | O_TRUNC);
 
 }  // namespace tz

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "file_ops.h"
 #include "file_url.h"
 #include "utf8.h"
 
@@ -18,27 +19,6 @@ namespace tz {
 namespace {
 
 constexpr std::string_view kTemporarySuffix = ".dummy";
-
-// Writes all of `bytes`, retrying short writes and interruptions.
-bool write_all(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t put = ::write(fd, bytes.data(), bytes.size());
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(put));
-    }
-    return true;
-}
-
-// Opens with `flags`, writes everything and closes; a failed close (a full
-// disk can report there) is a failed write.
-bool write_file(const std::string& path, int flags, std::string_view bytes) {
-    const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
-    if (fd < 0) return false;
-    const bool written = write_all(fd, bytes);
-    const bool closed = ::close(fd) == 0;
-    return written && closed;
-}
 
 // The whole content of a regular file, or nothing (missing, unreadable, not a
 // regular file: a device such as /dev/zero would never end).
@@ -100,7 +80,7 @@ bool store(const std::string& path, std::string_view bytes) {
         }
     }
     if (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
-        return write_file(target, O_WRONLY | O_TRUNC, bytes);
+        return write_whole_file(target.c_str(), bytes, O_WRONLY | O_TRUNC);
     return replace_atomically(target, bytes);
 }
 
@@ -109,7 +89,7 @@ bool store(const std::string& path, std::string_view bytes) {
 bool write_url_file(std::string_view file_url, std::string_view bytes) {
     const auto path = file_url_path(file_url);
     if (!path) return false;
-    return write_file(*path, O_WRONLY | O_CREAT | O_TRUNC, bytes);
+    return write_whole_file(path->c_str(), bytes);
 }
 
 bool append_url_piece(std::string_view file_url, std::string_view piece) {
