@@ -11,10 +11,10 @@
 
 #include "guarded_format.h"
 #include "request.h"
-#include "utf8.h"
 #include "service.h"
 #include "tz_discovery.h"
 #include "tz_profile_store.h"
+#include "utf8.h"
 
 namespace tz {
 namespace {
