@@ -23,6 +23,10 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kBusDaemonName = "org.freedesktop.DBus";
 constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
 
+// A call that could have started this long ago gets a pool thread of its own.
+constexpr std::chrono::milliseconds kGrowAfter{2};
+constexpr std::size_t kMaxThreads = 64;
+
 std::string str(std::string_view text) { return std::string(text); }
 
 int64_t now_ns() {
@@ -113,15 +117,16 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
 
     object_ = sdbus::createObject(bus_, str(bus::kObjectPath));
     register_methods();
+    pool_ = std::make_unique<WorkerPool>(kGrowAfter, kMaxThreads);
+    loop_strand_ = std::make_shared<WorkerPool::Strand>();
 }
 
 Front::~Front() {
-    // Workers first: their jobs use the services and reply through the bus.
-    for (auto& [name, client] : clients_) {
-        if (client->queue) client->queue->join();
-    }
+    // The pool first: its jobs reply through the bus. run() leaves no
+    // hand-off behind unless the bus failed; those calls cannot be answered.
+    handoffs_.clear();
+    pool_.reset();
     clients_.clear();
-    retired_.clear();
     object_.reset();
     if (wake_fd_ >= 0) ::close(wake_fd_);
 }
@@ -161,12 +166,12 @@ void Front::on_call(Operation op, sdbus::Result<std::string>&& result, std::stri
             return;
         }
         auto shared = std::make_shared<sdbus::Result<std::string>>(std::move(result));
+        handoffs_.push_back({client->strand, [this, service = client->service, op, shared,
+                                              request = std::move(request)] {
+                                 answer(*service, op, request, *shared);
+                                 finish_call();
+                             }});
         pending_.fetch_add(1, std::memory_order_acq_rel);
-        client->queue->post([this, service = client->service.get(), op, shared,
-                             request = std::move(request)] {
-            answer(*service, op, request, *shared);
-            finish_call();
-        });
     } catch (const std::exception& e) {
         send_error(result, bus::kFailed, e.what());
     }
@@ -192,8 +197,8 @@ Front::Client* Front::client_for(const std::string& sender) {
     client->uid = uid;
     client->allowed = uid == own_uid_;
     if (client->allowed) {
-        client->service = std::make_unique<Service>(options_.preferences_dir);
-        client->queue = std::make_unique<SerialQueue>([this] { wake(); });
+        client->service = std::make_shared<Service>(options_.preferences_dir);
+        client->strand = std::make_shared<WorkerPool::Strand>();
     }
     return clients_.emplace(sender, std::move(client)).first->second.get();
 }
@@ -210,26 +215,28 @@ void Front::on_name_owner_changed(sdbus::Message& signal) {
         return;
     }
     if (!new_owner.empty()) return;
-    auto found = clients_.find(name);
-    if (found == clients_.end()) return;
-    // The caller has gone: its queue finishes what it holds (the replies go
-    // nowhere) and is joined by reap_retired() once its thread is done.
-    std::unique_ptr<Client> client = std::move(found->second);
-    clients_.erase(found);
-    if (client->queue) {
-        client->queue->close();
-        retired_.push_back(std::move(client));
-    }
+    // The caller has gone: what it has queued still runs (the replies go
+    // nowhere), holding its service and strand until then.
+    clients_.erase(name);
 }
 
-// Runs on a worker thread after a call was answered. The event loop is woken
-// only when the last pending call is done: then the idle clock starts, and
-// any reply that sd-bus had to queue (a full socket) is flushed by the loop.
-// While calls are still pending, queued replies go out with the loop's next
-// turn, which the next reply to finish (or an incoming message) brings.
+// Runs on a pool thread after a call was answered. The event loop is woken
+// only when it has something to do: a reply that sd-bus had to queue (the
+// socket was full) waits for the loop to flush it, and a loop that is leaving
+// waits for the last pending call. The idle clock needs no wake: while calls
+// are pending the loop looks again after one idle period anyway.
 void Front::finish_call() {
     last_done_ns_.store(now_ns(), std::memory_order_release);
-    if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1) wake();
+    const bool last = pending_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    if ((last && releasing_.load(std::memory_order_acquire)) || reply_queued()) wake();
+}
+
+bool Front::reply_queued() const {
+    try {
+        return (bus_.getEventLoopPollData().events & POLLOUT) != 0;
+    } catch (const sdbus::Error&) {
+        return true;  // let the loop find out what is wrong
+    }
 }
 
 void Front::wake() {
@@ -237,14 +244,6 @@ void Front::wake() {
     // The counter cannot overflow in practice; a failed write only delays the
     // loop until its next timeout.
     [[maybe_unused]] const ssize_t written = ::write(wake_fd_, &one, sizeof one);
-}
-
-void Front::reap_retired() {
-    std::erase_if(retired_, [](const std::unique_ptr<Client>& client) {
-        if (!client->queue->finished()) return false;
-        client->queue->join();
-        return true;
-    });
 }
 
 Clock::time_point Front::idle_since() const {
@@ -259,15 +258,15 @@ bool Front::idle_expired() const {
 }
 
 int Front::poll_timeout_ms(int bus_timeout) const {
-    int timeout = bus_timeout;
-    if (!releasing_ && options_.idle_exit.count() > 0 &&
-        pending_.load(std::memory_order_acquire) == 0) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            idle_since() + options_.idle_exit - Clock::now());
-        const int idle_ms = static_cast<int>(std::max<int64_t>(0, left.count()));
-        timeout = timeout < 0 ? idle_ms : std::min(timeout, idle_ms);
-    }
-    return timeout;
+    if (releasing_ || options_.idle_exit.count() <= 0) return bus_timeout;
+    // A pending call ends after now, so idleness cannot end before one
+    // whole period from now: look again then.
+    const auto left = pending_.load(std::memory_order_acquire) != 0
+                          ? options_.idle_exit
+                          : std::chrono::ceil<std::chrono::milliseconds>(
+                                idle_since() + options_.idle_exit - Clock::now());
+    const int idle_ms = static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT32_MAX));
+    return bus_timeout < 0 ? idle_ms : std::min(bus_timeout, idle_ms);
 }
 
 void Front::release_name() {
@@ -281,38 +280,79 @@ void Front::release_name() {
 }
 
 int Front::run(int stop_fd) {
-    try {
-        for (;;) {
-            while (bus_.processPendingRequest()) {
-            }
-            reap_retired();
-            if (!releasing_ && idle_expired()) {
-                release_name();
-                continue;
-            }
-            if (releasing_ && name_gone_ && pending_.load(std::memory_order_acquire) == 0) break;
+    stop_fd_ = stop_fd;
+    {
+        std::lock_guard lock(run_mutex_);
+        run_status_.reset();
+    }
+    post_turn();
+    std::unique_lock lock(run_mutex_);
+    run_done_.wait(lock, [this] { return run_status_.has_value(); });
+    return *run_status_;
+}
 
-            const sdbus::IConnection::PollData data = bus_.getEventLoopPollData();
-            pollfd fds[3] = {{data.fd, data.events, 0}, {wake_fd_, POLLIN, 0}, {stop_fd, POLLIN, 0}};
-            const int count = stop_fd >= 0 ? 3 : 2;
-            const int ready = ::poll(fds, count, poll_timeout_ms(data.getPollTimeout()));
-            if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
-            if (ready <= 0) continue;
-            if (fds[1].revents & POLLIN) {
-                uint64_t drained = 0;
-                [[maybe_unused]] const ssize_t got = ::read(wake_fd_, &drained, sizeof drained);
-            }
-            if (count == 3 && (fds[2].revents & POLLIN)) {
-                signalfd_siginfo info{};
-                [[maybe_unused]] const ssize_t got = ::read(stop_fd, &info, sizeof info);
-                if (!releasing_) release_name();
-            }
+void Front::post_turn() {
+    pool_->post(loop_strand_, [this] { turn(); });
+}
+
+void Front::end_run(int status) {
+    {
+        std::lock_guard lock(run_mutex_);
+        run_status_ = status;
+    }
+    run_done_.notify_one();
+}
+
+// One turn of the event loop, a job on the loop's own strand: the turns run
+// one after another, on whichever pool thread is free. The next turn is
+// queued behind the calls this one handed off, so a thread that is awake runs
+// them without waking another; a turn that waits behind a long call is
+// picked up by another thread as any waiting job is.
+void Front::turn() {
+    try {
+        while (bus_.processPendingRequest()) {
         }
+        if (!releasing_ && idle_expired()) {
+            release_name();
+            post_turn();
+            return;
+        }
+        if (releasing_ && name_gone_ && pending_.load(std::memory_order_acquire) == 0) {
+            end_run(0);
+            return;
+        }
+        if (!handoffs_.empty()) {
+            for (Handoff& handoff : handoffs_) pool_->post(handoff.strand, std::move(handoff.job));
+            handoffs_.clear();
+            post_turn();
+            return;
+        }
+        wait_for_bus();
+        post_turn();
     } catch (const std::exception& e) {
         std::fprintf(stderr, "tzhelperd: lost the bus connection: %s\n", e.what());
-        return 1;
+        end_run(1);
     }
-    return 0;
+}
+
+// Sleeps until the bus, the wake-up or the stop signal has something, or the
+// next timeout is due.
+void Front::wait_for_bus() {
+    const sdbus::IConnection::PollData data = bus_.getEventLoopPollData();
+    pollfd fds[3] = {{data.fd, data.events, 0}, {wake_fd_, POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+    const int count = stop_fd_ >= 0 ? 3 : 2;
+    const int ready = ::poll(fds, count, poll_timeout_ms(data.getPollTimeout()));
+    if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+    if (ready <= 0) return;
+    if (fds[1].revents & POLLIN) {
+        uint64_t drained = 0;
+        [[maybe_unused]] const ssize_t got = ::read(wake_fd_, &drained, sizeof drained);
+    }
+    if (count == 3 && (fds[2].revents & POLLIN)) {
+        signalfd_siginfo info{};
+        [[maybe_unused]] const ssize_t got = ::read(stop_fd_, &info, sizeof info);
+        if (!releasing_) release_name();
+    }
 }
 
 }  // namespace tz::dbus

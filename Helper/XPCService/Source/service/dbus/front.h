@@ -1,14 +1,22 @@
 // The helper's front on the D-Bus session bus.
 //
 // One object carries the eight operations of the helper's interface. Each
-// caller (a unique bus name) gets its own tz::Service and its own serial
-// queue, made at its first call and dropped when the bus reports that the
-// name has gone. A call is read on the event-loop thread (sender, uid),
-// handed to the caller's queue with its sdbus::Result, and answered from the
-// queue's thread: calls of one caller run one after another in arrival order,
-// calls of different callers run at the same time. Nothing locks around the
-// operations: the walk's process-wide state relies on callers not walking at
-// the same time, as it always has.
+// caller (a unique bus name) gets its own tz::Service and its own strand of a
+// worker pool (worker_pool.h), made at its first call and dropped when the bus
+// reports that the name has gone. Calls of one caller run one after another in
+// arrival order; calls of different callers run on the pool's threads and
+// never wait long behind each other. Nothing locks around the operations: the
+// walk's process-wide state relies on callers not walking at the same time, as
+// it always has.
+//
+// The event loop is itself a strand of the pool: each turn reads what the bus
+// has (sender and uid of each call), hands the calls to their callers'
+// strands with their sdbus::Result, and queues the next turn behind them. A
+// pool thread that is awake thus reads a call, runs it and answers it without
+// waking another thread, which on a small machine is most of the cost of a
+// short call. When a call takes long (a walk on an agent that does not
+// answer), the next turn waits like any job and another thread takes it up.
+// run() starts the loop and waits for it to end.
 //
 // Every call gets exactly one reply or one named error:
 //   - a request whose markers are missing or out of order:
@@ -27,16 +35,19 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "serial_queue.h"
 #include "service.h"
+#include "worker_pool.h"
 
 namespace tz::dbus {
 
@@ -52,7 +63,8 @@ public:
     // not request the bus name (the caller does, before run()).
     // Throws sdbus::Error when the bus refuses a registration.
     Front(sdbus::IConnection& bus, FrontOptions options);
-    // Joins every worker; replies still queued are sent first.
+    // Runs the calls already handed to the pool (their replies are sent),
+    // then joins its threads.
     ~Front();
     Front(const Front&) = delete;
     Front& operator=(const Front&) = delete;
@@ -67,8 +79,14 @@ private:
     struct Client {
         uid_t uid = 0;
         bool allowed = false;
-        std::unique_ptr<Service> service;
-        std::unique_ptr<SerialQueue> queue;  // after service: ends first
+        // Each queued call holds the service too: a caller that leaves with
+        // calls queued keeps its service until they have run.
+        std::shared_ptr<Service> service;
+        std::shared_ptr<WorkerPool::Strand> strand;
+    };
+    struct Handoff {
+        std::shared_ptr<WorkerPool::Strand> strand;
+        WorkerPool::Job job;
     };
     using Operation = void (*)(Service&, std::string_view, const Service::Reply&);
 
@@ -77,8 +95,12 @@ private:
     Client* client_for(const std::string& sender);
     void on_name_owner_changed(sdbus::Message& signal);
     void finish_call();
+    void post_turn();
+    void turn();
+    void wait_for_bus();
+    void end_run(int status);
     void wake();
-    void reap_retired();
+    bool reply_queued() const;
     bool idle_expired() const;
     std::chrono::steady_clock::time_point idle_since() const;
     int poll_timeout_ms(int bus_timeout) const;
@@ -94,15 +116,22 @@ private:
     std::unique_ptr<sdbus::IProxy> bus_daemon_;
     sdbus::Slot name_watch_;
 
-    // Only the event-loop thread touches the clients.
+    // Only the loop's turns touch what follows, up to the pool.
     std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
-    std::vector<std::unique_ptr<Client>> retired_;
+    std::vector<Handoff> handoffs_;  // this turn's calls, posted after it
+    std::unique_ptr<WorkerPool> pool_;
+    std::shared_ptr<WorkerPool::Strand> loop_strand_;
+    int stop_fd_ = -1;
+
+    std::mutex run_mutex_;
+    std::condition_variable run_done_;
+    std::optional<int> run_status_;
 
     std::atomic<int64_t> pending_{0};
     std::chrono::steady_clock::time_point last_call_;
     std::atomic<int64_t> last_done_ns_{0};  // steady_clock, set by the workers
 
-    bool releasing_ = false;
+    std::atomic<bool> releasing_{false};
     bool name_gone_ = false;
 };
 

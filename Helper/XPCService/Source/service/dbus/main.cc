@@ -1,5 +1,6 @@
 // tzhelperd: the helper service on the user's D-Bus session bus, started on
 // demand by the bus (or by systemd --user) and ending itself when idle.
+#include <malloc.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -89,8 +90,14 @@ int main(int argc, char** argv) {
     Options options;
     if (const int status = parse(argc, argv, options); status >= 0) return status;
 
+    // Calls run on whichever pool thread is free, each thread with its own
+    // malloc arena. A fixed threshold keeps every large buffer (a request of
+    // megabytes) in its own mapping, returned when the call ends, instead of
+    // letting glibc raise the threshold and park such buffers in the arenas.
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+
     // Stop requests arrive on a signalfd; every thread started later inherits
-    // the blocked mask, so only the event loop sees them.
+    // the blocked mask, so only the event loop's poll sees them.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGTERM);
