@@ -77,12 +77,12 @@ TEST(WorkerPool, JobsOfOneStrandRunInOrderAndNeverTwoAtOnce) {
 }
 
 TEST(WorkerPool, ABlockedJobHoldsItsOwnStrandButNotAnother) {
-    WorkerPool pool(kGrowAfter, 8);
-    const Strand blocked = make_strand();
-    const Strand other = make_strand();
     Gate other_ran, second_ran;
     std::atomic<bool> first_done{false};
     bool second_saw_first_done = false;
+    WorkerPool pool(kGrowAfter, 8);  // after what its jobs use: ends first
+    const Strand blocked = make_strand();
+    const Strand other = make_strand();
 
     // The first job waits for the other strand's job: a pool that does not
     // start a thread past it would leave it waiting.
@@ -102,9 +102,9 @@ TEST(WorkerPool, ABlockedJobHoldsItsOwnStrandButNotAnother) {
 }
 
 TEST(WorkerPool, StartsNoMoreThreadsThanItsLimit) {
-    WorkerPool pool(kGrowAfter, 2);
     Gate release;
     std::array<Gate, 3> started;
+    WorkerPool pool(kGrowAfter, 2);
     for (Gate& gate : started) {
         pool.post(make_strand(), [&] {
             gate.open();

@@ -227,8 +227,10 @@ void Front::on_name_owner_changed(sdbus::Message& signal) {
 // are pending the loop looks again after one idle period anyway.
 void Front::finish_call() {
     last_done_ns_.store(now_ns(), std::memory_order_release);
-    const bool last = pending_.fetch_sub(1, std::memory_order_acq_rel) == 1;
-    if ((last && releasing_.load(std::memory_order_acquire)) || reply_queued()) wake();
+    // Sequentially consistent with the turn that sets releasing_ and then
+    // reads pending_: one of the two sees the other's write.
+    const bool last = pending_.fetch_sub(1) == 1;
+    if ((last && releasing_.load()) || reply_queued()) wake();
 }
 
 bool Front::reply_queued() const {
@@ -317,7 +319,7 @@ void Front::turn() {
             post_turn();
             return;
         }
-        if (releasing_ && name_gone_ && pending_.load(std::memory_order_acquire) == 0) {
+        if (releasing_ && name_gone_ && pending_.load() == 0) {
             end_run(0);
             return;
         }

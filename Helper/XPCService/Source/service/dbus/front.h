@@ -116,23 +116,25 @@ private:
     std::unique_ptr<sdbus::IProxy> bus_daemon_;
     sdbus::Slot name_watch_;
 
-    // Only the loop's turns touch what follows, up to the pool.
-    std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
-    std::vector<Handoff> handoffs_;  // this turn's calls, posted after it
     std::unique_ptr<WorkerPool> pool_;
     std::shared_ptr<WorkerPool::Strand> loop_strand_;
-    int stop_fd_ = -1;
 
+    // Only the loop's turns touch these (one turn at a time, on any thread).
+    std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
+    std::vector<Handoff> handoffs_;  // this turn's calls, posted at its end
+    int stop_fd_ = -1;
+    std::chrono::steady_clock::time_point last_call_;
+    bool name_gone_ = false;
+
+    // Shared with the calls on the pool.
+    std::atomic<int64_t> pending_{0};
+    std::atomic<int64_t> last_done_ns_{0};  // steady_clock
+    std::atomic<bool> releasing_{false};
+
+    // run() waits here for the loop's last turn.
     std::mutex run_mutex_;
     std::condition_variable run_done_;
     std::optional<int> run_status_;
-
-    std::atomic<int64_t> pending_{0};
-    std::chrono::steady_clock::time_point last_call_;
-    std::atomic<int64_t> last_done_ns_{0};  // steady_clock, set by the workers
-
-    std::atomic<bool> releasing_{false};
-    bool name_gone_ = false;
 };
 
 }  // namespace tz::dbus
