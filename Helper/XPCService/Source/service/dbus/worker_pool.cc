@@ -19,17 +19,24 @@ WorkerPool::WorkerPool(std::chrono::microseconds grow_after, std::size_t max_thr
     // one fails at start-up rather than leaving a call without a thread.
     ++awake_;
     threads_.emplace_back([this] { run_jobs(); });
-    watcher_ = std::thread([this] { watch(); });
+    try {
+        watcher_ = std::thread([this] { watch(); });
+    } catch (...) {
+        stop_and_join();
+        throw;
+    }
 }
 
-WorkerPool::~WorkerPool() {
+WorkerPool::~WorkerPool() { stop_and_join(); }
+
+void WorkerPool::stop_and_join() {
     {
         std::lock_guard lock(mutex_);
         stopping_ = true;
     }
     work_ready_.notify_all();
     watch_wake_.notify_all();
-    watcher_.join();
+    if (watcher_.joinable()) watcher_.join();
     // Only the watcher and post() start threads: the list is final now.
     for (std::thread& thread : threads_) thread.join();
 }

@@ -64,6 +64,7 @@ private:
 
     void run_jobs();
     void watch();
+    void stop_and_join();
     Wake add_thread_locked();
 
     const std::chrono::microseconds grow_after_;
