@@ -17,7 +17,6 @@ WorkerPool::WorkerPool(std::chrono::microseconds grow_after, std::size_t max_thr
       max_threads_(std::max<std::size_t>(max_threads, 1)) {
     // The first thread is started here, so that a machine that cannot start
     // one fails at start-up rather than leaving a call without a thread.
-    ++awake_;
     threads_.emplace_back([this] { run_jobs(); });
     try {
         watcher_ = std::thread([this] { watch(); });
@@ -52,7 +51,7 @@ void WorkerPool::post(const std::shared_ptr<Strand>& strand, Job job) {
             strand->ready_since = Clock::now();
             ready_.push_back(strand);
         }
-        if (awake_ == 0) wake = add_thread_locked();
+        if (awake_locked() == 0) wake = add_thread_locked();
         if (watcher_asleep_) {
             watcher_asleep_ = false;
             wake_watcher = true;
@@ -74,15 +73,13 @@ std::size_t WorkerPool::thread_count() const {
 WorkerPool::Wake WorkerPool::add_thread_locked() {
     if (sleeping_ > wakeups_) {
         ++wakeups_;
-        ++awake_;
         return Wake::sleeper;
     }
     if (threads_.size() < max_threads_) {
-        ++awake_;
         try {
             threads_.emplace_back([this] { run_jobs(); });
         } catch (const std::system_error&) {
-            --awake_;
+            // The threads there are take the job in turn.
         }
     }
     return Wake::none;
@@ -111,16 +108,10 @@ void WorkerPool::run_jobs() {
             continue;
         }
         if (stopping_) return;
-        --awake_;
         ++sleeping_;
         work_ready_.wait(lock, [this] { return wakeups_ > 0 || stopping_; });
         --sleeping_;
-        // A wake was counted awake by its sender; a stop was not.
-        if (wakeups_ > 0) {
-            --wakeups_;
-        } else {
-            ++awake_;
-        }
+        if (wakeups_ > 0) --wakeups_;
     }
 }
 

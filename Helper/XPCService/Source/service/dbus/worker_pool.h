@@ -66,6 +66,9 @@ private:
     void watch();
     void stop_and_join();
     Wake add_thread_locked();
+    // Threads running a job or about to look for one: a woken sleeper counts
+    // from the moment its wake is sent.
+    std::size_t awake_locked() const { return threads_.size() - sleeping_ + wakeups_; }
 
     const std::chrono::microseconds grow_after_;
     const std::size_t max_threads_;
@@ -75,7 +78,6 @@ private:
     std::condition_variable watch_wake_;  // the watcher waits here
     std::deque<std::shared_ptr<Strand>> ready_;
     std::vector<std::thread> threads_;
-    std::size_t awake_ = 0;     // threads running a job or about to look for one
     std::size_t sleeping_ = 0;  // threads waiting on work_ready_
     std::size_t wakeups_ = 0;   // wakes sent to sleepers, not taken yet
     bool watcher_asleep_ = false;
