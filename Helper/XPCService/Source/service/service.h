@@ -25,6 +25,8 @@ inline constexpr std::string_view kDefaultPreferencesDir =
 class Service {
 public:
     using Reply = std::function<void(const std::string&)>;
+    // Any one of the eight operations below, as the fronts dispatch them.
+    using Operation = void (Service::*)(std::string_view request, const Reply& reply) const;
 
     // `preferences_dir` is the folder of the profile plists that a walk
     // rewrites; it is used as a prefix as it stands, so it ends with '/'.

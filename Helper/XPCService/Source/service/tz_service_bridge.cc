@@ -16,8 +16,6 @@ static_assert(sizeof(unsigned short) == 2, "UTF-16 code units are 16 bits");
 
 namespace {
 
-using Operation = void (tz::Service::*)(std::string_view, const tz::Service::Reply&) const;
-
 TZBridgeResult make_result(TZBridgeOutcome outcome, std::string_view text) {
     TZBridgeResult result{};
     result.outcome = outcome;
@@ -29,7 +27,7 @@ TZBridgeResult make_result(TZBridgeOutcome outcome, std::string_view text) {
 // noexcept: the only exception the operations raise is the range exception;
 // anything else (memory exhausted) ends the process here rather than
 // unwinding into C or Objective-C frames.
-TZBridgeResult run(Operation operation, const char* request, std::size_t length) noexcept {
+TZBridgeResult run(tz::Service::Operation operation, const char* request, std::size_t length) noexcept {
     const std::string_view text = length == 0 ? std::string_view() : std::string_view(request, length);
     const tz::Service service;
     std::optional<std::string> reply;

@@ -46,8 +46,8 @@ void send_error(const sdbus::Result<std::string>& result, std::string_view name,
 
 // Runs one operation and answers the call exactly once: with the operation's
 // reply, or with a named error when the operation stopped without one.
-void answer(Service& service, void (*op)(Service&, std::string_view, const Service::Reply&),
-            const std::string& request, const sdbus::Result<std::string>& result) noexcept {
+void answer(const Service& service, Service::Operation op, const std::string& request,
+            const sdbus::Result<std::string>& result) noexcept {
     bool replied = false;
     const Service::Reply reply = [&](const std::string& text) {
         if (replied) return;
@@ -55,7 +55,7 @@ void answer(Service& service, void (*op)(Service&, std::string_view, const Servi
         result.returnResults(text);
     };
     try {
-        op(service, request, reply);
+        (service.*op)(request, reply);
         if (!replied) {
             replied = true;
             send_error(result, bus::kFailed, "the operation ended without a reply");
@@ -71,30 +71,18 @@ void answer(Service& service, void (*op)(Service&, std::string_view, const Servi
 
 struct MethodEntry {
     std::string_view name;
-    void (*op)(Service&, std::string_view, const Service::Reply&);
+    Service::Operation op;
 };
 
 const MethodEntry kEntries[] = {
-    {bus::kIsAdmin,
-     [](Service& s, std::string_view r, const Service::Reply& a) { s.tzPListIsAdminProfile_XPC(r, a); }},
-    {bus::kSwap,
-     [](Service& s, std::string_view r, const Service::Reply& a) { s.tzPListSwapProfile_XPC(r, a); }},
-    {bus::kExist,
-     [](Service& s, std::string_view r, const Service::Reply& a) { s.tzPListExistProfile_XPC(r, a); }},
-    {bus::kRemove,
-     [](Service& s, std::string_view r, const Service::Reply& a) { s.tzPListRemove_XPC(r, a); }},
-    {bus::kWriteDictionary,
-     [](Service& s, std::string_view r, const Service::Reply& a) {
-         s.writeDictionaryToPlistFile_XPC(r, a);
-     }},
-    {bus::kWriteData,
-     [](Service& s, std::string_view r, const Service::Reply& a) { s.writeDataToPlistFile_XPC(r, a); }},
-    {bus::kWriteDataRename,
-     [](Service& s, std::string_view r, const Service::Reply& a) {
-         s.writeDataToPlistFileRename_XPC(r, a);
-     }},
-    {bus::kMibWalk,
-     [](Service& s, std::string_view r, const Service::Reply& a) { s.mibwalk_XPC(r, a); }},
+    {bus::kIsAdmin, &Service::tzPListIsAdminProfile_XPC},
+    {bus::kSwap, &Service::tzPListSwapProfile_XPC},
+    {bus::kExist, &Service::tzPListExistProfile_XPC},
+    {bus::kRemove, &Service::tzPListRemove_XPC},
+    {bus::kWriteDictionary, &Service::writeDictionaryToPlistFile_XPC},
+    {bus::kWriteData, &Service::writeDataToPlistFile_XPC},
+    {bus::kWriteDataRename, &Service::writeDataToPlistFileRename_XPC},
+    {bus::kMibWalk, &Service::mibwalk_XPC},
 };
 static_assert(std::size(kEntries) == bus::kMethods.size());
 
@@ -135,7 +123,7 @@ void Front::register_methods() {
     const std::string interface = str(bus::kInterface);
     for (const MethodEntry& entry : kEntries) {
         const std::string name = str(entry.name);
-        const Operation op = entry.op;
+        const Service::Operation op = entry.op;
         object_->registerMethod(name)
             .onInterface(interface)
             .withInputParamNames("request")
@@ -149,7 +137,7 @@ void Front::register_methods() {
 
 // Runs on the event-loop thread. Nothing may escape into sd-bus from here:
 // every way out answers the call or hands it to a worker that will.
-void Front::on_call(Operation op, sdbus::Result<std::string>&& result, std::string request) {
+void Front::on_call(Service::Operation op, sdbus::Result<std::string>&& result, std::string request) {
     last_call_ = Clock::now();
     try {
         const sdbus::Message* message = object_->getCurrentlyProcessedMessage();

@@ -88,10 +88,9 @@ private:
         std::shared_ptr<WorkerPool::Strand> strand;
         WorkerPool::Job job;
     };
-    using Operation = void (*)(Service&, std::string_view, const Service::Reply&);
 
     void register_methods();
-    void on_call(Operation op, sdbus::Result<std::string>&& result, std::string request);
+    void on_call(Service::Operation op, sdbus::Result<std::string>&& result, std::string request);
     Client* client_for(const std::string& sender);
     void on_name_owner_changed(sdbus::Message& signal);
     void finish_call();
