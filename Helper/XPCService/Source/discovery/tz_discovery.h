@@ -12,7 +12,7 @@
  *    a pass phrase), unchanged. Nothing here throws or calls exit().
  *  - Diagnostics: the walk formats its last one into sDEBUGmsg and hands the
  *    argument parser's complaints and its statistics to MyDebugMessage, which
- *    drops them. Only net-snmp's own printers (print_variable, snmp_perror,
+ *    drops them unless a front has set a debug hook. Only net-snmp's own printers (print_variable, snmp_perror,
  *    snmp_sess_perror) write to the standard streams.
  *  - Process-wide state, no locks: PlistForSpool, numprinted, sDEBUGmsg, the
  *    net-snmp default store and getopt's globals. One walk at a time per
@@ -81,8 +81,27 @@ extern int32_t numprinted;
 /* The walk's last diagnostic, formatted with a bound of 128 bytes. */
 extern char sDEBUGmsg[128];
 
-/* The debug hook: does nothing. `text` may be null. */
+/* The debug hook: hands its arguments to the TZWalkDebugHook if one is set,
+ * else does nothing. `text` may be null. */
 void MyDebugMessage(const char *text, int32_t number);
+
+/* ---- Observers of the walk (set by a front; null: none) ----------------- */
+
+/* Receives what MyDebugMessage receives (the argument parser's complaints,
+ * the statistics of -C p) and, at the end of every walk that wrote
+ * sDEBUGmsg, that text with number 0. Called on the walking thread. */
+typedef void (*TZWalkDebugHook)(const char *text, int32_t number);
+void TZSetWalkDebugHook(TZWalkDebugHook hook);
+
+/* Receives the number of variables the running walk has accepted so far,
+ * after each one. Called on the walking thread; must be quick. */
+typedef void (*TZWalkProgressHook)(int32_t variables);
+void TZSetWalkProgressHook(TZWalkProgressHook hook);
+
+/* The most GETNEXT requests a walk keeps in flight (1: one at a time).
+ * Values below 1 are taken as 1. Read at the start of each walk. */
+void TZSetWalkWindow(int32_t window);
+int32_t TZGetWalkWindow(void);
 
 /* ---- The walk ---------------------------------------------------------- */
 

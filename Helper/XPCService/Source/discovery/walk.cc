@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,7 +27,26 @@ extern "C" {
 int32_t numprinted = 0;
 char sDEBUGmsg[128];
 
-void MyDebugMessage(const char* /*text*/, int32_t /*number*/) {}
+}
+
+namespace {
+std::atomic<TZWalkDebugHook> debug_hook{nullptr};
+std::atomic<TZWalkProgressHook> progress_hook{nullptr};
+std::atomic<int32_t> walk_window{1};
+}  // namespace
+
+extern "C" {
+void MyDebugMessage(const char* text, int32_t number) {
+    if (const TZWalkDebugHook hook = debug_hook.load(std::memory_order_acquire)) hook(text, number);
+}
+void TZSetWalkDebugHook(TZWalkDebugHook hook) { debug_hook.store(hook, std::memory_order_release); }
+void TZSetWalkProgressHook(TZWalkProgressHook hook) {
+    progress_hook.store(hook, std::memory_order_release);
+}
+void TZSetWalkWindow(int32_t window) {
+    walk_window.store(window < 1 ? 1 : window, std::memory_order_relaxed);
+}
+int32_t TZGetWalkWindow(void) { return walk_window.load(std::memory_order_relaxed); }
 }
 
 namespace {
@@ -239,6 +259,7 @@ Outcome walk(int32_t argc, char** argv) {
     if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
         snmp_get_and_print(ss.get(), root, rootlen);
     int32_t exitval = 0;
+    int32_t accepted = 0;  // by this walk, for the progress hook
     int status = STAT_SUCCESS;
 
     while (running) {
@@ -267,6 +288,9 @@ Outcome walk(int32_t argc, char** argv) {
                     continue;
                 }
                 ++numprinted;
+                ++accepted;
+                if (const TZWalkProgressHook hook = progress_hook.load(std::memory_order_acquire))
+                    hook(accepted);
                 vSpoolPlist(var->name, 0, var, 0);
                 if (static_cast<int8_t>(var->type) < -125) {
                     running = false;  // noSuchObject, noSuchInstance, endOfMibView
@@ -331,7 +355,15 @@ extern "C" void snmp_get_and_print(struct snmp_session* session, const unsigned 
 extern "C" int32_t mib_walk(int32_t argc, char** argv) {
     start_library_once();
     vSpoolPlist(nullptr, 0, nullptr, 1);  // clears the spool
+    // sDEBUGmsg keeps the last diagnostic of any walk: the hook hears it only
+    // when this walk wrote one.
+    char before[sizeof sDEBUGmsg];
+    std::memcpy(before, sDEBUGmsg, sizeof before);
     const Outcome outcome = walk(argc, argv);
     (void)vRestructPlistSpool2Current(outcome.rebuild_status);
+    if (std::memcmp(before, sDEBUGmsg, sizeof before) != 0) {
+        const std::string text(sDEBUGmsg, strnlen(sDEBUGmsg, sizeof sDEBUGmsg));
+        MyDebugMessage(text.c_str(), 0);
+    }
     return outcome.result;
 }
