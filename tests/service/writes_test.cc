@@ -73,6 +73,15 @@ TEST_F(Writes, PiecesCollectAndRenameIntoPlace) {
     EXPECT_FALSE(exists(target));
 }
 
+TEST_F(Writes, PiecesFollowTheTemporaryFilesLinkEvenWhenItDangles) {
+    fs::create_directory(dir.file("kept"));
+    fs::create_symlink("kept/pieces.txt", target + ".dummy");  // relative, dangling
+    EXPECT_EQ(write_piece(target_url, "AB"), "TRUE");
+    EXPECT_EQ(write_piece(target_url, "CD"), "TRUE");
+    EXPECT_TRUE(fs::is_symlink(target + ".dummy"));
+    EXPECT_EQ(read_file(dir.file("kept/pieces.txt")), "ABCD");
+}
+
 TEST_F(Writes, UrlsAreParsedAsUrls) {
     EXPECT_EQ(write_plist(url("caf%C3%A9%20menu.plist"), "x"), "TRUE");
     EXPECT_EQ(read_file(dir.file("caf\xc3\xa9 menu.plist")), "x");

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -66,19 +67,33 @@ bool replace_atomically(const std::string& path, std::string_view bytes) {
     return false;
 }
 
-// Stores `bytes` as the content of `path`. A link is followed, so the link
-// stays and its target gets the content. A regular file (or none) is replaced
-// atomically; anything else (a device, a pipe) cannot be replaced by a rename
-// and is written in place, so that a full disk behind it is reported.
-bool store(const std::string& path, std::string_view bytes) {
-    std::string target = path;
-    struct stat st;
-    if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-        if (char* resolved = ::realpath(path.c_str(), nullptr)) {
-            target = resolved;
-            std::free(resolved);
-        }
+// The file that `path` leads to: every link followed, hop by hop, to the
+// first name that is not a link. A dangling link leads to a name that does
+// not exist yet, which is where the content goes. A loop of links stops after
+// as many hops as the kernel allows and leaves the open to fail.
+std::string link_target(std::string path) {
+    constexpr int kMaxHops = 40;  // the kernel's own limit on links in a path
+    for (int hop = 0; hop < kMaxHops; ++hop) {
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) break;
+        std::string link(static_cast<std::size_t>(PATH_MAX), '\0');
+        const ssize_t length = ::readlink(path.c_str(), link.data(), link.size());
+        if (length <= 0) break;
+        link.resize(static_cast<std::size_t>(length));
+        if (link.front() != '/') link = path.substr(0, path.rfind('/') + 1) + link;
+        path = std::move(link);
     }
+    return path;
+}
+
+// Stores `bytes` as the content of `path`. A link is followed, so the link
+// stays and its target gets the content (created when the link dangles). A
+// regular file (or none) is replaced atomically; anything else (a device, a
+// pipe) cannot be replaced by a rename and is written in place, so that a
+// full disk behind it is reported.
+bool store(const std::string& path, std::string_view bytes) {
+    const std::string target = link_target(path);
+    struct stat st;
     if (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
         return write_whole_file(target.c_str(), bytes, O_WRONLY | O_TRUNC);
     return replace_atomically(target, bytes);
