@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include <systemd/sd-daemon.h>
+
 #include "bus_names.h"
 #include "tz_discovery.h"
 
@@ -498,7 +500,7 @@ void Front::turn() {
         wait_for_bus();
         post_turn();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tzhelperd: lost the bus connection: %s\n", e.what());
+        std::fprintf(stderr, SD_ERR "tzhelperd: lost the bus connection: %s\n", e.what());
         end_run(1);
     }
 }

@@ -74,8 +74,12 @@ namespace tz::dbus {
 // The service's version, as the build names it.
 inline constexpr std::string_view kVersion = TZHELPER_VERSION;
 
+// The profile files' folder on Linux: system-wide, group lpadmin, mode 2775,
+// so every printer administrator's walks can write it.
+inline constexpr std::string_view kSystemPreferencesDir = "/var/lib/tzhelper/tazorex.printers.T48Q/";
+
 struct FrontOptions {
-    std::string preferences_dir = std::string(kDefaultPreferencesDir);
+    std::string preferences_dir = std::string(kSystemPreferencesDir);
     // No call for this long ends the process; zero never ends it.
     std::chrono::milliseconds idle_exit = std::chrono::seconds(60);
 };
