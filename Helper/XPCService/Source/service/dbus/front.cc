@@ -166,12 +166,14 @@ Front::~Front() {
     // hand-off or waiting walk behind unless the bus failed; those calls
     // cannot be answered. A walk still running passes its turn to nobody.
     handoffs_.clear();
+    std::unordered_map<const Caller*, std::deque<Call>> backlogs;
     {
         std::lock_guard lock(walks_mutex_);
         closing_ = true;
         walk_queue_.clear();
-        backlogs_.clear();
+        backlogs.swap(backlogs_);
     }
+    backlogs.clear();  // outside the lock: a call's result goes through sd-bus
     pool_.reset();
     TZSetWalkProgressHook(nullptr);
     clients_.clear();
@@ -299,24 +301,29 @@ void Front::on_name_owner_changed(sdbus::Message& signal) {
     if (!new_owner.empty()) return;
     // The caller has gone: a call of it that runs now ends as it would have
     // (a walk included), the rest are dropped: those on its strand when they
-    // come up, those kept aside behind a waiting walk now.
+    // come up, those kept aside behind a waiting walk at the end of this turn
+    // (not here: sd-bus holds its lock while it runs this handler).
     const auto found = clients_.find(name);
     if (found == clients_.end()) return;
     if (const std::shared_ptr<Caller>& caller = found->second->caller) {
         caller->gone.store(true);
-        std::lock_guard lock(walks_mutex_);
-        drop_backlog_locked(*caller);
+        departed_.push_back(caller);
     }
     clients_.erase(found);
 }
+
+// Lock order: sd-bus takes its own lock around everything it does, handlers
+// included, so nothing here touches sd-bus while holding walks_mutex_: calls
+// to drop (their results are sd-bus messages) are collected in `dropped` and
+// let go by drop() once the lock is released.
 
 // Sends `call` on its way, in the order calls arrived: behind its caller's
 // waiting walk if it has one, else to its strand; a walk without the turn
 // waits for it. Called by the loop at the end of a turn, for each call of
 // that turn in arrival order.
-void Front::route_locked(Call call) {
+void Front::route_locked(Call call, std::vector<Call>& dropped) {
     if (call.caller->gone.load()) {
-        finish_call();
+        dropped.push_back(std::move(call));
         return;
     }
     if (const auto kept = backlogs_.find(call.caller.get()); kept != backlogs_.end()) {
@@ -350,6 +357,12 @@ void Front::post_locked(Call call) {
 // the first waiting walk whose caller is still there, with the calls that
 // its caller sent after it, up to the caller's next walk.
 void Front::end_walk() {
+    std::vector<Call> dropped;
+    pass_walk_turn(dropped);
+    drop(dropped);
+}
+
+void Front::pass_walk_turn(std::vector<Call>& dropped) {
     std::lock_guard lock(walks_mutex_);
     walk_turn_taken_ = false;
     if (closing_) return;
@@ -359,7 +372,7 @@ void Front::end_walk() {
         const auto kept = backlogs_.find(caller.get());
         if (kept == backlogs_.end()) continue;  // dropped when its caller left
         if (caller->gone.load()) {
-            drop_backlog_locked(*caller);
+            drop_backlog_locked(*caller, dropped);
             continue;
         }
         std::deque<Call>& calls = kept->second;
@@ -375,14 +388,20 @@ void Front::end_walk() {
     }
 }
 
-// Drops the calls kept aside for `caller`; its entries in the walk queue are
-// skipped when they come up.
-void Front::drop_backlog_locked(const Caller& caller) {
+// Moves the calls kept aside for `caller` to `dropped`; its entries in the
+// walk queue are skipped when they come up.
+void Front::drop_backlog_locked(const Caller& caller, std::vector<Call>& dropped) {
     const auto kept = backlogs_.find(&caller);
     if (kept == backlogs_.end()) return;
-    const std::size_t dropped = kept->second.size();
+    for (Call& call : kept->second) dropped.push_back(std::move(call));
     backlogs_.erase(kept);
-    for (std::size_t i = 0; i < dropped; ++i) finish_call();
+}
+
+// Lets go of calls that will not run; nobody waits for their replies.
+void Front::drop(std::vector<Call>& calls) {
+    const std::size_t count = calls.size();
+    calls.clear();
+    for (std::size_t i = 0; i < count; ++i) finish_call();
 }
 
 // Runs on a pool thread after a call was answered. The event loop is woken
@@ -488,12 +507,20 @@ void Front::turn() {
             end_run(0);
             return;
         }
-        if (!handoffs_.empty()) {
+        const bool handed_off = !handoffs_.empty();
+        if (handed_off || !departed_.empty()) {
+            std::vector<Call> dropped;
             {
                 std::lock_guard lock(walks_mutex_);
-                for (Call& call : handoffs_) route_locked(std::move(call));
+                for (const std::shared_ptr<Caller>& caller : departed_)
+                    drop_backlog_locked(*caller, dropped);
+                for (Call& call : handoffs_) route_locked(std::move(call), dropped);
             }
+            departed_.clear();
             handoffs_.clear();
+            drop(dropped);
+        }
+        if (handed_off) {
             post_turn();
             return;
         }

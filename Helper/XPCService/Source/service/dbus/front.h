@@ -131,10 +131,12 @@ private:
     void on_call(Service::Operation op, sdbus::Result<std::string>&& result, std::string request);
     Client* client_for(const std::string& sender);
     void on_name_owner_changed(sdbus::Message& signal);
-    void route_locked(Call call);
+    void route_locked(Call call, std::vector<Call>& dropped);
     void post_locked(Call call);
     void end_walk();
-    void drop_backlog_locked(const Caller& caller);
+    void pass_walk_turn(std::vector<Call>& dropped);
+    void drop_backlog_locked(const Caller& caller, std::vector<Call>& dropped);
+    void drop(std::vector<Call>& calls);
     void finish_call();
     void post_turn();
     void turn();
@@ -163,6 +165,7 @@ private:
     // Only the loop's turns touch these (one turn at a time, on any thread).
     std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
     std::vector<Call> handoffs_;  // this turn's calls, routed at its end
+    std::vector<std::shared_ptr<Caller>> departed_;  // this turn's, their backlogs dropped at its end
     int stop_fd_ = -1;
     std::chrono::steady_clock::time_point last_call_;
     bool name_gone_ = false;
