@@ -65,10 +65,12 @@ TEST(CommandLine, OptionsAndUsageErrors) {
 
 // Runs tzhelperd on `bus` with `args`, its stderr to `err_file`, and waits
 // until it owns the helper's name (so no call activates another one).
-pid_t start_service(const PrivateBus& bus, const std::vector<std::string>& args, const std::string& err_file) {
-    tz::test::BusWatch owner(bus.address(),
-                             "type='signal',member='NameOwnerChanged',arg0='" + std::string(tz::bus::kBusName) + "'",
-                             [](sdbus::Message& m) { return m.getMemberName(); });
+pid_t start_service(const PrivateBus& bus, const std::vector<std::string>& args,
+                    const std::string& err_file) {
+    tz::test::BusWatch owner(
+        bus.address(),
+        "type='signal',member='NameOwnerChanged',arg0='" + std::string(tz::bus::kBusName) + "'",
+        [](sdbus::Message& m) { return m.getMemberName(); });
     std::vector<std::string> argv = {TZHELPERD_PATH, "--address", bus.address(), "--idle-exit", "0"};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> raw;
@@ -76,7 +78,8 @@ pid_t start_service(const PrivateBus& bus, const std::vector<std::string>& args,
     raw.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0644);
     pid_t pid = -1;
     const int rc = posix_spawn(&pid, raw[0], &actions, nullptr, raw.data(), environ);
     posix_spawn_file_actions_destroy(&actions);

@@ -26,9 +26,9 @@ using tz::test::PrivateBus;
 using tz::test::reply_of;
 
 std::string walk_of(const std::string& model, const std::string& user, const std::string& peer) {
-    return tz::client::walk_request(model, user,
-                                    {"snmpwalk", "-v", "1", "-c", "public", "-t", "20", "-r", "0", peer,
-                                     tz::test::kProfileTable});
+    return tz::client::walk_request(
+        model, user,
+        {"snmpwalk", "-v", "1", "-c", "public", "-t", "20", "-r", "0", peer, tz::test::kProfileTable});
 }
 
 void clear_folder(const std::string& folder) {
@@ -89,7 +89,8 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
         relays.open();
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
-            EXPECT_TRUE(tz::test::read_file(files[i]) == alone[i]) << files[i] << " differs from a lone walk's";
+            EXPECT_TRUE(tz::test::read_file(files[i]) == alone[i])
+                << files[i] << " differs from a lone walk's";
         }
     }
 }
@@ -103,15 +104,16 @@ TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
     ASSERT_TRUE(first && other);
 
     relays.close();
-    auto held =
-        std::async(std::launch::async, [&] { return first->mib_walk(walk_of("T48Q", "alice", relays.peer(0))); });
+    auto held = std::async(std::launch::async,
+                           [&] { return first->mib_walk(walk_of("T48Q", "alice", relays.peer(0))); });
     ASSERT_EQ(relays.wait_for_request(), 0);
 
     // The leaver: known to the service (one call answered), then a walk that
     // the bus has delivered, then gone.
     auto leaver = sdbus::createSessionBusConnectionWithAddress(bus.address());
     const std::string leaver_name = leaver->getUniqueName();
-    auto proxy = sdbus::createProxy(*leaver, std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath));
+    auto proxy =
+        sdbus::createProxy(*leaver, std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath));
     std::string reply;
     proxy->callMethod(std::string(tz::bus::kExist))
         .onInterface(std::string(tz::bus::kInterface))

@@ -46,8 +46,8 @@ public:
         const auto end = std::chrono::steady_clock::now() + limit;
         while (!done(seen_)) {
             if (connection_->processPendingRequest()) continue;
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                end - std::chrono::steady_clock::now());
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
             if (left.count() <= 0) return false;
             const auto data = connection_->getEventLoopPollData();
             pollfd entry{data.fd, data.events, 0};

@@ -165,7 +165,9 @@ private:
     // Only the loop's turns touch these (one turn at a time, on any thread).
     std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
     std::vector<Call> handoffs_;  // this turn's calls, routed at its end
-    std::vector<std::shared_ptr<Caller>> departed_;  // this turn's, their backlogs dropped at its end
+    // Callers that left during this turn; their kept-aside calls are dropped
+    // at its end.
+    std::vector<std::shared_ptr<Caller>> departed_;
     int stop_fd_ = -1;
     std::chrono::steady_clock::time_point last_call_;
     bool name_gone_ = false;
