@@ -8,12 +8,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include <systemd/sd-daemon.h>
+
 #include "bus_names.h"
+#include "tz_discovery.h"
 
 namespace tz::dbus {
 namespace {
@@ -26,6 +30,9 @@ constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
 // A call that could have started this long ago gets a pool thread of its own.
 constexpr std::chrono::milliseconds kGrowAfter{2};
 constexpr std::size_t kMaxThreads = 64;
+
+// WalkProgress goes out at most once per this interval while a walk runs.
+constexpr std::chrono::milliseconds kProgressInterval{100};
 
 std::string str(std::string_view text) { return std::string(text); }
 
@@ -46,12 +53,16 @@ void send_error(const sdbus::Result<std::string>& result, std::string_view name,
 
 // Runs one operation and answers the call exactly once: with the operation's
 // reply, or with a named error when the operation stopped without one.
+// `before_reply`, if set, runs just before the reply is sent (not before an
+// error).
 void answer(const Service& service, Service::Operation op, const std::string& request,
-            const sdbus::Result<std::string>& result) noexcept {
+            const sdbus::Result<std::string>& result,
+            const std::function<void()>& before_reply = {}) noexcept {
     bool replied = false;
     const Service::Reply reply = [&](const std::string& text) {
         if (replied) return;
         replied = true;
+        if (before_reply) before_reply();
         result.returnResults(text);
     };
     try {
@@ -88,6 +99,46 @@ static_assert(std::size(kEntries) == bus::kMethods.size());
 
 }  // namespace
 
+// The running walk's progress, on the walking thread: the discovery layer
+// calls its progress hook there after each variable, and the hook finds the
+// walk through a thread-local pointer set for the walk's duration. Only one
+// walk runs at a time, but the pointer is per thread anyway, so a hook call
+// on any other thread does nothing.
+class Front::WalkProgress {
+public:
+    WalkProgress(Front& front, std::string caller)
+        : front_(front), caller_(std::move(caller)), last_sent_(Clock::now()) {
+        current = this;
+    }
+    ~WalkProgress() { current = nullptr; }
+    WalkProgress(const WalkProgress&) = delete;
+    WalkProgress& operator=(const WalkProgress&) = delete;
+
+    // The hook the discovery layer calls; set once for the process.
+    static void hook(int32_t variables) {
+        if (current != nullptr) current->accepted(variables);
+    }
+    // The walk has ended: its final count, whatever was sent before.
+    void finish() { front_.emit_walk_progress(caller_, variables_); }
+
+private:
+    void accepted(int32_t variables) {
+        variables_ = variables;
+        const Clock::time_point now = Clock::now();
+        if (now - last_sent_ < kProgressInterval) return;
+        last_sent_ = now;
+        front_.emit_walk_progress(caller_, variables_);
+    }
+
+    static thread_local WalkProgress* current;
+    Front& front_;
+    const std::string caller_;
+    Clock::time_point last_sent_;  // the walk's start, then the last signal
+    int32_t variables_ = 0;
+};
+
+thread_local Front::WalkProgress* Front::WalkProgress::current = nullptr;
+
 Front::Front(sdbus::IConnection& bus, FrontOptions options)
     : bus_(bus),
       options_(std::move(options)),
@@ -104,22 +155,33 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
         [this](sdbus::Message& signal) { on_name_owner_changed(signal); });
 
     object_ = sdbus::createObject(bus_, str(bus::kObjectPath));
-    register_methods();
+    register_interfaces();
     pool_ = std::make_unique<WorkerPool>(kGrowAfter, kMaxThreads);
     loop_strand_ = std::make_shared<WorkerPool::Strand>();
+    TZSetWalkProgressHook(&WalkProgress::hook);
 }
 
 Front::~Front() {
     // The pool first: its jobs reply through the bus. run() leaves no
-    // hand-off behind unless the bus failed; those calls cannot be answered.
+    // hand-off or waiting walk behind unless the bus failed; those calls
+    // cannot be answered. A walk still running passes its turn to nobody.
     handoffs_.clear();
+    std::unordered_map<const Caller*, std::deque<Call>> backlogs;
+    {
+        std::lock_guard lock(walks_mutex_);
+        closing_ = true;
+        walk_queue_.clear();
+        backlogs.swap(backlogs_);
+    }
+    backlogs.clear();  // outside the lock: a call's result goes through sd-bus
     pool_.reset();
+    TZSetWalkProgressHook(nullptr);
     clients_.clear();
     object_.reset();
     if (wake_fd_ >= 0) ::close(wake_fd_);
 }
 
-void Front::register_methods() {
+void Front::register_interfaces() {
     const std::string interface = str(bus::kInterface);
     for (const MethodEntry& entry : kEntries) {
         const std::string name = str(entry.name);
@@ -132,7 +194,34 @@ void Front::register_methods() {
                 on_call(op, std::move(result), std::move(request));
             });
     }
+
+    const std::string interface1 = str(bus::kInterface1);
+    constexpr auto constant = sdbus::Flags::CONST_PROPERTY_VALUE;
+    object_->registerProperty(str(bus::kVersionProperty))
+        .onInterface(interface1)
+        .withGetter([] { return str(kVersion); })
+        .withUpdateBehavior(constant);
+    object_->registerProperty(str(bus::kPreferencesDirectoryProperty))
+        .onInterface(interface1)
+        .withGetter([this] { return options_.preferences_dir; })
+        .withUpdateBehavior(constant);
+    object_->registerSignal(str(bus::kWalkProgressSignal))
+        .onInterface(interface1)
+        .withParameters<std::string, uint32_t>("caller", "variables");
     object_->finishRegistration();
+}
+
+// Called on the walking thread. sdbus-c++ lets any thread emit a signal on an
+// object while the event loop runs on another; the object outlives every
+// walk (the pool is joined before it goes). A signal that cannot be sent is
+// dropped: progress is advisory.
+void Front::emit_walk_progress(const std::string& caller, int32_t variables) noexcept {
+    try {
+        object_->emitSignal(str(bus::kWalkProgressSignal))
+            .onInterface(str(bus::kInterface1))
+            .withArguments(caller, static_cast<uint32_t>(std::max(variables, 0)));
+    } catch (...) {
+    }
 }
 
 // Runs on the event-loop thread. Nothing may escape into sd-bus from here:
@@ -154,11 +243,21 @@ void Front::on_call(Service::Operation op, sdbus::Result<std::string>&& result, 
             return;
         }
         auto shared = std::make_shared<sdbus::Result<std::string>>(std::move(result));
-        handoffs_.push_back({client->strand, [this, service = client->service, op, shared,
-                                              request = std::move(request)] {
-                                 answer(*service, op, request, *shared);
-                                 finish_call();
-                             }});
+        Call call;
+        call.caller = client->caller;
+        call.walk = op == &Service::mibwalk_XPC;
+        if (call.walk) {
+            call.run = [this, caller = client->caller.get(), shared, request = std::move(request)] {
+                WalkProgress progress(*this, caller->name);
+                answer(caller->service, &Service::mibwalk_XPC, request, *shared,
+                       [&] { progress.finish(); });
+            };
+        } else {
+            call.run = [caller = client->caller.get(), op, shared, request = std::move(request)] {
+                answer(caller->service, op, request, *shared);
+            };
+        }
+        handoffs_.push_back(std::move(call));
         pending_.fetch_add(1, std::memory_order_acq_rel);
     } catch (const std::exception& e) {
         send_error(result, bus::kFailed, e.what());
@@ -184,10 +283,7 @@ Front::Client* Front::client_for(const std::string& sender) {
     auto client = std::make_unique<Client>();
     client->uid = uid;
     client->allowed = uid == own_uid_;
-    if (client->allowed) {
-        client->service = std::make_shared<Service>(options_.preferences_dir);
-        client->strand = std::make_shared<WorkerPool::Strand>();
-    }
+    if (client->allowed) client->caller = std::make_shared<Caller>(sender, options_.preferences_dir);
     return clients_.emplace(sender, std::move(client)).first->second.get();
 }
 
@@ -203,9 +299,109 @@ void Front::on_name_owner_changed(sdbus::Message& signal) {
         return;
     }
     if (!new_owner.empty()) return;
-    // The caller has gone: what it has queued still runs (the replies go
-    // nowhere), holding its service and strand until then.
-    clients_.erase(name);
+    // The caller has gone: a call of it that runs now ends as it would have
+    // (a walk included), the rest are dropped: those on its strand when they
+    // come up, those kept aside behind a waiting walk at the end of this turn
+    // (not here: sd-bus holds its lock while it runs this handler).
+    const auto found = clients_.find(name);
+    if (found == clients_.end()) return;
+    if (const std::shared_ptr<Caller>& caller = found->second->caller) {
+        caller->gone.store(true);
+        departed_.push_back(caller);
+    }
+    clients_.erase(found);
+}
+
+// Lock order: sd-bus takes its own lock around everything it does, handlers
+// included, so nothing here touches sd-bus while holding walks_mutex_: calls
+// to drop (their results are sd-bus messages) are collected in `dropped` and
+// let go by drop() once the lock is released.
+
+// Sends `call` on its way, in the order calls arrived: behind its caller's
+// waiting walk if it has one, else to its strand; a walk without the turn
+// waits for it. Called by the loop at the end of a turn, for each call of
+// that turn in arrival order.
+void Front::route_locked(Call call, std::vector<Call>& dropped) {
+    if (call.caller->gone.load()) {
+        dropped.push_back(std::move(call));
+        return;
+    }
+    if (const auto kept = backlogs_.find(call.caller.get()); kept != backlogs_.end()) {
+        if (call.walk) walk_queue_.push_back(call.caller);
+        kept->second.push_back(std::move(call));
+        return;
+    }
+    if (call.walk) {
+        if (walk_turn_taken_) {
+            walk_queue_.push_back(call.caller);
+            backlogs_[call.caller.get()].push_back(std::move(call));
+            return;
+        }
+        walk_turn_taken_ = true;
+    }
+    post_locked(std::move(call));
+}
+
+// Posts `call` to its caller's strand. When it comes up, it runs unless its
+// caller has gone by then; a walk then passes the turn on either way.
+void Front::post_locked(Call call) {
+    const std::shared_ptr<WorkerPool::Strand> strand = call.caller->strand;
+    pool_->post(strand, [this, call = std::move(call)] {
+        if (!call.caller->gone.load()) call.run();
+        if (call.walk) end_walk();
+        finish_call();
+    });
+}
+
+// The walk that held the turn has ended (or was dropped): the turn goes to
+// the first waiting walk whose caller is still there, with the calls that
+// its caller sent after it, up to the caller's next walk.
+void Front::end_walk() {
+    std::vector<Call> dropped;
+    pass_walk_turn(dropped);
+    drop(dropped);
+}
+
+void Front::pass_walk_turn(std::vector<Call>& dropped) {
+    std::lock_guard lock(walks_mutex_);
+    walk_turn_taken_ = false;
+    if (closing_) return;
+    while (!walk_queue_.empty()) {
+        const std::shared_ptr<Caller> caller = std::move(walk_queue_.front());
+        walk_queue_.pop_front();
+        const auto kept = backlogs_.find(caller.get());
+        if (kept == backlogs_.end()) continue;  // dropped when its caller left
+        if (caller->gone.load()) {
+            drop_backlog_locked(*caller, dropped);
+            continue;
+        }
+        std::deque<Call>& calls = kept->second;
+        walk_turn_taken_ = true;
+        post_locked(std::move(calls.front()));
+        calls.pop_front();
+        while (!calls.empty() && !calls.front().walk) {
+            post_locked(std::move(calls.front()));
+            calls.pop_front();
+        }
+        if (calls.empty()) backlogs_.erase(kept);
+        return;
+    }
+}
+
+// Moves the calls kept aside for `caller` to `dropped`; its entries in the
+// walk queue are skipped when they come up.
+void Front::drop_backlog_locked(const Caller& caller, std::vector<Call>& dropped) {
+    const auto kept = backlogs_.find(&caller);
+    if (kept == backlogs_.end()) return;
+    for (Call& call : kept->second) dropped.push_back(std::move(call));
+    backlogs_.erase(kept);
+}
+
+// Lets go of calls that will not run; nobody waits for their replies.
+void Front::drop(std::vector<Call>& calls) {
+    const std::size_t count = calls.size();
+    calls.clear();
+    for (std::size_t i = 0; i < count; ++i) finish_call();
 }
 
 // Runs on a pool thread after a call was answered. The event loop is woken
@@ -311,16 +507,27 @@ void Front::turn() {
             end_run(0);
             return;
         }
-        if (!handoffs_.empty()) {
-            for (Handoff& handoff : handoffs_) pool_->post(handoff.strand, std::move(handoff.job));
+        const bool handed_off = !handoffs_.empty();
+        if (handed_off || !departed_.empty()) {
+            std::vector<Call> dropped;
+            {
+                std::lock_guard lock(walks_mutex_);
+                for (const std::shared_ptr<Caller>& caller : departed_)
+                    drop_backlog_locked(*caller, dropped);
+                for (Call& call : handoffs_) route_locked(std::move(call), dropped);
+            }
+            departed_.clear();
             handoffs_.clear();
+            drop(dropped);
+        }
+        if (handed_off) {
             post_turn();
             return;
         }
         wait_for_bus();
         post_turn();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tzhelperd: lost the bus connection: %s\n", e.what());
+        std::fprintf(stderr, SD_ERR "tzhelperd: lost the bus connection: %s\n", e.what());
         end_run(1);
     }
 }
