@@ -36,4 +36,16 @@ inline constexpr std::string_view kMibWalk = "mibwalk_XPC";
 inline constexpr std::array<std::string_view, 8> kMethods = {
     kIsAdmin, kSwap, kExist, kRemove, kWriteDictionary, kWriteData, kWriteDataRename, kMibWalk};
 
+// The versioned interface beside the eight methods, on the same object:
+// read-only properties and the walk's progress signal.
+inline constexpr std::string_view kHelper1Interface = "tazorex.printers.T48Q.Helper1";
+// The service's version ("s").
+inline constexpr std::string_view kVersionProperty = "Version";
+// The folder of the profile files ("s", ends in '/').
+inline constexpr std::string_view kPreferencesDirectoryProperty = "PreferencesDirectory";
+// WalkProgress(s caller, u variables): the unique name of the connection whose
+// walk runs and the variables walked so far; at most 10 a second, and one at
+// the end.
+inline constexpr std::string_view kWalkProgressSignal = "WalkProgress";
+
 }  // namespace tz::bus
