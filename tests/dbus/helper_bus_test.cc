@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <future>
 #include <set>
 #include <tuple>
@@ -21,6 +22,7 @@
 #include "bus_names.h"
 #include "helper_client.h"
 #include "bus_client.h"
+#include "bus_watch.h"
 #include "private_bus.h"
 #include "snmp_agent.h"
 #include "temp_dir.h"
@@ -143,39 +145,80 @@ TEST(HelperBus, ClientLibraryAndTzhelperctlCarryRequestsUnchanged) {
     EXPECT_TRUE(tz::test::exists(bus.prefs() + "bob-T48Q-profile.plist"));
 }
 
-TEST(HelperBus, LiveIntrospectionMatchesThePublishedInterface) {
+// Each member of `interface` as one line: kind, name, type and access, then
+// its arguments and annotations.
+std::set<std::string> members_of(const pugi::xml_document& doc, std::string_view interface) {
+    std::set<std::string> members;
+    for (const auto& found : doc.select_nodes("//interface")) {
+        if (found.node().attribute("name").value() != interface) continue;
+        for (const pugi::xml_node member : found.node().children()) {
+            if (member.type() != pugi::node_element) continue;
+            std::string line = std::string(member.name()) + " " + member.attribute("name").value() + " " +
+                               member.attribute("type").value() + " " + member.attribute("access").value();
+            for (const pugi::xml_node part : member.children()) {
+                if (std::string_view(part.name()) == "arg")
+                    line += std::string(" (") + part.attribute("name").value() + " " +
+                            part.attribute("type").value() + " " + part.attribute("direction").value() + ")";
+                else if (std::string_view(part.name()) == "annotation")
+                    line += std::string(" @") + part.attribute("name").value() + "=" +
+                            part.attribute("value").value();
+            }
+            members.insert(line);
+        }
+    }
+    return members;
+}
+
+TEST(HelperBus, LiveIntrospectionMatchesThePublishedInterfaces) {
     PrivateBus bus;
     const auto live = run_command({"gdbus", "introspect", "--address", bus.address(), "--dest",
                                    std::string(tz::bus::kBusName), "--object-path",
                                    std::string(tz::bus::kObjectPath), "--xml"});
     ASSERT_EQ(live.status, 0) << live.err;
-
-    using Arg = std::tuple<std::string, std::string, std::string, std::string>;
-    const auto methods_of = [](const pugi::xml_document& doc) {
-        std::set<Arg> args;
-        std::set<std::string> methods;
-        const std::string interface(tz::bus::kInterface);
-        for (const auto& iface : doc.select_nodes("//interface")) {
-            if (iface.node().attribute("name").value() != interface) continue;
-            for (const auto& method : iface.node().children("method")) {
-                methods.insert(method.attribute("name").value());
-                for (const auto& arg : method.children("arg"))
-                    args.emplace(method.attribute("name").value(), arg.attribute("name").value(),
-                                 arg.attribute("type").value(), arg.attribute("direction").value());
-            }
-            EXPECT_TRUE(iface.node().child("signal").empty());
-            EXPECT_TRUE(iface.node().child("property").empty());
-        }
-        return std::make_pair(methods, args);
-    };
     pugi::xml_document live_doc, published_doc;
     ASSERT_TRUE(live_doc.load_string(live.out.c_str()));
     ASSERT_TRUE(published_doc.load_file(TZ_INTERFACE_XML));
-    const auto [live_methods, live_args] = methods_of(live_doc);
-    const auto [published_methods, published_args] = methods_of(published_doc);
-    EXPECT_EQ(live_methods.size(), tz::bus::kMethods.size());
-    EXPECT_EQ(live_methods, published_methods);
-    EXPECT_EQ(live_args, published_args);
+
+    const auto protocol = members_of(live_doc, tz::bus::kInterface);
+    EXPECT_EQ(protocol.size(), tz::bus::kMethods.size());
+    EXPECT_EQ(protocol, members_of(published_doc, tz::bus::kInterface));
+    const auto helper1 = members_of(live_doc, tz::bus::kInterface1);
+    EXPECT_EQ(helper1.size(), 3u) << "Version, PreferencesDirectory, WalkProgress";
+    EXPECT_EQ(helper1, members_of(published_doc, tz::bus::kInterface1));
+}
+
+TEST(HelperBus, Helper1NamesVersionAndFolderAndReportsAWalksProgress) {
+    PrivateBus bus;
+    // busctl prints `s "VALUE"`.
+    const auto property = [&](std::string_view name) {
+        const auto got = run_command({"busctl", "--address=" + bus.address(), "get-property",
+                                      std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath),
+                                      std::string(tz::bus::kInterface1), std::string(name)});
+        return got.status == 0 ? got.out : "error: " + got.err;
+    };
+    EXPECT_EQ(property(tz::bus::kPreferencesDirectoryProperty), "s \"" + bus.prefs() + "\"\n");
+    EXPECT_EQ(property(tz::bus::kVersionProperty).rfind("s \"1.", 0), 0u);
+
+    tz::test::SnmpAgent agent(tz::test::printer_table(12));
+    tz::test::BusWatch progress(bus.address(),
+                                "type='signal',interface='" + std::string(tz::bus::kInterface1) +
+                                    "',member='" + std::string(tz::bus::kWalkProgressSignal) + "'",
+                                [](sdbus::Message& m) {
+                                    std::string caller;
+                                    uint32_t variables = 0;
+                                    m >> caller >> variables;
+                                    return caller + " " + std::to_string(variables);
+                                });
+    auto walker = connect(bus);
+    ASSERT_TRUE(walker);
+    EXPECT_EQ(reply_of(walker->mib_walk(walk_request("alice", agent.peer(), 5))), "iRet=0");
+    // Twelve rows of six columns; the final count comes last, just before
+    // the reply.
+    const std::string final_count = walker->unique_name() + " 72";
+    ASSERT_TRUE(progress.wait_until([&](const auto& seen) {
+        return std::find(seen.begin(), seen.end(), final_count) != seen.end();
+    })) << ::testing::PrintToString(progress.seen());
+    EXPECT_EQ(progress.seen().back(), final_count);
 }
 
 TEST(HelperBus, MissingMarkersGiveTheNamedRangeErrorAndTheCallerGoesOn) {

@@ -60,7 +60,7 @@ Outcome HelperClient::mib_walk(const std::string& request,
                                         std::string(bus::kObjectPath));
         const std::string self = connection_->getUniqueName();
         proxy->uponSignal(std::string(bus::kWalkProgressSignal))
-            .onInterface(std::string(bus::kHelper1Interface))
+            .onInterface(std::string(bus::kInterface1))
             .call([&](const std::string& caller, uint32_t variables) {
                 if (caller == self && on_progress) on_progress(variables);
             });
@@ -107,7 +107,7 @@ Outcome HelperClient::property(std::string_view name) {
         proxy_->callMethod("Get")
             .onInterface("org.freedesktop.DBus.Properties")
             .withTimeout(timeout_)
-            .withArguments(std::string(bus::kHelper1Interface), std::string(name))
+            .withArguments(std::string(bus::kInterface1), std::string(name))
             .storeResultsTo(value);
         if (value.containsValueOfType<std::string>())
             outcome.reply = value.get<std::string>();

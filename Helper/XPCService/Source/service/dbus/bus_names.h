@@ -1,6 +1,7 @@
 // The helper's public face on the D-Bus session bus: its well-known name, the
-// one object, the interface with the eight operations and the error names a
-// caller can receive. The client library and the service both take the names
+// one object, its two interfaces (the eight operations; the versioned one with
+// the service's properties and the walk's progress signal) and the error names
+// a caller can receive. The client library and the service both take the names
 // from here; packaging/tazorex.printers.T48Q.Helper.xml documents them.
 #pragma once
 
@@ -36,16 +37,18 @@ inline constexpr std::string_view kMibWalk = "mibwalk_XPC";
 inline constexpr std::array<std::string_view, 8> kMethods = {
     kIsAdmin, kSwap, kExist, kRemove, kWriteDictionary, kWriteData, kWriteDataRename, kMibWalk};
 
-// The versioned interface beside the eight methods, on the same object:
-// read-only properties and the walk's progress signal.
-inline constexpr std::string_view kHelper1Interface = "tazorex.printers.T48Q.Helper1";
-// The service's version ("s").
+// The second interface of the same object, versioned by its trailing number:
+// a later change that is not backwards compatible gets a new name.
+inline constexpr std::string_view kInterface1 = "tazorex.printers.T48Q.Helper1";
+// Read-only, constant for the process: the service's version ("1.0").
 inline constexpr std::string_view kVersionProperty = "Version";
-// The folder of the profile files ("s", ends in '/').
+// Read-only, constant for the process: the folder a walk writes the profile
+// files to, ending in '/'.
 inline constexpr std::string_view kPreferencesDirectoryProperty = "PreferencesDirectory";
-// WalkProgress(s caller, u variables): the unique name of the connection whose
-// walk runs and the variables walked so far; at most 10 a second, and one at
-// the end.
+// WalkProgress(s caller, u variables): the unique bus name whose walk runs and
+// the variables that walk has accepted so far. Sent at most ten times a
+// second while a walk runs, and once more with the final count just before
+// the walk's reply.
 inline constexpr std::string_view kWalkProgressSignal = "WalkProgress";
 
 }  // namespace tz::bus

@@ -8,12 +8,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "bus_names.h"
+#include "tz_discovery.h"
 
 namespace tz::dbus {
 namespace {
@@ -26,6 +28,9 @@ constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
 // A call that could have started this long ago gets a pool thread of its own.
 constexpr std::chrono::milliseconds kGrowAfter{2};
 constexpr std::size_t kMaxThreads = 64;
+
+// WalkProgress goes out at most once per this interval while a walk runs.
+constexpr std::chrono::milliseconds kProgressInterval{100};
 
 std::string str(std::string_view text) { return std::string(text); }
 
@@ -46,12 +51,16 @@ void send_error(const sdbus::Result<std::string>& result, std::string_view name,
 
 // Runs one operation and answers the call exactly once: with the operation's
 // reply, or with a named error when the operation stopped without one.
+// `before_reply`, if set, runs just before the reply is sent (not before an
+// error).
 void answer(const Service& service, Service::Operation op, const std::string& request,
-            const sdbus::Result<std::string>& result) noexcept {
+            const sdbus::Result<std::string>& result,
+            const std::function<void()>& before_reply = {}) noexcept {
     bool replied = false;
     const Service::Reply reply = [&](const std::string& text) {
         if (replied) return;
         replied = true;
+        if (before_reply) before_reply();
         result.returnResults(text);
     };
     try {
@@ -88,6 +97,46 @@ static_assert(std::size(kEntries) == bus::kMethods.size());
 
 }  // namespace
 
+// The running walk's progress, on the walking thread: the discovery layer
+// calls its progress hook there after each variable, and the hook finds the
+// walk through a thread-local pointer set for the walk's duration. Only one
+// walk runs at a time, but the pointer is per thread anyway, so a hook call
+// on any other thread does nothing.
+class Front::WalkProgress {
+public:
+    WalkProgress(Front& front, std::string caller)
+        : front_(front), caller_(std::move(caller)), last_sent_(Clock::now()) {
+        current = this;
+    }
+    ~WalkProgress() { current = nullptr; }
+    WalkProgress(const WalkProgress&) = delete;
+    WalkProgress& operator=(const WalkProgress&) = delete;
+
+    // The hook the discovery layer calls; set once for the process.
+    static void hook(int32_t variables) {
+        if (current != nullptr) current->accepted(variables);
+    }
+    // The walk has ended: its final count, whatever was sent before.
+    void finish() { front_.emit_walk_progress(caller_, variables_); }
+
+private:
+    void accepted(int32_t variables) {
+        variables_ = variables;
+        const Clock::time_point now = Clock::now();
+        if (now - last_sent_ < kProgressInterval) return;
+        last_sent_ = now;
+        front_.emit_walk_progress(caller_, variables_);
+    }
+
+    static thread_local WalkProgress* current;
+    Front& front_;
+    const std::string caller_;
+    Clock::time_point last_sent_;  // the walk's start, then the last signal
+    int32_t variables_ = 0;
+};
+
+thread_local Front::WalkProgress* Front::WalkProgress::current = nullptr;
+
 Front::Front(sdbus::IConnection& bus, FrontOptions options)
     : bus_(bus),
       options_(std::move(options)),
@@ -104,9 +153,10 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
         [this](sdbus::Message& signal) { on_name_owner_changed(signal); });
 
     object_ = sdbus::createObject(bus_, str(bus::kObjectPath));
-    register_methods();
+    register_interfaces();
     pool_ = std::make_unique<WorkerPool>(kGrowAfter, kMaxThreads);
     loop_strand_ = std::make_shared<WorkerPool::Strand>();
+    TZSetWalkProgressHook(&WalkProgress::hook);
 }
 
 Front::~Front() {
@@ -114,12 +164,13 @@ Front::~Front() {
     // hand-off behind unless the bus failed; those calls cannot be answered.
     handoffs_.clear();
     pool_.reset();
+    TZSetWalkProgressHook(nullptr);
     clients_.clear();
     object_.reset();
     if (wake_fd_ >= 0) ::close(wake_fd_);
 }
 
-void Front::register_methods() {
+void Front::register_interfaces() {
     const std::string interface = str(bus::kInterface);
     for (const MethodEntry& entry : kEntries) {
         const std::string name = str(entry.name);
@@ -132,7 +183,34 @@ void Front::register_methods() {
                 on_call(op, std::move(result), std::move(request));
             });
     }
+
+    const std::string interface1 = str(bus::kInterface1);
+    constexpr auto constant = sdbus::Flags::CONST_PROPERTY_VALUE;
+    object_->registerProperty(str(bus::kVersionProperty))
+        .onInterface(interface1)
+        .withGetter([] { return str(kVersion); })
+        .withUpdateBehavior(constant);
+    object_->registerProperty(str(bus::kPreferencesDirectoryProperty))
+        .onInterface(interface1)
+        .withGetter([this] { return options_.preferences_dir; })
+        .withUpdateBehavior(constant);
+    object_->registerSignal(str(bus::kWalkProgressSignal))
+        .onInterface(interface1)
+        .withParameters<std::string, uint32_t>("caller", "variables");
     object_->finishRegistration();
+}
+
+// Called on the walking thread. sdbus-c++ lets any thread emit a signal on an
+// object while the event loop runs on another; the object outlives every
+// walk (the pool is joined before it goes). A signal that cannot be sent is
+// dropped: progress is advisory.
+void Front::emit_walk_progress(const std::string& caller, int32_t variables) noexcept {
+    try {
+        object_->emitSignal(str(bus::kWalkProgressSignal))
+            .onInterface(str(bus::kInterface1))
+            .withArguments(caller, static_cast<uint32_t>(std::max(variables, 0)));
+    } catch (...) {
+    }
 }
 
 // Runs on the event-loop thread. Nothing may escape into sd-bus from here:
@@ -155,8 +233,13 @@ void Front::on_call(Service::Operation op, sdbus::Result<std::string>&& result, 
         }
         auto shared = std::make_shared<sdbus::Result<std::string>>(std::move(result));
         handoffs_.push_back({client->strand, [this, service = client->service, op, shared,
-                                              request = std::move(request)] {
-                                 answer(*service, op, request, *shared);
+                                              request = std::move(request), sender] {
+                                 if (op == &Service::mibwalk_XPC) {
+                                     WalkProgress progress(*this, sender);
+                                     answer(*service, op, request, *shared, [&] { progress.finish(); });
+                                 } else {
+                                     answer(*service, op, request, *shared);
+                                 }
                                  finish_call();
                              }});
         pending_.fetch_add(1, std::memory_order_acq_rel);

@@ -1,6 +1,8 @@
 // The helper's front on the D-Bus session bus.
 //
-// One object carries the eight operations of the helper's interface. Each
+// One object carries the eight operations of the helper's interface and the
+// versioned interface beside it (bus_names.h): two constant properties and the
+// WalkProgress signal, sent from the walking thread. Each
 // caller (a unique bus name) gets its own tz::Service and its own strand of a
 // worker pool (worker_pool.h), made at its first call and dropped when the bus
 // reports that the name has gone. Calls of one caller run one after another in
@@ -41,6 +43,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -50,6 +53,9 @@
 #include "worker_pool.h"
 
 namespace tz::dbus {
+
+// The service's version, as the build names it.
+inline constexpr std::string_view kVersion = TZHELPER_VERSION;
 
 struct FrontOptions {
     std::string preferences_dir = std::string(kDefaultPreferencesDir);
@@ -84,12 +90,14 @@ private:
         std::shared_ptr<Service> service;
         std::shared_ptr<WorkerPool::Strand> strand;
     };
+    class WalkProgress;
     struct Handoff {
         std::shared_ptr<WorkerPool::Strand> strand;
         WorkerPool::Job job;
     };
 
-    void register_methods();
+    void register_interfaces();
+    void emit_walk_progress(const std::string& caller, int32_t variables) noexcept;
     void on_call(Service::Operation op, sdbus::Result<std::string>&& result, std::string request);
     Client* client_for(const std::string& sender);
     void on_name_owner_changed(sdbus::Message& signal);
