@@ -428,7 +428,7 @@ void print_summary(const Summary& summary) {
                     changes.added.size(), changes.dropped.size(), changes.remarked.size());
         const auto line = [](const char* what, const tz::ctl::ProfileChange& change,
                              const std::string& in_menu) {
-            std::printf("  %-9s  %-31s  location %-3d  %-33s  InMenu %s\n", what,
+            std::printf("  %-9s  %-12s  location %-2d  %-20s  InMenu %s\n", what,
                         change.file_name.c_str(), change.location,
                         ("\"" + change.profile_name + "\"").c_str(), in_menu.c_str());
         };
