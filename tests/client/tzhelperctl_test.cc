@@ -1,6 +1,7 @@
 // tzhelperctl against a real tzhelperd on a private bus: the exit status, the
 // line on stderr and the JSON of each kind of outcome, every command's help,
 // and a walk's summary.
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "helper_client.h"
 #include "private_bus.h"
 #include "snmp_agent.h"
 
@@ -142,6 +144,32 @@ TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
         run_command({kCtl, "--address", bus.address(), "walk", "--model", "T48Q", "--user", user, "--", "-v",
                      "1", "-c", "public", agent.peer(), tz::test::kProfileTable});
     EXPECT_EQ(again.out, "iRet=0\nRGB: no change\nSIM: no change\nDST: no change\n") << again.err;
+    EXPECT_EQ(again.err, "") << "no progress line when stderr is not a terminal";
+}
+
+TEST(HelperClient, ReadsTheHelpersPropertiesAndReportsItsOwnWalksProgress) {
+    PrivateBus bus;
+    tz::client::BusError error;
+    auto client = tz::client::HelperClient::connect(bus.address(), &error);
+    ASSERT_TRUE(client) << error.message;
+    EXPECT_EQ(client->preferences_directory().reply, bus.prefs());
+    EXPECT_EQ(client->version().reply, TZ_VERSION);
+    const auto unknown = client->property("Colour");
+    ASSERT_FALSE(unknown.ok());
+    EXPECT_EQ(unknown.error->name, "org.freedesktop.DBus.Error.UnknownProperty");
+
+    tz::test::SnmpAgent agent(tz::test::printer_table(12));
+    std::vector<uint32_t> counts;
+    const auto walk = client->mib_walk(
+        tz::client::walk_request("T48Q", "alice",
+                                 {"snmpwalk", "-v", "1", "-c", "public", agent.peer(), tz::test::kProfileTable}),
+        [&](uint32_t variables) { counts.push_back(variables); });
+    EXPECT_EQ(walk.reply, "iRet=0");
+    // Twelve rows of six columns, the final count last.
+    ASSERT_FALSE(counts.empty());
+    EXPECT_EQ(counts.back(), 72u);
+    EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end()));
+    EXPECT_EQ(client->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
 }
 
 }  // namespace
