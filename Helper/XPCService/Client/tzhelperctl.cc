@@ -357,8 +357,11 @@ struct Profiles {
 
 // Reads the profile plist at `path` into `profiles`. A missing file reads as
 // empty tables when `missing_is_empty` (before a user's first walk). Returns
-// an empty string, or what went wrong.
-std::string read_profiles(const std::string& path, Profiles& profiles, bool missing_is_empty) {
+// an empty string, or what went wrong, naming the file `name` (default: its
+// path).
+std::string read_profiles(const std::string& path, Profiles& profiles, bool missing_is_empty,
+                          std::string name = {}) {
+    if (name.empty()) name = path;
     // The store copies the path into a 255-byte buffer and stops the process
     // when it does not fit: refuse such a path here instead.
     if (path.size() >= TZ_PATH_BUFFER)
@@ -367,13 +370,13 @@ std::string read_profiles(const std::string& path, Profiles& profiles, bool miss
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) {
         if (errno == ENOENT && missing_is_empty) return {};
-        return "cannot read " + path + ": " + std::strerror(errno);
+        return "cannot read " + name + ": " + std::strerror(errno);
     }
     TZ_PLIST_PROFILE_PATH = path.c_str();
     const int32_t read = TZPListReadProfile_All(&profiles.tables[0], &profiles.tables[1],
                                                 &profiles.tables[2]);
     TZ_PLIST_PROFILE_PATH = nullptr;
-    return read == 0 ? std::string() : "cannot read " + path + " as a profile plist";
+    return read == 0 ? std::string() : "cannot read " + name + " as a profile plist";
 }
 
 std::string profile_path(const std::string& folder, const std::string& user, const std::string& model) {
@@ -655,7 +658,8 @@ int run_show(const Global& global, const Command& command, const Args& args) {
     }
 
     Profiles profiles;
-    if (const std::string problem = read_profiles(path, profiles, false); !problem.empty()) {
+    const std::string problem = read_profiles(path, profiles, false, input ? "standard input" : "");
+    if (!problem.empty()) {
         std::fprintf(stderr, "tzhelperctl: %s\n", problem.c_str());
         return tz::ctl::kNo;
     }
