@@ -65,6 +65,7 @@ TEST(Tzhelperctl, ExitStatusAndMessageSayWhatTheOutcomeMeans) {
         {kBare, {"exist", "/"}, 3, "", kNotProvided},
         {kBare, {"show", "--user", "alice", "--model", "T48Q"}, 3, "", kNotProvided},
         {kNoBus, {"exist", "/"}, 3, "", "no session bus: DBUS_SESSION_BUS_ADDRESS is not set"},
+        {kNoBus, {"show", "--user", "alice", "--model", "T48Q"}, 3, "", "no session bus"},
         {kServed, {"exist"}, 2, "", "exist takes PATH"},
         {kServed, {"swap", "two", "a", "b"}, 2, "", "swap's TYPE is a number"},
         {kServed, {"walk", "--model", "T48Q", "--", "-v", "1"}, 2, "", "walk needs --model and --user"},

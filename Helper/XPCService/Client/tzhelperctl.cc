@@ -480,15 +480,16 @@ int report(const Global& global, const Call& call, const Outcome& outcome,
     return verdict.status;
 }
 
-// A connection to the helper's bus, or null after reporting why not.
-std::unique_ptr<HelperClient> connect(const Global& global, const Call& call) {
+// A connection to the helper's bus, or null after reporting why not (as
+// JSON too when `json_failure`).
+std::unique_ptr<HelperClient> connect(const Global& global, const Call& call, bool json_failure = true) {
     BusError error;
     auto client = HelperClient::connect(global.address, &error);
     if (!client) {
         const char* session = std::getenv("DBUS_SESSION_BUS_ADDRESS");
         const Verdict verdict =
             tz::ctl::judge_connect_failure(global.address, session != nullptr && *session != '\0', error);
-        if (global.json)
+        if (global.json && json_failure)
             print_json({{"operation", call.command.name},
                         {"method", call.method},
                         {"request", call.request},
@@ -637,7 +638,8 @@ int run_show(const Global& global, const Command& command, const Args& args) {
     if (by_user) {
         const std::string none;
         const Call call{command, tz::bus::kPreferencesDirectoryProperty, none, none};
-        auto client = connect(global, call);
+        // Like any failure of show, one reaching the helper is reported as text only.
+        auto client = connect(global, call, false);
         if (!client) return tz::ctl::kUnreachable;
         const Outcome folder = client->preferences_directory();
         if (!folder.ok()) {
