@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include <systemd/sd-daemon.h>
+
 #include "bus_names.h"
 #include "tz_discovery.h"
 
@@ -161,8 +163,15 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
 
 Front::~Front() {
     // The pool first: its jobs reply through the bus. run() leaves no
-    // hand-off behind unless the bus failed; those calls cannot be answered.
+    // hand-off or waiting walk behind unless the bus failed; those calls
+    // cannot be answered. A walk still running passes its turn to nobody.
     handoffs_.clear();
+    {
+        std::lock_guard lock(walks_mutex_);
+        closing_ = true;
+        walk_queue_.clear();
+        backlogs_.clear();
+    }
     pool_.reset();
     TZSetWalkProgressHook(nullptr);
     clients_.clear();
@@ -232,16 +241,21 @@ void Front::on_call(Service::Operation op, sdbus::Result<std::string>&& result, 
             return;
         }
         auto shared = std::make_shared<sdbus::Result<std::string>>(std::move(result));
-        handoffs_.push_back({client->strand, [this, service = client->service, op, shared,
-                                              request = std::move(request), sender] {
-                                 if (op == &Service::mibwalk_XPC) {
-                                     WalkProgress progress(*this, sender);
-                                     answer(*service, op, request, *shared, [&] { progress.finish(); });
-                                 } else {
-                                     answer(*service, op, request, *shared);
-                                 }
-                                 finish_call();
-                             }});
+        Call call;
+        call.caller = client->caller;
+        call.walk = op == &Service::mibwalk_XPC;
+        if (call.walk) {
+            call.run = [this, caller = client->caller.get(), shared, request = std::move(request)] {
+                WalkProgress progress(*this, caller->name);
+                answer(caller->service, &Service::mibwalk_XPC, request, *shared,
+                       [&] { progress.finish(); });
+            };
+        } else {
+            call.run = [caller = client->caller.get(), op, shared, request = std::move(request)] {
+                answer(caller->service, op, request, *shared);
+            };
+        }
+        handoffs_.push_back(std::move(call));
         pending_.fetch_add(1, std::memory_order_acq_rel);
     } catch (const std::exception& e) {
         send_error(result, bus::kFailed, e.what());
@@ -267,10 +281,7 @@ Front::Client* Front::client_for(const std::string& sender) {
     auto client = std::make_unique<Client>();
     client->uid = uid;
     client->allowed = uid == own_uid_;
-    if (client->allowed) {
-        client->service = std::make_shared<Service>(options_.preferences_dir);
-        client->strand = std::make_shared<WorkerPool::Strand>();
-    }
+    if (client->allowed) client->caller = std::make_shared<Caller>(sender, options_.preferences_dir);
     return clients_.emplace(sender, std::move(client)).first->second.get();
 }
 
@@ -286,9 +297,92 @@ void Front::on_name_owner_changed(sdbus::Message& signal) {
         return;
     }
     if (!new_owner.empty()) return;
-    // The caller has gone: what it has queued still runs (the replies go
-    // nowhere), holding its service and strand until then.
-    clients_.erase(name);
+    // The caller has gone: a call of it that runs now ends as it would have
+    // (a walk included), the rest are dropped: those on its strand when they
+    // come up, those kept aside behind a waiting walk now.
+    const auto found = clients_.find(name);
+    if (found == clients_.end()) return;
+    if (const std::shared_ptr<Caller>& caller = found->second->caller) {
+        caller->gone.store(true);
+        std::lock_guard lock(walks_mutex_);
+        drop_backlog_locked(*caller);
+    }
+    clients_.erase(found);
+}
+
+// Sends `call` on its way, in the order calls arrived: behind its caller's
+// waiting walk if it has one, else to its strand; a walk without the turn
+// waits for it. Called by the loop at the end of a turn, for each call of
+// that turn in arrival order.
+void Front::route_locked(Call call) {
+    if (call.caller->gone.load()) {
+        finish_call();
+        return;
+    }
+    if (const auto kept = backlogs_.find(call.caller.get()); kept != backlogs_.end()) {
+        if (call.walk) walk_queue_.push_back(call.caller);
+        kept->second.push_back(std::move(call));
+        return;
+    }
+    if (call.walk) {
+        if (walk_turn_taken_) {
+            walk_queue_.push_back(call.caller);
+            backlogs_[call.caller.get()].push_back(std::move(call));
+            return;
+        }
+        walk_turn_taken_ = true;
+    }
+    post_locked(std::move(call));
+}
+
+// Posts `call` to its caller's strand. When it comes up, it runs unless its
+// caller has gone by then; a walk then passes the turn on either way.
+void Front::post_locked(Call call) {
+    const std::shared_ptr<WorkerPool::Strand> strand = call.caller->strand;
+    pool_->post(strand, [this, call = std::move(call)] {
+        if (!call.caller->gone.load()) call.run();
+        if (call.walk) end_walk();
+        finish_call();
+    });
+}
+
+// The walk that held the turn has ended (or was dropped): the turn goes to
+// the first waiting walk whose caller is still there, with the calls that
+// its caller sent after it, up to the caller's next walk.
+void Front::end_walk() {
+    std::lock_guard lock(walks_mutex_);
+    walk_turn_taken_ = false;
+    if (closing_) return;
+    while (!walk_queue_.empty()) {
+        const std::shared_ptr<Caller> caller = std::move(walk_queue_.front());
+        walk_queue_.pop_front();
+        const auto kept = backlogs_.find(caller.get());
+        if (kept == backlogs_.end()) continue;  // dropped when its caller left
+        if (caller->gone.load()) {
+            drop_backlog_locked(*caller);
+            continue;
+        }
+        std::deque<Call>& calls = kept->second;
+        walk_turn_taken_ = true;
+        post_locked(std::move(calls.front()));
+        calls.pop_front();
+        while (!calls.empty() && !calls.front().walk) {
+            post_locked(std::move(calls.front()));
+            calls.pop_front();
+        }
+        if (calls.empty()) backlogs_.erase(kept);
+        return;
+    }
+}
+
+// Drops the calls kept aside for `caller`; its entries in the walk queue are
+// skipped when they come up.
+void Front::drop_backlog_locked(const Caller& caller) {
+    const auto kept = backlogs_.find(&caller);
+    if (kept == backlogs_.end()) return;
+    const std::size_t dropped = kept->second.size();
+    backlogs_.erase(kept);
+    for (std::size_t i = 0; i < dropped; ++i) finish_call();
 }
 
 // Runs on a pool thread after a call was answered. The event loop is woken
@@ -395,7 +489,10 @@ void Front::turn() {
             return;
         }
         if (!handoffs_.empty()) {
-            for (Handoff& handoff : handoffs_) pool_->post(handoff.strand, std::move(handoff.job));
+            {
+                std::lock_guard lock(walks_mutex_);
+                for (Call& call : handoffs_) route_locked(std::move(call));
+            }
             handoffs_.clear();
             post_turn();
             return;
@@ -403,7 +500,7 @@ void Front::turn() {
         wait_for_bus();
         post_turn();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tzhelperd: lost the bus connection: %s\n", e.what());
+        std::fprintf(stderr, SD_ERR "tzhelperd: lost the bus connection: %s\n", e.what());
         end_run(1);
     }
 }

@@ -1,0 +1,177 @@
+// UDP relays between walks and real SNMP agents, one lane per agent, that
+// hold the walks' requests while closed. A walk through a closed lane has
+// started (its first request has arrived) and cannot end until the lanes
+// open, so "while this walk runs" is a state the test holds, not a moment.
+//
+//   GatedRelays relays({first.port(), second.port()});
+//   relays.close();
+//   ... start walks to relays.peer(0) and relays.peer(1) ...
+//   const int lane = relays.wait_for_request();   // a walk is under way
+//   ... check what must hold meanwhile ...
+//   relays.open();                                 // the walks go on
+//
+// Answers always pass. The relay's thread runs from the constructor to the
+// destructor.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tz::test {
+
+class GatedRelays {
+public:
+    explicit GatedRelays(const std::vector<uint16_t>& agent_ports) : lanes_(agent_ports.size()) {
+        for (std::size_t i = 0; i < lanes_.size(); ++i) {
+            Lane& lane = lanes_[i];
+            lane.front = bound_socket();
+            lane.back = bound_socket();
+            sockaddr_in agent = loopback(agent_ports[i]);
+            sockaddr_in own{};
+            socklen_t len = sizeof own;
+            if (::connect(lane.back, reinterpret_cast<sockaddr*>(&agent), sizeof agent) != 0 ||
+                ::getsockname(lane.front, reinterpret_cast<sockaddr*>(&own), &len) != 0)
+                throw std::runtime_error("cannot set up a relay lane");
+            lane.port = ntohs(own.sin_port);
+        }
+        stop_ = ::eventfd(0, EFD_CLOEXEC);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~GatedRelays() {
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t put = ::write(stop_, &one, sizeof one);
+        thread_.join();
+        for (const Lane& lane : lanes_) {
+            ::close(lane.front);
+            ::close(lane.back);
+        }
+        ::close(stop_);
+    }
+    GatedRelays(const GatedRelays&) = delete;
+    GatedRelays& operator=(const GatedRelays&) = delete;
+
+    // "127.0.0.1:PORT", where a walk to lane `lane`'s agent sends.
+    std::string peer(std::size_t lane) const { return "127.0.0.1:" + std::to_string(lanes_[lane].port); }
+
+    // Holds every request from now on and starts counting them afresh.
+    void close() {
+        std::lock_guard lock(mutex_);
+        closed_ = true;
+        for (Lane& lane : lanes_) lane.requests = 0;
+    }
+    // Sends what was held, in order, and passes everything from now on.
+    void open() {
+        std::lock_guard lock(mutex_);
+        closed_ = false;
+        for (Lane& lane : lanes_) {
+            for (const std::string& packet : lane.held) ::send(lane.back, packet.data(), packet.size(), 0);
+            lane.held.clear();
+        }
+    }
+    // Requests lane `lane` received since the last close().
+    std::size_t requests(std::size_t lane) const {
+        std::lock_guard lock(mutex_);
+        return lanes_[lane].requests;
+    }
+    // Waits until a lane has received a request since the last close();
+    // returns the first such lane, or -1 after `limit` (a hung test only).
+    int wait_for_request(std::chrono::seconds limit = std::chrono::seconds(60)) const {
+        std::unique_lock lock(mutex_);
+        int found = -1;
+        arrived_.wait_for(lock, limit, [&] {
+            for (std::size_t i = 0; i < lanes_.size() && found < 0; ++i)
+                if (lanes_[i].requests > 0) found = static_cast<int>(i);
+            return found >= 0;
+        });
+        return found;
+    }
+
+private:
+    struct Lane {
+        int front = -1;  // the walk's side
+        int back = -1;   // the agent's side
+        uint16_t port = 0;
+        sockaddr_in walker{};
+        socklen_t walker_len = 0;
+        std::vector<std::string> held;
+        std::size_t requests = 0;
+    };
+
+    static sockaddr_in loopback(uint16_t port) {
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        addr.sin_port = htons(port);
+        return addr;
+    }
+    static int bound_socket() {
+        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr = loopback(0);
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+            throw std::runtime_error("cannot bind a UDP socket");
+        return fd;
+    }
+
+    void run() {
+        std::vector<pollfd> fds;
+        for (const Lane& lane : lanes_) {
+            fds.push_back({lane.front, POLLIN, 0});
+            fds.push_back({lane.back, POLLIN, 0});
+        }
+        fds.push_back({stop_, POLLIN, 0});
+        char packet[65536];
+        for (;;) {
+            if (::poll(fds.data(), fds.size(), -1) < 0) continue;
+            if (fds.back().revents != 0) return;
+            for (std::size_t i = 0; i < lanes_.size(); ++i) {
+                Lane& lane = lanes_[i];
+                if (fds[2 * i].revents & POLLIN) {
+                    sockaddr_in from{};
+                    socklen_t from_len = sizeof from;
+                    const ssize_t got = ::recvfrom(lane.front, packet, sizeof packet, 0,
+                                                   reinterpret_cast<sockaddr*>(&from), &from_len);
+                    if (got > 0) {
+                        std::lock_guard lock(mutex_);
+                        lane.walker = from;
+                        lane.walker_len = from_len;
+                        ++lane.requests;
+                        if (closed_)
+                            lane.held.emplace_back(packet, static_cast<std::size_t>(got));
+                        else
+                            ::send(lane.back, packet, static_cast<std::size_t>(got), 0);
+                        arrived_.notify_all();
+                    }
+                }
+                if (fds[2 * i + 1].revents & POLLIN) {
+                    const ssize_t got = ::recv(lane.back, packet, sizeof packet, 0);
+                    std::lock_guard lock(mutex_);
+                    if (got > 0 && lane.walker_len > 0)
+                        ::sendto(lane.front, packet, static_cast<std::size_t>(got), 0,
+                                 reinterpret_cast<sockaddr*>(&lane.walker), lane.walker_len);
+                }
+            }
+        }
+    }
+
+    std::vector<Lane> lanes_;
+    int stop_ = -1;
+    mutable std::mutex mutex_;
+    mutable std::condition_variable arrived_;
+    bool closed_ = false;
+    std::thread thread_;  // last: starts after everything it uses exists
+};
+
+}  // namespace tz::test
