@@ -3,6 +3,8 @@
 // and a walk's summary.
 #include <algorithm>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -159,17 +161,37 @@ TEST(HelperClient, ReadsTheHelpersPropertiesAndReportsItsOwnWalksProgress) {
     ASSERT_FALSE(unknown.ok());
     EXPECT_EQ(unknown.error->name, "org.freedesktop.DBus.Error.UnknownProperty");
 
-    tz::test::SnmpAgent agent(tz::test::printer_table(12));
-    std::vector<uint32_t> counts;
-    const auto walk = client->mib_walk(
-        tz::client::walk_request("T48Q", "alice",
-                                 {"snmpwalk", "-v", "1", "-c", "public", agent.peer(), tz::test::kProfileTable}),
-        [&](uint32_t variables) { counts.push_back(variables); });
-    EXPECT_EQ(walk.reply, "iRet=0");
-    // Twelve rows of six columns, the final count last.
+    // A long walk (the agent's whole tree) is under way when a second caller
+    // walks a printer of 3 rows: that walk waits its turn, hearing the first
+    // one's progress, and must count only its own: 6 variables a row, the
+    // final count last.
+    auto other = tz::client::HelperClient::connect(bus.address(), &error);
+    ASSERT_TRUE(other) << error.message;
+    tz::test::SnmpAgent agent(tz::test::printer_table(3));
+    const auto walk = [&](tz::client::HelperClient& walker, const std::string& root,
+                          const std::function<void(uint32_t)>& progress) {
+        return walker
+            .mib_walk(tz::client::walk_request("T48Q", "alice",
+                                               {"snmpwalk", "-v", "2c", "-c", "public", agent.peer(), root}),
+                      progress)
+            .reply;
+    };
+    std::vector<uint32_t> long_counts, counts;
+    std::promise<void> under_way;
+    auto long_walk = std::async(std::launch::async, [&] {
+        return walk(*client, "1.3.6.1", [&](uint32_t variables) {
+            if (long_counts.empty()) under_way.set_value();
+            long_counts.push_back(variables);
+        });
+    });
+    under_way.get_future().wait();
+    EXPECT_EQ(walk(*other, tz::test::kProfileTable, [&](uint32_t variables) { counts.push_back(variables); }),
+              "iRet=0");
+    EXPECT_EQ(long_walk.get(), "iRet=0");
     ASSERT_FALSE(counts.empty());
-    EXPECT_EQ(counts.back(), 72u);
-    EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end()));
+    EXPECT_EQ(counts.back(), 18u);
+    EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end())) << ::testing::PrintToString(counts);
+    EXPECT_GT(long_counts.back(), 18u);
     EXPECT_EQ(client->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
 }
 
