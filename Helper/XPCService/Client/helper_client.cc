@@ -1,5 +1,9 @@
 #include "helper_client.h"
 
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -36,6 +40,93 @@ Outcome HelperClient::call(std::string_view method, const std::string& request) 
 
 Outcome HelperClient::mib_walk(const std::string& request) {
     return call_with(bus::kMibWalk, request, walk_timeout_);
+}
+
+// The walk with progress is an asynchronous call on this same connection,
+// followed by a poll loop on its descriptor until the reply (or its timeout)
+// has come: the signals and the reply are dispatched one after the other on
+// this thread, in the order the bus delivered them. A blocking call would
+// leave the signals queued unread until the reply; a second connection with
+// its own event-loop thread would deliver them on another thread and need a
+// lock, and its match would have to name this connection's walk anyway.
+Outcome HelperClient::mib_walk(const std::string& request,
+                               const std::function<void(uint32_t)>& on_progress) {
+    Outcome outcome;
+    bool done = false;
+    try {
+        // A proxy of its own: its match on WalkProgress lives only as long as
+        // this walk, so no signal is left queued for later calls.
+        auto proxy = sdbus::createProxy(*connection_, std::string(bus::kBusName),
+                                        std::string(bus::kObjectPath));
+        const std::string self = connection_->getUniqueName();
+        proxy->uponSignal(std::string(bus::kWalkProgressSignal))
+            .onInterface(std::string(bus::kInterface1))
+            .call([&](const std::string& caller, uint32_t variables) {
+                if (caller == self && on_progress) on_progress(variables);
+            });
+        proxy->finishRegistration();
+        auto pending = proxy->callMethodAsync(std::string(bus::kMibWalk))
+                           .onInterface(std::string(bus::kInterface))
+                           .withTimeout(walk_timeout_)
+                           .withArguments(request)
+                           .uponReplyInvoke([&](const sdbus::Error* error, std::string reply) {
+                               if (error != nullptr)
+                                   outcome.error = BusError{error->getName(), error->getMessage()};
+                               else
+                                   outcome.reply = std::move(reply);
+                               done = true;
+                           });
+        while (!done) {
+            if (connection_->processPendingRequest()) continue;
+            const auto data = connection_->getEventLoopPollData();
+            const auto wait = data.getRelativeTimeout();
+            // sd-bus ends the call itself once its timeout has passed; the
+            // poll only has to wake up for it.
+            const int wait_ms =
+                wait ? static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(*wait).count())
+                     : -1;
+            pollfd entry{data.fd, data.events, 0};
+            if (::poll(&entry, 1, wait_ms) < 0 && errno != EINTR)
+                throw std::runtime_error(std::string("poll: ") + std::strerror(errno));
+        }
+        // Progress already read behind the reply is still reported.
+        while (connection_->processPendingRequest()) {
+        }
+    } catch (const sdbus::Error& e) {
+        if (!done) outcome.error = BusError{e.getName(), e.getMessage()};
+    } catch (const std::exception& e) {
+        if (!done) outcome.error = BusError{std::string(bus::kFailed), e.what()};
+    }
+    return outcome;
+}
+
+Outcome HelperClient::property(std::string_view name) {
+    Outcome outcome;
+    try {
+        sdbus::Variant value;
+        proxy_->callMethod("Get")
+            .onInterface("org.freedesktop.DBus.Properties")
+            .withTimeout(timeout_)
+            .withArguments(std::string(bus::kInterface1), std::string(name))
+            .storeResultsTo(value);
+        if (value.containsValueOfType<std::string>())
+            outcome.reply = value.get<std::string>();
+        else
+            outcome.error = BusError{"org.freedesktop.DBus.Error.InvalidSignature",
+                                     "the property " + std::string(name) + " is of type " +
+                                         value.peekValueType() + ", not s"};
+    } catch (const sdbus::Error& e) {
+        outcome.error = BusError{e.getName(), e.getMessage()};
+    } catch (const std::exception& e) {
+        outcome.error = BusError{std::string(bus::kFailed), e.what()};
+    }
+    return outcome;
+}
+
+Outcome HelperClient::version() { return property(bus::kVersionProperty); }
+
+Outcome HelperClient::preferences_directory() {
+    return property(bus::kPreferencesDirectoryProperty);
 }
 
 Outcome HelperClient::call_with(std::string_view method, const std::string& request,

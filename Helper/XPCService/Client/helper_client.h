@@ -17,6 +17,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -73,6 +74,23 @@ public:
     }
     // A walk waits for the device: it uses walk_timeout() instead of timeout().
     Outcome mib_walk(const std::string& request);
+    // The same walk, calling `on_progress` with the count of variables walked
+    // so far each time the helper reports progress on this connection's walk
+    // (WalkProgress signals naming another caller are ignored). The callback
+    // runs on the calling thread, inside this call; it must not throw.
+    Outcome mib_walk(const std::string& request, const std::function<void(uint32_t)>& on_progress);
+
+    // A string property of the helper's versioned interface
+    // (tazorex.printers.T48Q.Helper1): the value in `reply`, or the error that
+    // came instead (org.freedesktop.DBus.Error.UnknownProperty,
+    // UnknownInterface from a helper without it, or the bus's own). A value
+    // that is not a string gives org.freedesktop.DBus.Error.InvalidSignature.
+    // Waits at most timeout().
+    Outcome property(std::string_view name);
+    // The helper's version, e.g. "1.0".
+    Outcome version();
+    // The folder of the profile files, ending in '/'.
+    Outcome preferences_directory();
 
     // How long a call waits for its reply (default 25 s; a walk 10 min).
     void set_timeout(std::chrono::microseconds timeout) { timeout_ = timeout; }
