@@ -86,37 +86,53 @@ bool append_text(std::string& out, std::string_view text) {
 
 void append_dict(std::string& out, const TZDictionary& dict, int depth);
 
+// The fixed text around the keys and values of one dictionary's entries, made
+// once per dictionary so that an entry costs few appends.
+struct EntryPieces {
+    explicit EntryPieces(int depth) : depth(depth) {
+        const std::string tabs(static_cast<std::size_t>(depth), '\t');
+        key_open = tabs + "<key>";
+        integer_open = "</key>\n" + tabs + "<integer>";
+        string_open = "</key>\n" + tabs + "<string>";
+    }
+    int depth;
+    std::string key_open;
+    std::string integer_open;
+    std::string string_open;
+};
+
 // One key and its value. The entry is left out, as a value that cannot be
 // made, when XML cannot hold the key or the text: what was appended of it is
 // cut off again.
-void append_entry(std::string& out, const Entry& entry, int depth) {
+void append_entry(std::string& out, const Entry& entry, const EntryPieces& pieces) {
     const std::size_t start = out.size();
-    out.append(static_cast<std::size_t>(depth), '\t');
-    out.append("<key>");
+    out.append(pieces.key_open);
     if (!append_text(out, entry.key)) {
         out.resize(start);
         return;
     }
-    out.append("</key>\n");
-    if (entry.value.kind == Kind::Dict) {
-        append_dict(out, *entry.value.dict, depth);
-        return;
+    switch (entry.value.kind) {
+        case Kind::Dict:
+            out.append("</key>\n");
+            append_dict(out, *entry.value.dict, pieces.depth);
+            return;
+        case Kind::Integer: {
+            out.append(pieces.integer_open);
+            constexpr std::string_view kClose = "</integer>\n";
+            char line[24 + kClose.size()];
+            char* at = std::to_chars(line, line + 24, entry.value.integer).ptr;
+            at = std::copy(kClose.begin(), kClose.end(), at);
+            out.append(line, static_cast<std::size_t>(at - line));
+            return;
+        }
+        default:
+            out.append(pieces.string_open);
+            if (!append_text(out, entry.value.text)) {
+                out.resize(start);
+                return;
+            }
+            out.append("</string>\n");
     }
-    out.append(static_cast<std::size_t>(depth), '\t');
-    if (entry.value.kind == Kind::Integer) {
-        char digits[24];
-        const char* const digits_end = std::to_chars(digits, digits + sizeof digits, entry.value.integer).ptr;
-        out.append("<integer>");
-        out.append(digits, static_cast<std::size_t>(digits_end - digits));
-        out.append("</integer>\n");
-        return;
-    }
-    out.append("<string>");
-    if (!append_text(out, entry.value.text)) {
-        out.resize(start);
-        return;
-    }
-    out.append("</string>\n");
 }
 
 void append_dict(std::string& out, const TZDictionary& dict, int depth) {
@@ -130,9 +146,10 @@ void append_dict(std::string& out, const TZDictionary& dict, int depth) {
         return;
     }
     out.append("<dict>\n");
+    const EntryPieces pieces(depth + 1);
     for (const Entry& entry : dict.entries)
         if (entry.value.kind != Kind::Other)  // not modelled: left out
-            append_entry(out, entry, depth + 1);
+            append_entry(out, entry, pieces);
     out.append(static_cast<std::size_t>(depth), '\t');
     out.append("</dict>\n");
 }
