@@ -45,10 +45,8 @@ std::optional<std::int64_t> parse_integer(std::string_view text) {
     return static_cast<std::int64_t>(magnitude);
 }
 
-// ---- XML ----------------------------------------------------------------------
-
 // Owns a parsed file's bytes and, for input that pugixml had to convert
-// (UTF-16 or UTF-32), the document that holds the converted text.
+// (UTF-16, UTF-32, Latin-1), the document that holds the converted text.
 struct XmlSource {
     std::string bytes;
     pugi::xml_document document;
