@@ -89,8 +89,8 @@ void append_dict(std::string& out, const TZDictionary& dict, int depth);
 // The fixed text around the keys and values of one dictionary's entries, made
 // once per dictionary so that an entry costs few appends.
 struct EntryPieces {
-    explicit EntryPieces(int depth) : depth(depth) {
-        const std::string tabs(static_cast<std::size_t>(depth), '\t');
+    explicit EntryPieces(int level) : depth(level) {
+        const std::string tabs(static_cast<std::size_t>(level), '\t');
         key_open = tabs + "<key>";
         integer_open = "</key>\n" + tabs + "<integer>";
         string_open = "</key>\n" + tabs + "<string>";
