@@ -224,6 +224,11 @@ struct PlistFree {
     void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
 };
 
+// For what libplist hands out with malloc (iterators, keys).
+struct Free {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
 // Converts libplist's tree, object by object alongside the checked graph.
 class BinaryConverter {
 public:
@@ -238,12 +243,12 @@ public:
         plist_dict_iter iter = nullptr;
         plist_dict_new_iter(node, &iter);
         if (iter == nullptr) return {};
-        const std::unique_ptr<void, decltype(&std::free)> owner(iter, &std::free);
+        const std::unique_ptr<void, Free> owner(iter);
         for (std::uint64_t item = 0;; ++item) {
             char* key = nullptr;
             plist_t value_node = nullptr;
             plist_dict_next_item(node, iter, &key, &value_node);
-            const std::unique_ptr<char, decltype(&std::free)> key_owner(key, &std::free);
+            const std::unique_ptr<char, Free> key_owner(key);
             if (value_node == nullptr) break;
             const std::optional<std::uint64_t> value_index = graph_.dict_value(index, item);
             if (!value_index) return {};
