@@ -78,7 +78,7 @@ TEST(CodecValues, WhatIsReadAndWhatIsSkipped) {
     EXPECT_EQ(plist::to_xml(*twice).find("<key>t</key>"), std::string::npos);  // not written
 }
 
-TEST(CodecValues, Utf16InputAndUtf8Validation) {
+TEST(CodecValues, OtherEncodingsAndUtf8Validation) {
     const std::string xml =
         "<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><dict><key>k</key>"
         "<string>value</string></dict></plist>";
@@ -87,9 +87,18 @@ TEST(CodecValues, Utf16InputAndUtf8Validation) {
     const DictRef root = plist::parse(utf16);  // its texts outlive the converted document
     ASSERT_TRUE(root);
     EXPECT_EQ(json(*root), R"({"k": "value"})");
-    EXPECT_TRUE(is_valid_utf8(kUtf8));
-    for (const char* bad : {"\xC3", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80"})
-        EXPECT_FALSE(is_valid_utf8(bad));
+    // Declared Latin-1: its byte E9 is no UTF-8 but reads as U+00E9.
+    const DictRef latin1 = plist::parse(
+        "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><plist><dict><key>k</key>"
+        "<string>caf\xE9</string></dict></plist>");
+    ASSERT_TRUE(latin1);
+    EXPECT_EQ(json(*latin1), "{\"k\": \"caf\xC3\xA9\"}");
+    // After no, eight and nine ASCII bytes: the validator skips ASCII a word at a time.
+    for (const std::string ascii : {"", "12345678", "123456789"}) {
+        EXPECT_TRUE(is_valid_utf8(ascii + kUtf8 + ascii));
+        for (const char* bad : {"\xC3", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE9"})
+            EXPECT_FALSE(is_valid_utf8(ascii + bad + ascii)) << ascii << bad;
+    }
 }
 
 TEST(CodecValues, WriterLeavesOutWhatXmlCannotHold) {
@@ -100,18 +109,21 @@ TEST(CodecValues, WriterLeavesOutWhatXmlCannotHold) {
     root->set_string("zero", std::string("a\0b", 3));
     root->set_string("latin1", "caf\xE9");
     root->set_integer(std::string("key\x02"), 1);
-    root->set_string("kept", "x");
+    root->set_string("fffe", "a\xEF\xBF\xBE");  // U+FFFE and U+FFFF: no XML character
+    root->set_integer("\xEF\xBF\xBF", 2);
+    root->set_string("kept", "\xEF\xBF\xBD \xEF\xB7\x90 \xF4\x8F\xBF\xBF");  // U+FFFD, U+FDD0, U+10FFFF
     const std::string xml = plist::to_xml(*root);
     const DictRef back = plist::parse(xml);
     ASSERT_TRUE(back) << xml;
-    EXPECT_EQ(json(*back), "{\"cr\": \"a\rb\r\nc\", \"kept\": \"x\"}");
+    EXPECT_EQ(json(*back),
+              "{\"cr\": \"a\rb\r\nc\", \"kept\": \"\xEF\xBF\xBD \xEF\xB7\x90 \xF4\x8F\xBF\xBF\"}");
     TempDir dir;
     write_file(dir.file("out.plist"), xml);
     EXPECT_EQ(run_python("import plistlib,sys\n"
                          "d = plistlib.load(open(sys.argv[1], 'rb'))\n"
-                         "print(sorted(d), repr(d['cr']))\n",
+                         "print(sorted(d), repr(d['cr']), ascii(d['kept']))\n",
                          dir.file("out.plist")),
-              "['cr', 'kept'] 'a\\rb\\r\\nc'\n");
+              "['cr', 'kept'] 'a\\rb\\r\\nc' '\\ufffd \\ufdd0 \\U0010ffff'\n");
 }
 
 // libplist reads our XML, and we read what it writes of that tree, as XML
@@ -154,8 +166,13 @@ plistlib.dump(tree, open(sys.argv[3], 'wb'), fmt=plistlib.FMT_BINARY)
 }
 
 TEST(CodecBadFiles, MalformedAndTruncatedInputIsRefused) {
+    // Texts that are not UTF-8 make the document malformed: raw bytes, and
+    // references to a surrogate or beyond U+10FFFF, in a string or a key.
     for (const char* body : {"", "<key>a</key>", "<integer>1</integer><integer>2</integer>",
-                             "<integer>1</integer></plist>", "<dict><key>x</key></dict>"})
+                             "<integer>1</integer></plist>", "<dict><key>x</key></dict>",
+                             "<string>caf\xE9</string>", "<string>\xF4\x90\x80\x80</string>",
+                             "<string>&#xD800;</string>", "<string>&#x110000;</string>",
+                             "<dict><key>\xC3</key><integer>1</integer></dict>"})
         EXPECT_EQ(json_of(body), "refused") << body;
     EXPECT_FALSE(plist::parse("<plist><array/></plist>"));
     const std::string xml = plist::to_xml(*sample_tree());
@@ -195,6 +212,70 @@ std::string nested_binary(uint32_t count, int refs, bool cycle = false) {
     return out;
 }
 
+std::string be8(uint64_t v) {
+    std::string out;
+    for (int s = 56; s >= 0; s -= 8) out += static_cast<char>(v >> s);
+    return out;
+}
+
+// A binary list of one dictionary, its keys and values given as the bytes of
+// their objects ("\x51u" is the string "u", "\x10\x05" the integer 5).
+std::string binary_dict(const std::vector<std::pair<std::string, std::string>>& items) {
+    std::string out = "bplist00";
+    std::vector<size_t> offsets{out.size()};
+    out += static_cast<char>(0xD0 + items.size());
+    for (size_t ref = 1; ref <= 2 * items.size(); ++ref) out += static_cast<char>(ref);
+    for (const bool keys : {true, false})
+        for (const auto& [key, value] : items) offsets.push_back(out.size()), out += keys ? key : value;
+    const size_t table_at = out.size();
+    for (size_t o : offsets) out += static_cast<char>(o);
+    return out + std::string(6, '\0') + "\x01\x01" + be8(offsets.size()) + be8(0) + be8(table_at);
+}
+
+// libplist keeps the low 64 bits of a 16-byte integer: one outside int64 is
+// skipped like any integer outside 32 bits, and the rest of the file is read.
+TEST(CodecBinary, WideIntegersAreSkippedOneByOne) {
+    const auto wide = [](uint64_t high, uint64_t low) { return "\x14" + be8(high) + be8(low); };
+    const struct {
+        std::string value;
+        const char* json;
+    } cases[] = {
+        {wide(0, ~0ull), R"("?")"},       // 2^64 - 1, which libplist reads as -1
+        {wide(0, 1ull << 63), R"("?")"},  // 2^63
+        {wide(~0ull, 0), R"("?")"},       // -2^64
+        {wide(~0ull, ~0ull), "-1"},       // sign-extended: fits
+        {wide(~0ull, 1ull << 63), "-9223372036854775808"},
+        {wide(0, INT64_MAX), "9223372036854775807"},
+    };
+    for (const auto& c : cases) {
+        const DictRef root =
+            plist::parse(binary_dict({{"\x51" "a", "\x10\x05"}, {"\x51v", c.value}, {"\x51z", "\x51x"}}));
+        ASSERT_TRUE(root) << c.json;
+        EXPECT_EQ(json(*root), std::string(R"({"a": 5, "v": )") + c.json + R"(, "z": "x"})");
+    }
+    // Each value is matched to its own object: of equal keys the last wins.
+    const DictRef first = plist::parse(binary_dict({{"\x51" "d", wide(0, ~0ull)}, {"\x51" "d", "\x10\x07"}}));
+    const DictRef last = plist::parse(binary_dict({{"\x51" "d", "\x10\x07"}, {"\x51" "d", wide(0, ~0ull)}}));
+    ASSERT_TRUE(first && last);
+    EXPECT_EQ(json(*first), R"({"d": 7})");
+    EXPECT_EQ(json(*last), R"({"d": "?"})");
+    // In a nested dictionary, as plistlib writes it.
+    TempDir dir;
+    run_python("import plistlib, sys\nplistlib.dump({'a': 1, 'n': {'big': 2**64 - 1, 'k': -3}}, "
+               "open(sys.argv[1], 'wb'), fmt=plistlib.FMT_BINARY)\n",
+               dir.file("wide.plist"));
+    const DictRef nested = plist::read_file(dir.file("wide.plist").c_str());
+    ASSERT_TRUE(nested);
+    EXPECT_EQ(json(*nested), R"({"a": 1, "n": {"big": "?", "k": -3}})");
+    // Refused: a key that is not a string or holds a zero (libplist would
+    // abort on either), and a 16-byte integer cut short.
+    for (const auto& items : std::vector<std::vector<std::pair<std::string, std::string>>>{
+             {{"\x10\x75", "\x10\x01"}},
+             {{std::string("\x51\0", 2), "\x10\x01"}},
+             {{"\x51u", "\x14" + be8(0)}}})
+        EXPECT_FALSE(plist::parse(binary_dict(items)));
+}
+
 TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     std::string deep = "<plist>", arrays = "<plist><dict><key>a</key>";
     for (int i = 0; i < 100000; ++i) deep += "<dict><key>a</key>", arrays += "<array>";
@@ -208,20 +289,6 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     EXPECT_FALSE(plist::parse(nested_binary(1000000, 1)));
     EXPECT_FALSE(plist::parse(nested_binary(60, 2)));  // 2^60 nodes once expanded
     EXPECT_FALSE(plist::parse(nested_binary(5, 1, true)));
-    // {"u": 2^64 - 1} as plistlib writes it, in 16 bytes; libplist would read -1.
-    std::string wide = "bplist00\xD1\x01\x02\x51u\x14" + std::string(8, '\0') + std::string(8, '\xFF');
-    wide += std::string("\x08\x0B\x0D", 3) + std::string(6, '\0') + "\x01\x01" + std::string(7, '\0') +
-            "\x03" + std::string(15, '\0') + "\x1E";
-    EXPECT_FALSE(plist::parse(wide));
-    wide.replace(14, 8, 8, '\xFF');  // the low bytes sign-extended: -1, which fits
-    EXPECT_TRUE(plist::parse(wide));
-    // A dictionary key that is not a string (libplist would abort on it).
-    std::string int_key = wide;
-    int_key.replace(11, 2, "\x10\x75");  // "u" becomes the integer 0x75
-    EXPECT_FALSE(plist::parse(int_key));
-    std::string zero_key = wide;
-    zero_key[12] = '\0';  // a key "\0": libplist would abort on it too
-    EXPECT_FALSE(plist::parse(zero_key));
 
     TempDir dir;
     const std::string path = dir.file("huge.plist");

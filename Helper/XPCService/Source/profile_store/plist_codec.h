@@ -1,4 +1,6 @@
 // The plist codec: the only module that knows the XML parser and libplist.
+// This header is its whole interface; the tree (plist_tree.cc), the XML
+// reader, the binary reader and the XML writer share plist_internal.h.
 //
 // It reads property lists into a compact tree of reference-counted
 // dictionaries (TZDictionary) and writes such a tree as an XML property list.
@@ -12,12 +14,14 @@
 //  - XML is parsed in place from the file's bytes (pugixml); strings and keys
 //    of the tree point into that buffer, which the tree keeps alive.
 //    Entities and character references are decoded; CDATA sections count as
-//    text; an empty <string/> is the empty string.
+//    text; an empty <string/> is the empty string. A key or string whose
+//    decoded text is not UTF-8 (a stray byte, a reference to a surrogate)
+//    makes the document malformed: it is refused.
 //  - Binary property lists ("bplist00") go through libplist. Their object
 //    graph is checked first for nesting and cycles, because libplist's reader
-//    recurses without a bound, and for 16-byte integers outside the signed
-//    64-bit range, which libplist would cut to their low 64 bits: such files
-//    are refused.
+//    recurses without a bound. A 16-byte integer outside the signed 64-bit
+//    range, which libplist would cut to its low 64 bits, is found there too
+//    and read as an "other" value; the rest of the file is read.
 //  - Integers: optional surrounding whitespace, an optional sign, then decimal
 //    digits or "0x"/"0X" and hex digits. Text that is not such a number, or a
 //    number outside the signed 64-bit range, is an "other" value. A value
@@ -35,10 +39,11 @@
 //    <plist version="1.0">, one tab per nesting level, keys of every
 //    dictionary in byte order, text escaped (&amp; &lt; &gt;, and a carriage
 //    return as &#13; so that it reads back as itself), integers in decimal.
-//    An entry whose key or text XML cannot hold (not UTF-8, or a control
-//    character other than tab, line feed and carriage return) is left out, so
-//    the file stays readable by every XML reader. The file is written with one write() after open(O_WRONLY |
-//    O_CREAT | O_TRUNC, 0666); no temporary file.
+//    An entry whose key or text XML cannot hold (not UTF-8, a control
+//    character other than tab, line feed and carriage return, or U+FFFE or
+//    U+FFFF) is left out, so the file stays readable by every XML reader.
+//    The file is written with one write() after open(O_WRONLY | O_CREAT |
+//    O_TRUNC, 0666); no temporary file.
 #pragma once
 
 #include <atomic>
