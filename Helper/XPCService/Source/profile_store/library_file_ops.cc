@@ -7,7 +7,7 @@
 
 #include <array>
 
-#include "../service/file_ops.h"
+#include "file_ops.h"
 #include "guarded_format.h"
 #include "tz_profile_store.h"
 

@@ -1,15 +1,11 @@
 // The tree of the plist codec: the text store, dictionary references, values
 // and the sorted dictionary itself, and the entry points that read bytes or a
 // file into a tree (parse() hands the bytes to the XML or the binary reader).
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <limits>
 
+#include "file_ops.h"
 #include "plist_codec.h"
 #include "plist_internal.h"
 
@@ -151,18 +147,6 @@ void finish_entries(std::vector<Entry>& entries) {
 
 }  // namespace detail
 
-namespace {
-
-// Closes the descriptor on every way out.
-struct FileDescriptor {
-    int fd;
-    ~FileDescriptor() {
-        if (fd >= 0) ::close(fd);
-    }
-};
-
-}  // namespace
-
 DictRef parse(std::string bytes) {
     if (bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist00", 8) == 0)
         return detail::parse_binary(bytes);
@@ -170,29 +154,8 @@ DictRef parse(std::string bytes) {
 }
 
 DictRef read_file(const char* path) {
-    if (path == nullptr) return {};
-    FileDescriptor file{::open(path, O_RDONLY | O_CLOEXEC)};
-    if (file.fd < 0) return {};
-    struct stat st;
-    if (::fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode)) return {};
-    if (static_cast<std::uint64_t>(st.st_size) > kMaxFileBytes) return {};
-    std::string bytes(static_cast<std::size_t>(st.st_size), '\0');
-    std::size_t filled = 0;
-    for (;;) {
-        if (filled == bytes.size()) {
-            // The file may have grown since fstat: go on until end of file.
-            if (bytes.size() > kMaxFileBytes) return {};
-            bytes.resize(bytes.size() + 4096);
-        }
-        const ssize_t got = ::read(file.fd, bytes.data() + filled, bytes.size() - filled);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return {};
-        if (got == 0) break;
-        filled += static_cast<std::size_t>(got);
-    }
-    bytes.resize(filled);
-    if (bytes.size() > kMaxFileBytes) return {};
-    return parse(std::move(bytes));
+    std::optional<std::string> bytes = read_regular_file(path, kMaxFileBytes);
+    return bytes ? parse(std::move(*bytes)) : DictRef();
 }
 
 }  // namespace tz::plist

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <climits>
 #include <cstdlib>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -20,34 +21,6 @@ namespace tz {
 namespace {
 
 constexpr std::string_view kTemporarySuffix = ".dummy";
-
-// The whole content of a regular file, or nothing (missing, unreadable, not a
-// regular file: a device such as /dev/zero would never end).
-std::optional<std::string> read_regular_file(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::optional<std::string> content;
-    struct stat st;
-    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        std::string bytes;
-        bytes.resize(static_cast<std::size_t>(st.st_size));
-        std::size_t have = 0;
-        for (;;) {
-            if (have == bytes.size()) bytes.resize(bytes.size() + 4096);
-            const ssize_t got = ::read(fd, bytes.data() + have, bytes.size() - have);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) break;
-            if (got == 0) {
-                bytes.resize(have);
-                content = std::move(bytes);
-                break;
-            }
-            have += static_cast<std::size_t>(got);
-        }
-    }
-    ::close(fd);
-    return content;
-}
 
 // Replaces `path` with `bytes` through a scratch file in the same folder.
 bool replace_atomically(const std::string& path, std::string_view bytes) {
@@ -111,7 +84,9 @@ bool append_url_piece(std::string_view file_url, std::string_view piece) {
     const auto path = file_url_path(std::string(file_url) + std::string(kTemporarySuffix));
     if (!path || !is_valid_utf8(piece)) return false;
     std::string content;
-    if (auto old = read_regular_file(*path); old && is_valid_utf8(*old)) content = std::move(*old);
+    // Old content that is missing, not a regular file or not UTF-8 is started anew.
+    auto old = read_regular_file(path->c_str(), std::numeric_limits<std::size_t>::max());
+    if (old && is_valid_utf8(*old)) content = std::move(*old);
     content += piece;
     return store(*path, content);
 }

@@ -1,14 +1,18 @@
-// File-system primitives of the profile file operations: the writability
-// probe, the swap of a current and a previous file, the read check and remove.
-// Both the service operations (paths from the request) and the profile store's
-// library functions (paths from the globals) are built on these. A null path
+// File-system primitives: the writability probe, the swap of a current and a
+// previous file, the read check and remove of the profile file operations, and
+// the whole-file read and write. Both the service operations (paths from the
+// request) and the profile store (paths from the globals, the plist codec) are
+// built on these. A null path
 // stands for "no path": the file calls then fail as they would for a missing
 // file. Nothing here prints, logs or throws.
 #pragma once
 
 #include <fcntl.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace tz {
@@ -45,5 +49,11 @@ bool write_all(int fd, std::string_view bytes);
 // file cut.
 bool write_whole_file(const char* path, std::string_view bytes,
                       int flags = O_WRONLY | O_CREAT | O_TRUNC);
+
+// The whole content of the regular file at `path`, read to its end (it may
+// grow while being read). Nothing when it cannot be opened or read, is not a
+// regular file (a device such as /dev/zero would never end), or holds more
+// than `max_bytes`.
+std::optional<std::string> read_regular_file(const char* path, std::size_t max_bytes);
 
 }  // namespace tz

@@ -1,5 +1,7 @@
 #include "file_ops.h"
 
+#include "unique_fd.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,11 +93,34 @@ bool write_all(int fd, std::string_view bytes) {
 }
 
 bool write_whole_file(const char* path, std::string_view bytes, int flags) {
-    const int fd = ::open(path, flags | O_CLOEXEC, 0666);
-    if (fd < 0) return false;
-    const bool written = write_all(fd, bytes);
-    const bool closed = ::close(fd) == 0;
-    return written && closed;
+    UniqueFd fd(::open(path, flags | O_CLOEXEC, 0666));
+    if (!fd) return false;
+    const bool written = write_all(fd.get(), bytes);
+    return fd.close() && written;
+}
+
+std::optional<std::string> read_regular_file(const char* path, std::size_t max_bytes) {
+    if (path == nullptr) return std::nullopt;
+    const UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    struct stat st;
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+    if (static_cast<std::uint64_t>(st.st_size) > max_bytes) return std::nullopt;
+    std::string bytes(static_cast<std::size_t>(st.st_size), '\0');
+    std::size_t filled = 0;
+    for (;;) {
+        if (filled == bytes.size()) {
+            if (bytes.size() > max_bytes) return std::nullopt;
+            bytes.resize(bytes.size() + 4096);  // grown since fstat: on to the end
+        }
+        const ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return std::nullopt;
+        if (got == 0) break;
+        filled += static_cast<std::size_t>(got);
+    }
+    bytes.resize(filled);
+    if (bytes.size() > max_bytes) return std::nullopt;
+    return bytes;
 }
 
 }  // namespace tz
