@@ -127,12 +127,9 @@ TEST(HelperBus, ClientLibraryAndTzhelperctlCarryRequestsUnchanged) {
     ASSERT_TRUE(client);
 
     // A path with a space, a colon and a non-ASCII letter reaches the service
-    // as the same path, through a percent-escaped URL.
+    // as the same path.
     const std::string odd = bus.prefs() + "a b:ä.plist";
-    EXPECT_EQ(
-        reply_of(client->write_dictionary(tz::client::write_request(tz::client::file_url(odd), "text"))),
-        "TRUE");
-    EXPECT_EQ(tz::test::read_file(odd), "text");
+    tz::test::write_file(odd, "text");
     EXPECT_EQ(reply_of(client->exist(odd)), "TRUE");
     EXPECT_EQ(reply_of(client->swap(tz::client::swap_request(1, "", odd))), "TRUE");
     EXPECT_FALSE(tz::test::exists(odd)) << "type 1 removes the previous file";
@@ -180,9 +177,8 @@ TEST(HelperBus, LiveIntrospectionMatchesThePublishedInterfaces) {
     ASSERT_TRUE(live_doc.load_string(live.out.c_str()));
     ASSERT_TRUE(published_doc.load_file(TZ_INTERFACE_XML));
 
-    const auto protocol = members_of(live_doc, tz::bus::kInterface);
-    EXPECT_EQ(protocol.size(), tz::protocol::kMethods.size());
-    EXPECT_EQ(protocol, members_of(published_doc, tz::bus::kInterface));
+    // The XML lists the protocol's table (tests/protocol); the service, the XML.
+    EXPECT_EQ(members_of(live_doc, tz::bus::kInterface), members_of(published_doc, tz::bus::kInterface));
     const auto helper1 = members_of(live_doc, tz::bus::kInterface1);
     EXPECT_EQ(helper1.size(), 3u) << "Version, PreferencesDirectory, WalkProgress";
     EXPECT_EQ(helper1, members_of(published_doc, tz::bus::kInterface1));

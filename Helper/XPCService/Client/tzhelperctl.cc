@@ -552,7 +552,8 @@ int run_call(const Global& global, const Command& command, const Args& args) {
     } else if (command.name == "finish-piece") {
         request = as_url(op[0]);
     } else if (command.name == "raw") {
-        if (tz::protocol::find_method(op[0]) == nullptr) return usage_error("raw takes one of the helper's eight methods, not " + op[0], "raw");
+        if (tz::protocol::find_method(op[0]) == nullptr)
+            return usage_error("raw takes one of the helper's eight methods, not " + op[0], "raw");
         method = op[0];
         request = op[1];
         subject = op[1];
