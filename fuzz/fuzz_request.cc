@@ -13,7 +13,7 @@
 
 namespace {
 
-using namespace tz::request;
+using namespace tz::protocol;
 
 void check(bool condition) {
     if (!condition) __builtin_trap();

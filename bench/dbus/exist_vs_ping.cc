@@ -17,6 +17,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
+#include "methods.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ void phase(const std::string& address, int clients, double seconds, bool ping, T
                 if (ping) {
                     proxy.callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
                 } else {
-                    proxy.callMethod(std::string(tz::bus::kExist))
+                    proxy.callMethod(std::string(tz::protocol::kExist.name))
                         .onInterface(std::string(tz::bus::kInterface))
                         .withArguments(std::string("/etc/hostname"))
                         .storeResultsTo(reply);

@@ -12,6 +12,7 @@
 
 #include "bus_client.h"
 #include "bus_names.h"
+#include "methods.h"
 #include "bus_watch.h"
 #include "gated_relay.h"
 #include "helper_client.h"
@@ -115,7 +116,7 @@ TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
     auto proxy =
         sdbus::createProxy(*leaver, std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath));
     std::string reply;
-    proxy->callMethod(std::string(tz::bus::kExist))
+    proxy->callMethod(std::string(tz::protocol::kExist.name))
         .onInterface(std::string(tz::bus::kInterface))
         .withArguments(std::string("/"))
         .storeResultsTo(reply);
@@ -123,7 +124,7 @@ TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
     tz::test::BusWatch left(bus.address(),
                             "type='signal',member='NameOwnerChanged',arg0='" + leaver_name + "'",
                             [](sdbus::Message& m) { return m.getMemberName(); });
-    proxy->callMethodAsync(std::string(tz::bus::kMibWalk))
+    proxy->callMethodAsync(std::string(tz::protocol::kMibWalk.name))
         .onInterface(std::string(tz::bus::kInterface))
         .withArguments(walk_of("T48Q", "leaver", relays.peer(0)))
         .uponReplyInvoke([](const sdbus::Error*, std::string) {});

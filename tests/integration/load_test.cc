@@ -26,6 +26,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
+#include "methods.h"
 #include "helper_client.h"
 #include "private_bus.h"
 #include "temp_dir.h"
@@ -65,27 +66,27 @@ public:
                                    : which == 2 ? pieces_path() : pieces_path() + ".dummy";
             const std::optional<std::string>& state = which == 0 ? oneshot_ : which == 1 ? previous_
                                                     : which == 2 ? pieces_ : dummy_;
-            return {tz::bus::kExist, path, state ? "TRUE" : "FALSE"};
+            return {tz::protocol::kExist.name, path, state ? "TRUE" : "FALSE"};
         }
         if (pick < 28) {
             // A probe of a file leaves it as it was; one in a missing folder fails.
-            if (rng() % 2 == 0) return {tz::bus::kIsAdmin, oneshot_path(), "TRUE"};
-            return {tz::bus::kIsAdmin, folder_ + "missing/" + tag, "FALSE"};
+            if (rng() % 2 == 0) return {tz::protocol::kIsAdmin.name, oneshot_path(), "TRUE"};
+            return {tz::protocol::kIsAdmin.name, folder_ + "missing/" + tag, "FALSE"};
         }
         if (pick < 63) {
             const std::string piece = tag + ";";
             dummy_ = dummy_.value_or("") + piece;
-            return {tz::bus::kWriteData, tz::client::write_request(url(pieces_path()), piece), "TRUE"};
+            return {tz::protocol::kWriteData.name, tz::client::write_request(url(pieces_path()), piece), "TRUE"};
         }
         if (pick < 68) {
             // The target goes first; without a temporary file nothing takes its place.
             pieces_ = std::move(dummy_);
             dummy_.reset();
-            return {tz::bus::kWriteDataRename, url(pieces_path()), "TRUE"};
+            return {tz::protocol::kWriteDataRename.name, url(pieces_path()), "TRUE"};
         }
         if (pick < 85) {
             oneshot_ = "<plist>" + tag + "</plist>";
-            return {tz::bus::kWriteDictionary, tz::client::write_request(url(oneshot_path()), *oneshot_),
+            return {tz::protocol::kWriteDictionary.name, tz::client::write_request(url(oneshot_path()), *oneshot_),
                     "TRUE"};
         }
         int type = 2;
@@ -100,7 +101,7 @@ public:
             oneshot_ = std::move(previous_);
             previous_.reset();
         }
-        return {tz::bus::kSwap, tz::client::swap_request(type, oneshot_path(), previous_path()), "TRUE"};
+        return {tz::protocol::kSwap.name, tz::client::swap_request(type, oneshot_path(), previous_path()), "TRUE"};
     }
 
     // Differences between the folder on disk and the model, "" when none.

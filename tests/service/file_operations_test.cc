@@ -10,6 +10,7 @@
 #include "as_unprivileged.h"
 #include "service_call.h"
 #include "guarded_format.h"
+#include "request.h"
 #include "temp_dir.h"
 
 namespace tz::test {
@@ -26,11 +27,8 @@ protected:
         return call(&Service::tzPListExistProfile_XPC, path);
     }
     static std::string remove(const std::string& path) { return call(&Service::tzPListRemove_XPC, path); }
-    static std::string swap(const std::string& type, const std::string& current,
-                            const std::string& previous) {
-        return call(
-            &Service::tzPListSwapProfile_XPC,
-            type + ":ARG_iSwapType" + current + ":ARG_cFooCurrentString" + previous + ":ARG_cFooPrevString");
+    static std::string swap(int32_t type, const std::string& current, const std::string& previous) {
+        return call(&Service::tzPListSwapProfile_XPC, protocol::swap_request(type, current, previous));
     }
 
     TempDir dir;
@@ -84,7 +82,7 @@ TEST_F(FileOperations, SwapTypes) {
     write_file(current, big);
     write_file(previous, big + big);
     ::umask(002);
-    EXPECT_EQ(swap("2", current, previous), "TRUE");
+    EXPECT_EQ(swap(2, current, previous), "TRUE");
     EXPECT_EQ(read_file(previous), big);  // a fresh copy, not appended
     EXPECT_EQ(read_file(current), big);
     struct stat st;
@@ -92,31 +90,30 @@ TEST_F(FileOperations, SwapTypes) {
     EXPECT_EQ(st.st_mode & 0777, 0664u);
 
     write_file(previous, "previous");
-    EXPECT_EQ(swap("0", current, previous), "TRUE");
+    EXPECT_EQ(swap(0, current, previous), "TRUE");
     EXPECT_EQ(read_file(current), "previous");
     EXPECT_FALSE(exists(previous));
 
     write_file(previous, "to be removed");
-    EXPECT_EQ(swap("1", current, previous), "TRUE");
+    EXPECT_EQ(swap(1, current, previous), "TRUE");
     EXPECT_FALSE(exists(previous));
     EXPECT_EQ(read_file(current), "previous");
 }
 
 TEST_F(FileOperations, SwapsThatCannotWorkStillReplyTrue) {
     write_file(current, "current");
-    EXPECT_EQ(swap("0", current, previous), "TRUE");  // no previous: current is lost
+    EXPECT_EQ(swap(0, current, previous), "TRUE");  // no previous: current is lost
     EXPECT_FALSE(exists(current));
 
     write_file(current, "current");
     write_file(previous, "previous");
-    for (const char* type : {"5", "-1"}) EXPECT_EQ(swap(type, current, previous), "TRUE");
-    EXPECT_EQ(swap("NULL", "NULL", "NULL"), "TRUE");
-    EXPECT_EQ(call(&Service::tzPListSwapProfile_XPC, "no markers"), "TRUE");
+    for (const int32_t type : {5, -1}) EXPECT_EQ(swap(type, current, previous), "TRUE");
+    EXPECT_EQ(swap(0, "", ""), "TRUE");
     EXPECT_EQ(read_file(current), "current");
     EXPECT_EQ(read_file(previous), "previous");
 
     // A folder opens read-only but cannot be read: the copy ends, empty.
-    EXPECT_EQ(swap("2", dir.path().string(), previous), "TRUE");
+    EXPECT_EQ(swap(2, dir.path().string(), previous), "TRUE");
     EXPECT_EQ(read_file(previous), "");
 }
 

@@ -10,6 +10,7 @@
 
 #include "service_call.h"
 #include "profile_tables.h"
+#include "request.h"
 #include "service.h"
 #include "snmp_agent.h"
 #include "stderr_capture.h"
@@ -17,11 +18,8 @@
 namespace tz::test {
 namespace {
 
-// "<model>:ModelName:END<user>:USErName:END" and each argument followed by ":arg:".
 std::string walk_request(const std::string& user, const std::vector<std::string>& arguments) {
-    std::string request = "ModelX:ModelName:END" + user + ":USErName:END";
-    for (const auto& a : arguments) request += a + ":arg:";
-    return request;
+    return protocol::walk_request("ModelX", user, arguments);
 }
 
 std::vector<std::string> v1_walk(const std::string& peer) {

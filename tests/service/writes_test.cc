@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "as_unprivileged.h"
+#include "request.h"
 #include "service_call.h"
 #include "temp_dir.h"
 #include "tz_writes.h"
@@ -22,10 +23,10 @@ class Writes : public ::testing::Test {
 protected:
     std::string url(const std::string& name) const { return "file://" + dir.file(name); }
     static std::string write_plist(const std::string& target_url, const std::string& text) {
-        return call(&Service::writeDictionaryToPlistFile_XPC, target_url + ":AddURL:END" + text);
+        return call(&Service::writeDictionaryToPlistFile_XPC, protocol::write_request(target_url, text));
     }
     static std::string write_piece(const std::string& target_url, const std::string& piece) {
-        return call(&Service::writeDataToPlistFile_XPC, target_url + ":AddURL:END" + piece);
+        return call(&Service::writeDataToPlistFile_XPC, protocol::write_request(target_url, piece));
     }
     static std::string finish(const std::string& target_url) {
         return call(&Service::writeDataToPlistFileRename_XPC, target_url);
@@ -97,14 +98,6 @@ TEST_F(Writes, UrlsAreParsedAsUrls) {
         EXPECT_EQ(finish(bad), "FALSE") << bad;
     }
     EXPECT_EQ(file_count(), before);
-}
-
-TEST_F(Writes, MissingMarkerIsRangeErrorBeforeAnyFile) {
-    const Service service;
-    const auto reply = [](const std::string&) { ADD_FAILURE() << "replied"; };
-    EXPECT_THROW(service.writeDictionaryToPlistFile_XPC(target_url, reply), std::out_of_range);
-    EXPECT_THROW(service.writeDataToPlistFile_XPC(target_url, reply), std::out_of_range);
-    EXPECT_EQ(file_count(), 0);
 }
 
 TEST_F(Writes, FailuresAnswerFalse) {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "request.h"
 #include "temp_dir.h"
 #include "tz_service_bridge.h"
 
@@ -14,6 +15,9 @@ namespace tz::test {
 namespace {
 
 using Operation = TZBridgeResult (*)(const char*, size_t);
+using tz::protocol::swap_request;
+using tz::protocol::walk_request;
+using tz::protocol::write_request;
 
 TZBridgeResult call(Operation operation, const std::string& request) {
     return operation(request.data(), request.size());
@@ -63,21 +67,18 @@ TEST_F(Bridge, FileOperationsReachTheirOwnCoreOperation) {
     // Swap type 2 saves the current file as the previous copy.
     write_file(dir.file("current"), "current profile");
     write_file(dir.file("previous"), "old");
-    EXPECT_EQ(reply(TZBridge_tzPListSwapProfile_XPC, "2:ARG_iSwapType" + dir.file("current") +
-                                                         ":ARG_cFooCurrentString" + dir.file("previous") +
-                                                         ":ARG_cFooPrevString"),
+    EXPECT_EQ(reply(TZBridge_tzPListSwapProfile_XPC, swap_request(2, dir.file("current"), dir.file("previous"))),
               "TRUE");
     EXPECT_EQ(read_file(dir.file("previous")), "current profile");
 }
 
 TEST_F(Bridge, WritesReachTheirOwnCoreOperation) {
-    EXPECT_EQ(reply(TZBridge_writeDictionaryToPlistFile_XPC, url("one.plist") + ":AddURL:END<plist/>"),
-              "TRUE");
+    EXPECT_EQ(reply(TZBridge_writeDictionaryToPlistFile_XPC, write_request(url("one.plist"), "<plist/>")), "TRUE");
     EXPECT_EQ(read_file(dir.file("one.plist")), "<plist/>");
     EXPECT_FALSE(exists(dir.file("one.plist.dummy")));
 
-    EXPECT_EQ(reply(TZBridge_writeDataToPlistFile_XPC, url("two.plist") + ":AddURL:ENDAB"), "TRUE");
-    EXPECT_EQ(reply(TZBridge_writeDataToPlistFile_XPC, url("two.plist") + ":AddURL:ENDCD"), "TRUE");
+    EXPECT_EQ(reply(TZBridge_writeDataToPlistFile_XPC, write_request(url("two.plist"), "AB")), "TRUE");
+    EXPECT_EQ(reply(TZBridge_writeDataToPlistFile_XPC, write_request(url("two.plist"), "CD")), "TRUE");
     EXPECT_FALSE(exists(dir.file("two.plist")));
     EXPECT_EQ(reply(TZBridge_writeDataToPlistFileRename_XPC, url("two.plist")), "TRUE");
     EXPECT_EQ(read_file(dir.file("two.plist")), "ABCD");
@@ -86,42 +87,21 @@ TEST_F(Bridge, WritesReachTheirOwnCoreOperation) {
     EXPECT_EQ(reply(TZBridge_writeDataToPlistFileRename_XPC, "not a url"), "FALSE");
 }
 
-TEST_F(Bridge, MissingMarkerGivesTheRangeOutcomeNamingIt) {
-    struct Case {
-        Operation operation;
-        std::string request;
-        std::string marker;
-    };
-    const std::vector<Case> cases = {
-        {TZBridge_writeDictionaryToPlistFile_XPC, url("a.plist") + "<plist/>", ":AddURL:END"},
-        {TZBridge_writeDataToPlistFile_XPC, url("a.plist") + "piece", ":AddURL:END"},
-        // The current path's marker is there, the type's marker before it is not.
-        {TZBridge_tzPListSwapProfile_XPC, "0" + dir.file("a.plist") + ":ARG_cFooCurrentString",
-         ":ARG_iSwapType"},
-        // Markers out of order.
-        {TZBridge_tzPListSwapProfile_XPC,
-         "0:ARG_cFooCurrentString" + dir.file("a.plist") + ":ARG_iSwapType", ":ARG_iSwapType"},
-    };
+TEST_F(Bridge, MissingMarkerGivesTheRangeOutcomeNamingItAndTouchesNothing) {
     write_file(dir.file("a.plist"), "kept");
-    for (const Case& c : cases) {
-        const TZBridgeResult result = call(c.operation, c.request);
-        EXPECT_EQ(result.outcome, TZ_BRIDGE_RANGE_EXCEPTION) << c.request;
-        EXPECT_NE(std::string(result.text).find(c.marker), std::string::npos) << result.text;
+    for (const Operation op : {TZBridge_writeDictionaryToPlistFile_XPC, TZBridge_writeDataToPlistFile_XPC}) {
+        const TZBridgeResult result = call(op, url("a.plist") + "<plist/>");
+        EXPECT_EQ(result.outcome, TZ_BRIDGE_RANGE_EXCEPTION);
+        EXPECT_NE(std::string(result.text).find(":AddURL:END"), std::string::npos) << result.text;
     }
     EXPECT_EQ(read_file(dir.file("a.plist")), "kept");
     EXPECT_FALSE(exists(dir.file("a.plist.dummy")));
 }
 
-TEST_F(Bridge, WalkRequestReachesTheWalk) {
-    // Without its markers the request is not answered.
-    const TZBridgeResult unmarked = call(TZBridge_mibwalk_XPC, "ModelX alice snmpwalk:arg:");
-    EXPECT_EQ(unmarked.outcome, TZ_BRIDGE_RANGE_EXCEPTION);
-    EXPECT_NE(std::string(unmarked.text).find(":USErName:END"), std::string::npos) << unmarked.text;
-
+TEST_F(Bridge, TooManyWalkArgumentsAreRefusedWithoutAWalk) {
     // More arguments than the walk takes: refused before any SNMP work, with
     // the parser's "refused" result.
-    std::string request = "ModelX:ModelName:ENDalice:USErName:END";
-    for (int i = 0; i < 512; ++i) request += "-v:arg:";
+    const std::string request = walk_request("ModelX", "alice", std::vector<std::string>(512, "-v"));
     EXPECT_EQ(reply(TZBridge_mibwalk_XPC, request), "iRet=-1");
 }
 
@@ -134,7 +114,7 @@ TEST_F(Bridge, RequestIsBoundedByItsLengthNotByATerminator) {
 
     // A NUL inside the text is written like any other byte.
     const std::string text("a\0b", 3);
-    EXPECT_EQ(reply(TZBridge_writeDictionaryToPlistFile_XPC, url("nul") + ":AddURL:END" + text), "TRUE");
+    EXPECT_EQ(reply(TZBridge_writeDictionaryToPlistFile_XPC, write_request(url("nul"), text)), "TRUE");
     EXPECT_EQ(read_file(dir.file("nul")), text);
 
     // No request at all is an empty path.

@@ -12,9 +12,10 @@ from pathlib import Path
 
 SUFFIX = "5E1A9C07_4B2D_4E8F_A613_7D0C2B9E4F18"
 PROTOCOL, SERVICE = "TZ_XPC_Protocol" + SUFFIX, "TZmacServiceXPC" + SUFFIX
-SELECTORS = ["tzPListIsAdminProfile_XPC", "tzPListSwapProfile_XPC", "tzPListExistProfile_XPC",
-             "tzPListRemove_XPC", "writeDictionaryToPlistFile_XPC", "writeDataToPlistFile_XPC",
-             "writeDataToPlistFileRename_XPC", "mibwalk_XPC"]
+# The protocol's methods, as its table declares them, in its order.
+SELECTORS = re.findall(r'^inline constexpr Method k\w+\{"(\w+)"',
+                       (Path(__file__).resolve().parents[2] / "Helper/XPCService/Source/protocol/methods.h")
+                       .read_text(), re.M)
 METHODS = [(s + ":reply:", "v32@0:8@16@?24") for s in SELECTORS]
 EXTENDED = ['v32@0:8@"NSString"16@?<v@?@"NSString">24'] * len(SELECTORS)
 CLASSES = [("service class", SERVICE, METHODS, PROTOCOL),

@@ -9,6 +9,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
+#include "methods.h"
+#include "request.h"
 
 namespace tz::client {
 
@@ -35,12 +37,24 @@ HelperClient::~HelperClient() = default;
 std::string HelperClient::unique_name() const { return connection_->getUniqueName(); }
 
 Outcome HelperClient::call(std::string_view method, const std::string& request) {
-    return call_with(method, request, method == bus::kMibWalk ? walk_timeout_ : timeout_);
+    const protocol::Method* known = protocol::find_method(method);
+    return call_with(method, request, known && known->long_running ? walk_timeout_ : timeout_);
 }
 
-Outcome HelperClient::mib_walk(const std::string& request) {
-    return call_with(bus::kMibWalk, request, walk_timeout_);
+Outcome HelperClient::is_admin(const std::string& path) { return call(protocol::kIsAdmin.name, path); }
+Outcome HelperClient::swap(const std::string& request) { return call(protocol::kSwap.name, request); }
+Outcome HelperClient::exist(const std::string& path) { return call(protocol::kExist.name, path); }
+Outcome HelperClient::remove(const std::string& path) { return call(protocol::kRemove.name, path); }
+Outcome HelperClient::write_dictionary(const std::string& request) {
+    return call(protocol::kWriteDictionary.name, request);
 }
+Outcome HelperClient::write_data(const std::string& request) {
+    return call(protocol::kWriteData.name, request);
+}
+Outcome HelperClient::write_data_rename(const std::string& url) {
+    return call(protocol::kWriteDataRename.name, url);
+}
+Outcome HelperClient::mib_walk(const std::string& request) { return call(protocol::kMibWalk.name, request); }
 
 // The walk with progress is an asynchronous call on this same connection,
 // followed by a poll loop on its descriptor until the reply (or its timeout)
@@ -65,7 +79,7 @@ Outcome HelperClient::mib_walk(const std::string& request,
                 if (caller == self && on_progress) on_progress(variables);
             });
         proxy->finishRegistration();
-        auto pending = proxy->callMethodAsync(std::string(bus::kMibWalk))
+        auto pending = proxy->callMethodAsync(std::string(protocol::kMibWalk.name))
                            .onInterface(std::string(bus::kInterface))
                            .withTimeout(walk_timeout_)
                            .withArguments(request)
@@ -147,52 +161,18 @@ Outcome HelperClient::call_with(std::string_view method, const std::string& requ
 }
 
 std::string swap_request(int32_t type, std::string_view current, std::string_view previous) {
-    std::string request = std::to_string(type);
-    request += ":ARG_iSwapType";
-    request += current.empty() ? std::string_view("NULL") : current;
-    request += ":ARG_cFooCurrentString";
-    request += previous.empty() ? std::string_view("NULL") : previous;
-    request += ":ARG_cFooPrevString";
-    return request;
+    return protocol::swap_request(type, current, previous);
 }
 
 std::string write_request(std::string_view url, std::string_view text) {
-    std::string request(url);
-    request += ":AddURL:END";
-    request += text;
-    return request;
+    return protocol::write_request(url, text);
 }
 
 std::string walk_request(std::string_view model, std::string_view user,
                          const std::vector<std::string>& arguments) {
-    std::string request(model);
-    request += ":ModelName:END";
-    request += user;
-    request += ":USErName:END";
-    for (const std::string& argument : arguments) {
-        request += argument;
-        request += ":arg:";
-    }
-    return request;
+    return protocol::walk_request(model, user, arguments);
 }
 
-std::string file_url(std::string_view absolute_path) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string url = "file://";
-    for (const char c : absolute_path) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
-                           (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' ||
-                           byte == '_' || byte == '~' || byte == '/';
-        if (plain) {
-            url += c;
-        } else {
-            url += '%';
-            url += kHex[byte >> 4];
-            url += kHex[byte & 0x0F];
-        }
-    }
-    return url;
-}
+std::string file_url(std::string_view absolute_path) { return protocol::file_url(absolute_path); }
 
 }  // namespace tz::client

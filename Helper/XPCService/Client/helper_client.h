@@ -56,22 +56,16 @@ public:
     HelperClient& operator=(const HelperClient&) = delete;
 
     // Sends `request` to the helper's method `method` (one of the eight) as it
-    // stands.
+    // stands. The walk waits walk_timeout(), any other method timeout().
     Outcome call(std::string_view method, const std::string& request);
 
-    Outcome is_admin(const std::string& path) { return call("tzPListIsAdminProfile_XPC", path); }
-    Outcome swap(const std::string& request) { return call("tzPListSwapProfile_XPC", request); }
-    Outcome exist(const std::string& path) { return call("tzPListExistProfile_XPC", path); }
-    Outcome remove(const std::string& path) { return call("tzPListRemove_XPC", path); }
-    Outcome write_dictionary(const std::string& request) {
-        return call("writeDictionaryToPlistFile_XPC", request);
-    }
-    Outcome write_data(const std::string& request) {
-        return call("writeDataToPlistFile_XPC", request);
-    }
-    Outcome write_data_rename(const std::string& url) {
-        return call("writeDataToPlistFileRename_XPC", url);
-    }
+    Outcome is_admin(const std::string& path);
+    Outcome swap(const std::string& request);
+    Outcome exist(const std::string& path);
+    Outcome remove(const std::string& path);
+    Outcome write_dictionary(const std::string& request);
+    Outcome write_data(const std::string& request);
+    Outcome write_data_rename(const std::string& url);
     // A walk waits for the device: it uses walk_timeout() instead of timeout().
     Outcome mib_walk(const std::string& request);
     // The same walk, calling `on_progress` with the count of variables walked

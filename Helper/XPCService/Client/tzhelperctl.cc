@@ -31,6 +31,7 @@
 #include "bus_names.h"
 #include "exit_status.h"
 #include "helper_client.h"
+#include "methods.h"
 #include "tz_profile_store.h"
 #include "walk_summary.h"
 
@@ -94,7 +95,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  tzhelperctl is-admin /var/lib/tzhelper/tazorex.printers.T48Q/alice-T48Q-profile.plist\n",
-     tz::bus::kIsAdmin, 0, 1, 1, run_call},
+     tz::protocol::kIsAdmin.name, 0, 1, 1, run_call},
     {"swap", "TYPE CURRENT PREVIOUS", "swap a profile file with its previous copy",
      "Swaps the profile file CURRENT with its previous copy PREVIOUS, when the\n"
      "helper can write CURRENT. The reply is always TRUE.\n"
@@ -107,7 +108,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  tzhelperctl swap 2 \"$DIR/alice-T48Q-profile.plist\" \"$DIR/alice-T48Q-profile.prev.plist\"\n",
-     tz::bus::kSwap, 0, 3, 3, run_call},
+     tz::protocol::kSwap.name, 0, 3, 3, run_call},
     {"exist", "PATH", "does PATH exist for the helper?",
      "Replies TRUE when the helper can write PATH and open it for reading,\n"
      "FALSE otherwise.\n"
@@ -116,7 +117,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  tzhelperctl exist \"$HOME/x.plist\"\n",
-     tz::bus::kExist, 0, 1, 1, run_call},
+     tz::protocol::kExist.name, 0, 1, 1, run_call},
     {"remove", "PATH", "remove PATH",
      "Removes the file (or empty folder) PATH. Replies TRUE when it was removed.\n"
      "\n"
@@ -124,7 +125,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  tzhelperctl remove \"$HOME/x.plist\"\n",
-     tz::bus::kRemove, 0, 1, 1, run_call},
+     tz::protocol::kRemove.name, 0, 1, 1, run_call},
     {"write-plist", "URL FILE", "write the contents of FILE to URL",
      "Sends the contents of FILE to the helper, which writes them to URL,\n"
      "replacing the file. Replies TRUE when written.\n"
@@ -134,7 +135,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  echo '<plist/>' | tzhelperctl write-plist \"$HOME/x.plist\" -\n",
-     tz::bus::kWriteDictionary, 0, 2, 2, run_call},
+     tz::protocol::kWriteDictionary.name, 0, 2, 2, run_call},
     {"write-piece", "URL TEXT", "append TEXT to URL's temporary .dummy file",
      "Appends TEXT to the temporary file URL.dummy; finish-piece then renames\n"
      "it onto URL. Replies TRUE when appended.\n"
@@ -144,7 +145,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  tzhelperctl write-piece \"$HOME/x.txt\" 'first line'\n",
-     tz::bus::kWriteData, 0, 2, 2, run_call},
+     tz::protocol::kWriteData.name, 0, 2, 2, run_call},
     {"finish-piece", "URL", "rename URL's .dummy file onto URL",
      "Removes URL and renames the temporary file URL.dummy onto it. Replies\n"
      "TRUE when renamed.\n"
@@ -153,7 +154,7 @@ const Command kCommands[] = {
      "\n"
      "Example:\n"
      "  tzhelperctl finish-piece \"$HOME/x.txt\"\n",
-     tz::bus::kWriteDataRename, 0, 1, 1, run_call},
+     tz::protocol::kWriteDataRename.name, 0, 1, 1, run_call},
     {"walk", "--model M --user U -- SNMP-ARGS...", "walk the printer and rebuild U's profile plist",
      "Walks the printer's profile table with the SNMP arguments (as snmpwalk\n"
      "takes them: options, agent, root OID) and rebuilds U's profile plist for\n"
@@ -169,14 +170,11 @@ const Command kCommands[] = {
      "Example:\n"
      "  tzhelperctl walk --model T48Q --user \"$USER\" -- -v 1 -c public 192.0.2.10 \\\n"
      "      1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1\n",
-     tz::bus::kMibWalk, kProfileOptions | kStopAtOperand, 0, kMany, run_walk},
+     tz::protocol::kMibWalk.name, kProfileOptions | kStopAtOperand, 0, kMany, run_walk},
     {"raw", "METHOD REQUEST", "send REQUEST to METHOD as it stands",
      "Sends REQUEST unchanged to one of the helper's eight methods.\n"
      "\n"
-     "  METHOD   tzPListIsAdminProfile_XPC, tzPListSwapProfile_XPC,\n"
-     "           tzPListExistProfile_XPC, tzPListRemove_XPC,\n"
-     "           writeDictionaryToPlistFile_XPC, writeDataToPlistFile_XPC,\n"
-     "           writeDataToPlistFileRename_XPC or mibwalk_XPC\n"
+     "  METHOD   {methods}\n"
      "  REQUEST  the request string\n"
      "\n"
      "Example:\n"
@@ -231,11 +229,27 @@ void print_help() {
         stdout);
 }
 
+// The helper's methods as a list in words, two to a line, indented to stand
+// under the first.
+std::string method_list() {
+    std::string list;
+    const auto& methods = tz::protocol::kMethods;
+    for (size_t i = 0; i < methods.size(); ++i) {
+        if (i > 0) list += i + 1 == methods.size() ? " or " : i % 2 == 0 ? ",\n           " : ", ";
+        list += methods[i].name;
+    }
+    return list;
+}
+
 void print_command_help(const Command& command) {
     std::printf("Usage: tzhelperctl [OPTIONS] %s [--json] %s\n\n%s\n",
                 std::string(command.name).c_str(), std::string(command.synopsis).c_str(),
                 std::string(command.summary).c_str());
-    std::printf("\n%s", std::string(command.details).c_str());
+    std::string details(command.details);
+    constexpr std::string_view kMethodsField = "{methods}";
+    if (const size_t at = details.find(kMethodsField); at != std::string::npos)
+        details.replace(at, kMethodsField.size(), method_list());
+    std::printf("\n%s", details.c_str());
     std::fputs(
         "\n"
         "  --json        print the outcome as JSON\n"
@@ -465,7 +479,7 @@ int report(const Global& global, const Call& call, const Outcome& outcome,
                     {"reply", outcome.ok() ? json(outcome.reply) : json(nullptr)},
                     {"ok", verdict.status == tz::ctl::kYes}};
         if (!outcome.ok()) out["error"] = {{"name", outcome.error->name}, {"message", outcome.error->message}};
-        if (call.command.method == tz::bus::kMibWalk && outcome.ok()) {
+        if (call.command.method == tz::protocol::kMibWalk.name && outcome.ok()) {
             out["summary"] = summary != nullptr ? summary_json(*summary) : json(nullptr);
             if (summary == nullptr) out["summary_error"] = summary_problem;
         }
@@ -538,9 +552,8 @@ int run_call(const Global& global, const Command& command, const Args& args) {
     } else if (command.name == "finish-piece") {
         request = as_url(op[0]);
     } else if (command.name == "raw") {
-        bool known = false;
-        for (const std::string_view name : tz::bus::kMethods) known = known || name == op[0];
-        if (!known) return usage_error("raw takes one of the helper's eight methods, not " + op[0], "raw");
+        if (tz::protocol::find_method(op[0]) == nullptr)
+            return usage_error("raw takes one of the helper's eight methods, not " + op[0], "raw");
         method = op[0];
         request = op[1];
         subject = op[1];

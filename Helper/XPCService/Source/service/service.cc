@@ -38,7 +38,7 @@ void Service::tzPListIsAdminProfile_XPC(std::string_view request, const Reply& r
 }
 
 void Service::tzPListSwapProfile_XPC(std::string_view request, const Reply& reply) const {
-    const request::Swap swap = request::cut_swap(request);
+    const protocol::Swap swap = protocol::cut_swap(request);
     const auto current = as_path(swap.current);
     const auto previous = as_path(swap.previous);
     swap_profiles(swap.type, c_str(current), c_str(previous));
@@ -56,12 +56,12 @@ void Service::tzPListRemove_XPC(std::string_view request, const Reply& reply) co
 // The text must have a UTF-8 form to be written; a text without one is
 // answered "FALSE" with no file touched.
 void Service::writeDictionaryToPlistFile_XPC(std::string_view request, const Reply& reply) const {
-    const request::Write write = request::cut_write(request);
+    const protocol::Write write = protocol::cut_write(request);
     reply(answer(is_valid_utf8(write.text) && write_url_file(write.url, write.text)));
 }
 
 void Service::writeDataToPlistFile_XPC(std::string_view request, const Reply& reply) const {
-    const request::Write write = request::cut_write(request);
+    const protocol::Write write = protocol::cut_write(request);
     reply(answer(append_url_piece(write.url, write.text)));
 }
 

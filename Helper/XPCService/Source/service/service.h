@@ -13,9 +13,12 @@
 // walk uses process-wide state: only one walk may run at a time in a process.
 #pragma once
 
+#include <array>
 #include <functional>
 #include <string>
 #include <string_view>
+
+#include "methods.h"
 
 namespace tz {
 
@@ -63,5 +66,31 @@ public:
 private:
     std::string preferences_dir_;
 };
+
+// The operations in the protocol's order, each under the name its member is
+// spelled with. The check below holds those names to the protocol's table,
+// so a front that pairs kMethods[i] with kOperations[i] cannot serve one
+// method under another's name.
+struct NamedOperation {
+    std::string_view name;
+    Service::Operation operation;
+};
+
+#define TZ_OPERATION(member) NamedOperation{#member, &Service::member}
+inline constexpr std::array<NamedOperation, protocol::kMethods.size()> kOperations{
+    TZ_OPERATION(tzPListIsAdminProfile_XPC),      TZ_OPERATION(tzPListSwapProfile_XPC),
+    TZ_OPERATION(tzPListExistProfile_XPC),        TZ_OPERATION(tzPListRemove_XPC),
+    TZ_OPERATION(writeDictionaryToPlistFile_XPC), TZ_OPERATION(writeDataToPlistFile_XPC),
+    TZ_OPERATION(writeDataToPlistFileRename_XPC), TZ_OPERATION(mibwalk_XPC),
+};
+#undef TZ_OPERATION
+
+static_assert(
+    [] {
+        for (std::size_t i = 0; i < kOperations.size(); ++i)
+            if (kOperations[i].name != protocol::kMethods[i].name) return false;
+        return true;
+    }(),
+    "kOperations must list the protocol's methods by their names, in its order");
 
 }  // namespace tz

@@ -73,36 +73,22 @@ size_t TZBridge_UTF8FromUTF16(const unsigned short* units, size_t count, char* o
     return static_cast<std::size_t>(out - start);
 }
 
-TZBridgeResult TZBridge_tzPListIsAdminProfile_XPC(const char* request, size_t length) {
-    return run(&tz::Service::tzPListIsAdminProfile_XPC, request, length);
-}
+// Each function runs the service's operation of the same name, which the
+// service holds to the protocol's table.
+#define TZ_BRIDGE(method)                                                   \
+    TZBridgeResult TZBridge_##method(const char* request, size_t length) { \
+        return run(&tz::Service::method, request, length);                  \
+    }
 
-TZBridgeResult TZBridge_tzPListSwapProfile_XPC(const char* request, size_t length) {
-    return run(&tz::Service::tzPListSwapProfile_XPC, request, length);
-}
+TZ_BRIDGE(tzPListIsAdminProfile_XPC)
+TZ_BRIDGE(tzPListSwapProfile_XPC)
+TZ_BRIDGE(tzPListExistProfile_XPC)
+TZ_BRIDGE(tzPListRemove_XPC)
+TZ_BRIDGE(writeDictionaryToPlistFile_XPC)
+TZ_BRIDGE(writeDataToPlistFile_XPC)
+TZ_BRIDGE(writeDataToPlistFileRename_XPC)
+TZ_BRIDGE(mibwalk_XPC)
 
-TZBridgeResult TZBridge_tzPListExistProfile_XPC(const char* request, size_t length) {
-    return run(&tz::Service::tzPListExistProfile_XPC, request, length);
-}
-
-TZBridgeResult TZBridge_tzPListRemove_XPC(const char* request, size_t length) {
-    return run(&tz::Service::tzPListRemove_XPC, request, length);
-}
-
-TZBridgeResult TZBridge_writeDictionaryToPlistFile_XPC(const char* request, size_t length) {
-    return run(&tz::Service::writeDictionaryToPlistFile_XPC, request, length);
-}
-
-TZBridgeResult TZBridge_writeDataToPlistFile_XPC(const char* request, size_t length) {
-    return run(&tz::Service::writeDataToPlistFile_XPC, request, length);
-}
-
-TZBridgeResult TZBridge_writeDataToPlistFileRename_XPC(const char* request, size_t length) {
-    return run(&tz::Service::writeDataToPlistFileRename_XPC, request, length);
-}
-
-TZBridgeResult TZBridge_mibwalk_XPC(const char* request, size_t length) {
-    return run(&tz::Service::mibwalk_XPC, request, length);
-}
+#undef TZ_BRIDGE
 
 }  // extern "C"

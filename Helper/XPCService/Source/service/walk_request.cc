@@ -40,7 +40,7 @@ void Service::mibwalk_XPC(std::string_view request, const Reply& reply) const {
     // Names first, then the paths, then the argument list: a request whose
     // paths do not fit ends the process even when its argument marker is
     // missing.
-    const request::WalkNames names = request::cut_walk_names(request);
+    const protocol::WalkNames names = protocol::cut_walk_names(request);
     const std::string user = name_text(names.user);
     const std::string model = name_text(names.model);
     // The folder goes in as an argument: it may hold '%'.
@@ -55,7 +55,7 @@ void Service::mibwalk_XPC(std::string_view request, const Reply& reply) const {
     TZ_PLIST_PROFILE_PREV_PATH = previous;
     TZ_PLIST_PROFILE_SPOOL_PATH = spool;
 
-    const std::vector<std::string_view> pieces = request::cut_walk_arguments(request, kArgumentSlots);
+    const std::vector<std::string_view> pieces = protocol::cut_walk_arguments(request, kArgumentSlots);
     int32_t result = kTooManyArguments;
     if (pieces.size() < kArgumentSlots) {
         // Writable, NUL-terminated copies that outlive the walk: the parser

@@ -1,17 +1,19 @@
 // The helper's public face on the D-Bus session bus: its well-known name, the
-// one object, its two interfaces (the eight operations; the versioned one with
-// the service's properties and the walk's progress signal) and the error names
-// a caller can receive. The client library and the service both take the names
-// from here; packaging/tazorex.printers.T48Q.Helper.xml documents them.
+// one object, its two interfaces (the eight methods, named in the protocol's
+// table, methods.h; the versioned one with the service's properties and the
+// walk's progress signal) and the error names a caller can receive. The client
+// library and the service both take the names from here;
+// packaging/tazorex.printers.T48Q.Helper.xml documents them.
 #pragma once
 
-#include <array>
 #include <string_view>
 
 namespace tz::bus {
 
 inline constexpr std::string_view kBusName = "tazorex.printers.T48Q.Helper";
 inline constexpr std::string_view kObjectPath = "/tazorex/printers/T48Q/Helper";
+// The eight methods; each takes one string ("request") and returns one
+// string ("reply").
 inline constexpr std::string_view kInterface =
     "tazorex.printers.T48Q.TZ_XPC_Protocol5E1A9C07_4B2D_4E8F_A613_7D0C2B9E4F18";
 
@@ -22,20 +24,6 @@ inline constexpr std::string_view kRangeError = "tazorex.printers.T48Q.Error.Ran
 inline constexpr std::string_view kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 // Anything else that stopped an operation before it could reply.
 inline constexpr std::string_view kFailed = "org.freedesktop.DBus.Error.Failed";
-
-// The eight methods, in the protocol's order. Each takes one string
-// ("request") and returns one string ("reply").
-inline constexpr std::string_view kIsAdmin = "tzPListIsAdminProfile_XPC";
-inline constexpr std::string_view kSwap = "tzPListSwapProfile_XPC";
-inline constexpr std::string_view kExist = "tzPListExistProfile_XPC";
-inline constexpr std::string_view kRemove = "tzPListRemove_XPC";
-inline constexpr std::string_view kWriteDictionary = "writeDictionaryToPlistFile_XPC";
-inline constexpr std::string_view kWriteData = "writeDataToPlistFile_XPC";
-inline constexpr std::string_view kWriteDataRename = "writeDataToPlistFileRename_XPC";
-inline constexpr std::string_view kMibWalk = "mibwalk_XPC";
-
-inline constexpr std::array<std::string_view, 8> kMethods = {
-    kIsAdmin, kSwap, kExist, kRemove, kWriteDictionary, kWriteData, kWriteDataRename, kMibWalk};
 
 // The second interface of the same object, versioned by its trailing number:
 // a later change that is not backwards compatible gets a new name.

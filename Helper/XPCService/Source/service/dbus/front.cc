@@ -17,6 +17,7 @@
 #include <systemd/sd-daemon.h>
 
 #include "bus_names.h"
+#include "methods.h"
 #include "tz_discovery.h"
 
 namespace tz::dbus {
@@ -79,23 +80,6 @@ void answer(const Service& service, Service::Operation op, const std::string& re
         if (!replied) send_error(result, bus::kFailed, "unknown failure");
     }
 }
-
-struct MethodEntry {
-    std::string_view name;
-    Service::Operation op;
-};
-
-const MethodEntry kEntries[] = {
-    {bus::kIsAdmin, &Service::tzPListIsAdminProfile_XPC},
-    {bus::kSwap, &Service::tzPListSwapProfile_XPC},
-    {bus::kExist, &Service::tzPListExistProfile_XPC},
-    {bus::kRemove, &Service::tzPListRemove_XPC},
-    {bus::kWriteDictionary, &Service::writeDictionaryToPlistFile_XPC},
-    {bus::kWriteData, &Service::writeDataToPlistFile_XPC},
-    {bus::kWriteDataRename, &Service::writeDataToPlistFileRename_XPC},
-    {bus::kMibWalk, &Service::mibwalk_XPC},
-};
-static_assert(std::size(kEntries) == bus::kMethods.size());
 
 }  // namespace
 
@@ -183,10 +167,10 @@ Front::~Front() {
 
 void Front::register_interfaces() {
     const std::string interface = str(bus::kInterface);
-    for (const MethodEntry& entry : kEntries) {
-        const std::string name = str(entry.name);
-        const Service::Operation op = entry.op;
-        object_->registerMethod(name)
+    // The service's operations stand in the protocol's order under its names.
+    for (std::size_t i = 0; i < protocol::kMethods.size(); ++i) {
+        const Service::Operation op = kOperations[i].operation;
+        object_->registerMethod(str(protocol::kMethods[i].name))
             .onInterface(interface)
             .withInputParamNames("request")
             .withOutputParamNames("reply")

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace tz::request {
+namespace tz::protocol {
 namespace {
 
 // Position of the first occurrence of `marker`, or npos.
@@ -55,6 +55,55 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 }  // namespace
 
+std::string swap_request(int32_t type, std::string_view current, std::string_view previous) {
+    std::string request = std::to_string(type);
+    request += kSwapType;
+    request += current.empty() ? kNull : current;
+    request += kSwapCurrent;
+    request += previous.empty() ? kNull : previous;
+    request += kSwapPrevious;
+    return request;
+}
+
+std::string write_request(std::string_view url, std::string_view text) {
+    std::string request(url);
+    request += kAddUrl;
+    request += text;
+    return request;
+}
+
+std::string walk_request(std::string_view model, std::string_view user,
+                         const std::vector<std::string>& arguments) {
+    std::string request(model);
+    request += kModelName;
+    request += user;
+    request += kUserName;
+    for (const std::string& argument : arguments) {
+        request += argument;
+        request += kArg;
+    }
+    return request;
+}
+
+std::string file_url(std::string_view absolute_path) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string url = "file://";
+    for (const char c : absolute_path) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+                           (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' ||
+                           byte == '_' || byte == '~' || byte == '/';
+        if (plain) {
+            url += c;
+        } else {
+            url += '%';
+            url += kHex[byte >> 4];
+            url += kHex[byte & 0x0F];
+        }
+    }
+    return url;
+}
+
 int32_t int_value(std::string_view text) {
     std::size_t i = 0;
     while (i < text.size() && is_space(text[i])) ++i;
@@ -99,4 +148,4 @@ std::vector<std::string_view> cut_walk_arguments(std::string_view request, std::
     return arguments;  // the piece after the last ":arg:" is dropped
 }
 
-}  // namespace tz::request
+}  // namespace tz::protocol
