@@ -17,6 +17,9 @@ constexpr oid kMaxSubIdentifier = 0xFFFFFFFFUL;
 // After a loss the window grows fast again up to half the size it had, but
 // never starts the slow growth below this.
 constexpr double kMinThreshold = 2.0;
+// A window starts with one guess beside the chain's request (when the cap
+// allows it): without a guess in flight no guess can hit and grow it.
+constexpr double kInitialWindow = 2.0;
 
 // The pipeline that may take callbacks. A request can outlive its pipeline
 // in the library (a chain request answered with a PDU of the wrong kind stays
@@ -32,18 +35,19 @@ Pdu request_for(int command, const oid* name, std::size_t name_length) {
     return pdu;
 }
 
-Window::Window(int32_t cap) : cap_(std::max<int32_t>(cap, 1)), threshold_(cap_) {}
+Window::Window(int32_t cap)
+    : cap_(std::max<int32_t>(cap, 1)), size_(std::min<double>(kInitialWindow, cap_)), threshold_(cap_) {}
 
 void Window::hit() {
     size_ += size_ < threshold_ ? 1.0 : 1.0 / size_;
     size_ = std::min(size_, static_cast<double>(cap_));
 }
 
-void Window::miss() { size_ = std::max(1.0, size_ / 2); }
+void Window::miss() { size_ = std::max(std::min<double>(kInitialWindow, cap_), size_ / 2); }
 
 void Window::loss() {
     threshold_ = std::max(kMinThreshold, size_ / 2);
-    size_ = 1.0;
+    size_ = std::min<double>(kInitialWindow, cap_);
 }
 
 GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
@@ -116,16 +120,22 @@ int GetNextPipeline::ask_on_chain(const Name& name, Pdu& response) {
     return chain_request_.status;
 }
 
-// Keeps the window full with guesses N+1, N+2, ... after `name` N.
+// Keeps the window full with guesses N+1, N+2, ... after `name` N, going on
+// from the last guess when that is further down the same column.
 void GetNextPipeline::guess_after(const Name& name) {
     if (name.size() <= root_length_) return;
     const auto window = static_cast<std::size_t>(window_.size());
-    for (oid step = 1; step <= static_cast<oid>(window_.cap()) && in_flight() < window; ++step) {
-        if (name.back() > kMaxSubIdentifier - step) return;
-        Name next = name;
-        next.back() += step;
+    const bool same_column = frontier_.size() == name.size() &&
+                             std::equal(name.begin(), name.end() - 1, frontier_.begin()) &&
+                             frontier_.back() > name.back();
+    Name next = same_column ? frontier_ : name;
+    const oid lead_limit = name.back() + static_cast<oid>(window_.cap());
+    while (in_flight() < window) {
+        if (next.back() >= kMaxSubIdentifier || next.back() >= lead_limit) return;
+        ++next.back();
         if (guesses_.count(next) != 0) continue;
         if (!send_guess(next)) return;
+        frontier_ = next;
     }
 }
 

@@ -27,11 +27,13 @@
 //    up; a guess still in flight when its name comes up is an extra chance.
 //
 // The window (requests in flight on both sessions, stale guesses included)
-// moves as TCP's congestion window does: one more per used guess until the
-// threshold, then one more per window's worth; halved when the chain goes
-// where no guess pointed; back to 1 (threshold halved) when a request went
-// unanswered for a whole timeout. It never exceeds the cap, and at 1 nothing
-// is guessed: the walk sends exactly today's requests, one at a time.
+// moves as TCP's congestion window does: it starts at 2 (the chain's request
+// and one guess), grows by one per used guess up to the threshold, then by
+// one per window's worth; it is halved (not below 2) when the chain goes
+// where no guess pointed, and back to 2 with the threshold halved when a
+// request went unanswered for a whole timeout. It never exceeds the cap;
+// with a cap of 1 nothing is guessed and the walk sends exactly the
+// sequential walk's requests, one at a time.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -71,7 +73,7 @@ public:
 
 private:
     int32_t cap_;
-    double size_ = 1.0;
+    double size_;
     double threshold_;
 };
 
@@ -128,6 +130,7 @@ private:
     bool guessing_failed_ = false;          // the guess session did not open
     std::map<Name, Guess> guesses_;         // guesses the chain may still reach
     std::unordered_map<long, Name> pending_;  // guess requests not yet called back
+    Name frontier_;                         // the last name guessed
     ChainRequest chain_request_;
     netsnmp_large_fd_set fds_;
 };
