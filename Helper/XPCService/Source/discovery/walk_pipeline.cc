@@ -181,6 +181,9 @@ int GetNextPipeline::on_event(int op, netsnmp_session* session, int reqid, netsn
                               void* magic) {
     auto* self = static_cast<GetNextPipeline*>(magic);
     if (self != live_pipeline.load(std::memory_order_acquire)) return 1;
+    // A retry sent: the request is still waiting (snmp_synch_response's own
+    // callback never hears of it, the library tells only a request's own).
+    if (op == NETSNMP_CALLBACK_OP_RESEND) return 1;
     if (self->chain_request_.active && reqid == self->chain_request_.reqid &&
         session == self->chain_)
         return self->on_chain_event(op, session, pdu);
@@ -232,6 +235,12 @@ int GetNextPipeline::on_chain_event(int op, netsnmp_session* session, netsnmp_pd
         request.status = STAT_ERROR;
         session->s_snmp_errno = SNMPERR_ABORT;
         SET_SNMP_ERROR(SNMPERR_ABORT);
+    } else if (op == NETSNMP_CALLBACK_OP_SEND_FAILED) {
+        // A retry could not be sent and the library has dropped the request
+        // (the error number says why). snmp_synch_response would have kept
+        // it and timed out later; here the walk ends at once as failed.
+        request.response.reset();
+        request.status = STAT_ERROR;
     }
     return 1;
 }
