@@ -2,6 +2,9 @@
 // the SNMP command-line walker so that a request carries the same arguments
 // a user would type. Every way out goes through one place that rebuilds the
 // profile plist, so the rebuild runs exactly once per walk whatever happened.
+// The loop asks GetNextPipeline (walk_pipeline.h) for each answer: it keeps
+// guessed requests in flight and hands the loop only the answers the
+// one-request-at-a-time walk would get, so the loop itself is unchanged.
 //
 // Process-wide state is limited to what the header names (the spool,
 // numprinted, sDEBUGmsg) plus net-snmp's own: its default store, getopt's
