@@ -33,8 +33,8 @@
  *    guesses hit, fewer on misses, back to 2 on loss) up to a cap:
  *    TZSetWalkWindow. The default cap, 64, is the smallest power of two
  *    that walks the 500-profile table (3,500 variables) over a 20 ms round
- *    trip within 1.5 times snmpbulkwalk -Cr50's time (measured 1.76 s against
- *    1.57 s; window 1: 81 s; 32 needs about 2.9 s); a larger cap only helps
+ *    trip within 1.5 times snmpbulkwalk -Cr50's time (measured 1.78 s against
+ *    1.57 s; window 1: 74 s; 32 needs about 2.9 s); a larger cap only helps
  *    slower links and sends a bigger burst, past each column's end, to an
  *    agent that may be a small printer. See walk_pipeline.h.
  */

@@ -92,8 +92,6 @@ public:
     // exactly as snmp_synch_response on the chain session reports it.
     int exchange(const oid* name, std::size_t name_length, Pdu& response);
 
-    int32_t window() const { return window_.size(); }
-
 private:
     using Name = std::vector<oid>;
     struct Guess {
