@@ -8,7 +8,9 @@
 //   relay.cut_after(2250, [&] { agent.stop(); });
 //   ... walk relay.peer() ...
 //
-// The relay's thread runs from the constructor to the destructor.
+// Each address the walk sends from (a walk may use more than one socket) gets
+// a socket of its own towards the agent, so answers go back to the socket
+// that asked. The relay's thread runs from the constructor to the destructor.
 #pragma once
 
 #include <arpa/inet.h>
@@ -26,17 +28,14 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tz::test {
 
 class CountingRelay {
 public:
-    explicit CountingRelay(uint16_t agent_port) {
+    explicit CountingRelay(uint16_t agent_port) : agent_(loopback(agent_port)) {
         front_ = bound_socket();
-        back_ = bound_socket();
-        sockaddr_in agent = loopback(agent_port);
-        if (::connect(back_, reinterpret_cast<sockaddr*>(&agent), sizeof agent) != 0)
-            throw std::runtime_error("cannot reach the agent's port");
         sockaddr_in own{};
         socklen_t len = sizeof own;
         ::getsockname(front_, reinterpret_cast<sockaddr*>(&own), &len);
@@ -49,7 +48,7 @@ public:
         [[maybe_unused]] const ssize_t put = ::write(stop_, &one, sizeof one);
         thread_.join();
         ::close(front_);
-        ::close(back_);
+        for (const Back& back : backs_) ::close(back.fd);
         ::close(stop_);
     }
     CountingRelay(const CountingRelay&) = delete;
@@ -89,29 +88,53 @@ private:
         return fd;
     }
 
+    struct Back {
+        int fd;              // connected to the agent
+        sockaddr_in walker;  // where its answers go
+    };
+
+    // The agent-side socket for `walker`, made on its first packet.
+    int back_for(const sockaddr_in& walker) {
+        for (const Back& back : backs_)
+            if (back.walker.sin_port == walker.sin_port &&
+                back.walker.sin_addr.s_addr == walker.sin_addr.s_addr)
+                return back.fd;
+        const int fd = bound_socket();
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&agent_), sizeof agent_) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        backs_.push_back({fd, walker});
+        return fd;
+    }
+
     void run() {
-        sockaddr_in walker{};
-        socklen_t walker_len = 0;
         char packet[65536];
+        std::vector<pollfd> fds;
         for (;;) {
-            pollfd fds[3] = {{front_, POLLIN, 0}, {back_, POLLIN, 0}, {stop_, POLLIN, 0}};
-            if (::poll(fds, 3, -1) < 0) continue;
-            if (fds[2].revents != 0) return;
+            fds.assign({{front_, POLLIN, 0}, {stop_, POLLIN, 0}});
+            for (const Back& back : backs_) fds.push_back({back.fd, POLLIN, 0});
+            if (::poll(fds.data(), fds.size(), -1) < 0) continue;
+            if (fds[1].revents != 0) return;
             if (fds[0].revents & POLLIN) {
-                walker_len = sizeof walker;
+                sockaddr_in walker{};
+                socklen_t walker_len = sizeof walker;
                 const ssize_t got = ::recvfrom(front_, packet, sizeof packet, 0,
                                                reinterpret_cast<sockaddr*>(&walker), &walker_len);
                 std::lock_guard lock(mutex_);
-                if (got > 0 && !cut_) ::send(back_, packet, static_cast<size_t>(got), 0);
+                const int back = got > 0 && !cut_ ? back_for(walker) : -1;
+                if (back >= 0) ::send(back, packet, static_cast<size_t>(got), 0);
             }
-            if (fds[1].revents & POLLIN) {
-                const ssize_t got = ::recv(back_, packet, sizeof packet, 0);
+            for (std::size_t i = 2; i < fds.size(); ++i) {
+                if (!(fds[i].revents & POLLIN)) continue;
+                const Back back = backs_[i - 2];
+                const ssize_t got = ::recv(back.fd, packet, sizeof packet, 0);
                 std::function<void()> action;
                 {
                     std::lock_guard lock(mutex_);
-                    if (got <= 0 || cut_ || walker_len == 0) continue;
+                    if (got <= 0 || cut_) continue;
                     ::sendto(front_, packet, static_cast<size_t>(got), 0,
-                             reinterpret_cast<sockaddr*>(&walker), walker_len);
+                             reinterpret_cast<const sockaddr*>(&back.walker), sizeof back.walker);
                     if (++answers_ == limit_) {
                         cut_ = true;
                         action = std::move(action_);
@@ -122,8 +145,9 @@ private:
         }
     }
 
-    int front_ = -1;  // the walk's side
-    int back_ = -1;   // the agent's side
+    sockaddr_in agent_;
+    int front_ = -1;             // the walk's side
+    std::vector<Back> backs_;    // the agent's side, one per walk socket (relay thread only)
     int stop_ = -1;
     uint16_t port_ = 0;
     std::mutex mutex_;

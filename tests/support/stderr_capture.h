@@ -1,4 +1,5 @@
-// Collects what the process writes to file descriptor 2 while it lives.
+// Collects what the process writes to file descriptor 2 (or the one given,
+// such as 1 for what net-snmp's print_variable prints) while it lives.
 #pragma once
 
 #include <unistd.h>
@@ -10,9 +11,9 @@ namespace tz::test {
 
 class StderrCapture {
 public:
-    StderrCapture() : file_(std::tmpfile()), saved_(::dup(STDERR_FILENO)) {
-        std::fflush(stderr);
-        ::dup2(::fileno(file_), STDERR_FILENO);
+    explicit StderrCapture(int fd = STDERR_FILENO) : fd_(fd), file_(std::tmpfile()), saved_(::dup(fd)) {
+        flush();
+        ::dup2(::fileno(file_), fd_);
     }
     ~StderrCapture() {
         restore();
@@ -32,10 +33,15 @@ public:
     }
 
 private:
-    void restore() {
+    static void flush() {
+        std::fflush(stdout);
         std::fflush(stderr);
-        ::dup2(saved_, STDERR_FILENO);
     }
+    void restore() {
+        flush();
+        ::dup2(saved_, fd_);
+    }
+    int fd_;
     std::FILE* file_;
     int saved_;
 };

@@ -2,6 +2,9 @@
 // the SNMP command-line walker so that a request carries the same arguments
 // a user would type. Every way out goes through one place that rebuilds the
 // profile plist, so the rebuild runs exactly once per walk whatever happened.
+// The loop asks GetNextPipeline (walk_pipeline.h) for each answer: it keeps
+// guessed requests in flight and hands the loop only the answers the
+// one-request-at-a-time walk would get, so the loop itself is unchanged.
 //
 // Process-wide state is limited to what the header names (the spool,
 // numprinted, sDEBUGmsg) plus net-snmp's own: its default store, getopt's
@@ -22,6 +25,7 @@
 #include <string_view>
 
 #include "tz_discovery.h"
+#include "walk_pipeline.h"
 
 extern "C" {
 int32_t numprinted = 0;
@@ -30,9 +34,11 @@ char sDEBUGmsg[128];
 }
 
 namespace {
+// The default cap of GETNEXT requests in flight; tz_discovery.h says why.
+constexpr int32_t kDefaultWalkWindow = 64;
 std::atomic<TZWalkDebugHook> debug_hook{nullptr};
 std::atomic<TZWalkProgressHook> progress_hook{nullptr};
-std::atomic<int32_t> walk_window{1};
+std::atomic<int32_t> walk_window{kDefaultWalkWindow};
 }  // namespace
 
 extern "C" {
@@ -59,15 +65,10 @@ constexpr int kDontCheckOrdering = 3;
 
 const oid objid_mib[] = {1, 3, 6, 1, 2, 1};
 
-struct PduFree {
-    void operator()(netsnmp_pdu* pdu) const { snmp_free_pdu(pdu); }
-};
-using Pdu = std::unique_ptr<netsnmp_pdu, PduFree>;
-
-struct SessionClose {
-    void operator()(netsnmp_session* session) const { snmp_close(session); }
-};
-using Session = std::unique_ptr<netsnmp_session, SessionClose>;
+using tz::discovery::GetNextPipeline;
+using tz::discovery::Pdu;
+using tz::discovery::request_for;
+using tz::discovery::Session;
 
 // Hands every line of `text` to the debug hook.
 void forward_lines(std::string_view text) {
@@ -161,12 +162,6 @@ int exchange(netsnmp_session* session, Pdu pdu, Pdu& response) {
     return status;
 }
 
-Pdu request_for(int command, const oid* name, std::size_t name_length) {
-    Pdu pdu(snmp_pdu_create(command));
-    if (pdu) snmp_add_null_var(pdu.get(), name, name_length);
-    return pdu;
-}
-
 // "OID not increasing" names the two OIDs by the raw bytes of their
 // sub-identifier arrays: as many bytes as the OID has sub-identifiers, printed
 // up to the first zero byte (on a little-endian machine an OID starting with
@@ -215,61 +210,24 @@ private:
     netsnmp_session& session_;
 };
 
-struct Outcome {
-    int32_t result;          // what mib_walk returns
-    int32_t rebuild_status;  // what the rebuild is told
-};
-
-Outcome walk(int32_t argc, char** argv) {
-    netsnmp_session session;
-    int arg = 0;
-    {
-        forget_previous_parse();
-        const StderrToDebug quiet;
-        arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
-    }
-    if (arg < 0) return {arg, 1};
-    const ParsedCommunity community(session);
-
-    oid root[MAX_OID_LEN];
-    std::size_t rootlen = 0;
-    if (arg < argc) {
-        rootlen = MAX_OID_LEN;
-        if (snmp_parse_oid(argv[arg], root, &rootlen) == nullptr) {
-            snmp_perror(argv[arg]);
-            return {1, 1};
-        }
-    } else {
-        std::memcpy(root, objid_mib, sizeof objid_mib);
-        rootlen = sizeof objid_mib / sizeof objid_mib[0];
-    }
-
-    Session ss(snmp_open(&session));
-    if (!ss) {
-        MyDebugMessage("[UTIL-MIB] SNMP Open Err\n", 0);
-        snmp_sess_perror("snmpwalk", &session);
-        return {1, 1};
-    }
-
+// The GETNEXT loop from `root`, its requests going through `pipeline`.
+// Returns the walk's result and leaves the last request's status in `status`.
+int32_t walk_subtree(GetNextPipeline& pipeline, netsnmp_session* ss, const oid* root,
+                     std::size_t rootlen, bool check, int& status) {
     oid name[MAX_OID_LEN];
     std::memcpy(name, root, rootlen * sizeof(oid));
     std::size_t name_length = rootlen;
     bool running = true;
-    const bool check = !netsnmp_ds_get_boolean(kStore, kDontCheckOrdering);
-    if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
-        snmp_get_and_print(ss.get(), root, rootlen);
     int32_t exitval = 0;
     int32_t accepted = 0;  // by this walk, for the progress hook
-    int status = STAT_SUCCESS;
-
     while (running) {
         Pdu response;
-        status = exchange(ss.get(), request_for(SNMP_MSG_GETNEXT, name, name_length), response);
+        status = pipeline.exchange(name, name_length, response);
         if (status == STAT_TIMEOUT) {
             exitval = 1;
             running = false;
         } else if (status != STAT_SUCCESS) {
-            snmp_sess_perror("snmpwalk", ss.get());
+            snmp_sess_perror("snmpwalk", ss);
             exitval = 1;
             running = false;
         } else if (response == nullptr) {
@@ -307,6 +265,55 @@ Outcome walk(int32_t argc, char** argv) {
                 }
             }
         }
+    }
+    return exitval;
+}
+
+struct Outcome {
+    int32_t result;          // what mib_walk returns
+    int32_t rebuild_status;  // what the rebuild is told
+};
+
+Outcome walk(int32_t argc, char** argv) {
+    netsnmp_session session;
+    int arg = 0;
+    {
+        forget_previous_parse();
+        const StderrToDebug quiet;
+        arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
+    }
+    if (arg < 0) return {arg, 1};
+    const ParsedCommunity community(session);
+
+    oid root[MAX_OID_LEN];
+    std::size_t rootlen = 0;
+    if (arg < argc) {
+        rootlen = MAX_OID_LEN;
+        if (snmp_parse_oid(argv[arg], root, &rootlen) == nullptr) {
+            snmp_perror(argv[arg]);
+            return {1, 1};
+        }
+    } else {
+        std::memcpy(root, objid_mib, sizeof objid_mib);
+        rootlen = sizeof objid_mib / sizeof objid_mib[0];
+    }
+
+    Session ss(snmp_open(&session));
+    if (!ss) {
+        MyDebugMessage("[UTIL-MIB] SNMP Open Err\n", 0);
+        snmp_sess_perror("snmpwalk", &session);
+        return {1, 1};
+    }
+
+    const bool check = !netsnmp_ds_get_boolean(kStore, kDontCheckOrdering);
+    if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
+        snmp_get_and_print(ss.get(), root, rootlen);
+    int status = STAT_SUCCESS;
+    int32_t exitval = 0;
+    {
+        // The pipeline's guesses die with it, before the fallback GET below.
+        GetNextPipeline pipeline(session, ss.get(), rootlen, TZGetWalkWindow());
+        exitval = walk_subtree(pipeline, ss.get(), root, rootlen, check, status);
     }
 
     // Only while no walk of this process has accepted anything yet.

@@ -1,0 +1,289 @@
+// The pipelined GETNEXT requests of the walk; see walk_pipeline.h.
+#include "walk_pipeline.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <net-snmp/library/large_fd_set.h>
+#include <sys/select.h>
+
+namespace tz::discovery {
+namespace {
+
+// The largest sub-identifier SNMP can carry: a guess never goes past it.
+constexpr oid kMaxSubIdentifier = 0xFFFFFFFFUL;
+// After a loss the window grows fast again up to half the size it had, but
+// never starts the slow growth below this.
+constexpr double kMinThreshold = 2.0;
+// A window starts with one guess beside the chain's request (when the cap
+// allows it): without a guess in flight no guess can hit and grow it.
+constexpr double kInitialWindow = 2.0;
+
+// The pipeline that may take callbacks. A request can outlive its pipeline
+// in the library (a chain request answered with a PDU of the wrong kind stays
+// listed until it times out): its late call must find no pipeline, or a newer
+// one that does not know its request id. One walk at a time per process.
+std::atomic<GetNextPipeline*> live_pipeline{nullptr};
+
+}  // namespace
+
+Pdu request_for(int command, const oid* name, std::size_t name_length) {
+    Pdu pdu(snmp_pdu_create(command));
+    if (pdu) snmp_add_null_var(pdu.get(), name, name_length);
+    return pdu;
+}
+
+Window::Window(int32_t cap)
+    : cap_(std::max<int32_t>(cap, 1)), size_(std::min<double>(kInitialWindow, cap_)), threshold_(cap_) {}
+
+void Window::hit() {
+    size_ += size_ < threshold_ ? 1.0 : 1.0 / size_;
+    size_ = std::min(size_, static_cast<double>(cap_));
+}
+
+void Window::miss() { size_ = std::max(std::min<double>(kInitialWindow, cap_), size_ / 2); }
+
+void Window::loss() {
+    threshold_ = std::max(kMinThreshold, size_ / 2);
+    size_ = std::min<double>(kInitialWindow, cap_);
+}
+
+GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
+                                 std::size_t root_length, int32_t cap)
+    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap) {
+    netsnmp_large_fd_set_init(&fds_, FD_SETSIZE);
+    live_pipeline.store(this, std::memory_order_release);
+}
+
+GetNextPipeline::~GetNextPipeline() {
+    // Closing calls back for every guess still pending: the maps must live.
+    guesser_.reset();
+    live_pipeline.store(nullptr, std::memory_order_release);
+    netsnmp_large_fd_set_cleanup(&fds_);
+}
+
+int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& response) {
+    response.reset();
+    const Name head(name, name + name_length);
+    // Guesses below the new name are ones the chain has passed.
+    const bool guessed = !guesses_.empty();
+    guesses_.erase(guesses_.begin(), guesses_.lower_bound(head));
+    if (guesses_.count(head) != 0) {
+        window_.hit();
+        if (wait_for_guess(head)) {
+            const auto used = guesses_.find(head);
+            response = std::move(used->second.answer);
+            guesses_.erase(used);
+            chain_->s_snmp_errno = SNMPERR_SUCCESS;  // as a response on the chain sets it
+            return STAT_SUCCESS;
+        }
+    } else if (guessed) {
+        window_.miss();
+    }
+    return ask_on_chain(head, response);
+}
+
+// Waits until the guess for `name` is answered (true) or has failed and is
+// gone (false). Meanwhile the window fills with guesses beyond it.
+bool GetNextPipeline::wait_for_guess(const Name& name) {
+    guess_after(name);
+    for (;;) {
+        const auto guess = guesses_.find(name);
+        if (guess == guesses_.end()) return false;
+        if (guess->second.answer) return true;
+        if (!wait_once()) return false;
+    }
+}
+
+// Sends GETNEXT(name) on the chain session and waits for its outcome, as
+// snmp_synch_response does (same select loop, same timeout and retries).
+int GetNextPipeline::ask_on_chain(const Name& name, Pdu& response) {
+    Pdu pdu = request_for(SNMP_MSG_GETNEXT, name.data(), name.size());
+    if (!pdu) return STAT_ERROR;  // no memory for the request
+    const long reqid = pdu->reqid;
+    // A failed send calls back before the request is known here: ignored.
+    if (snmp_async_send(chain_, pdu.get(), &GetNextPipeline::on_event, this) == 0)
+        return STAT_ERROR;  // the request is still ours to free
+    (void)pdu.release();
+    chain_request_ = ChainRequest{true, reqid, true, STAT_SUCCESS, nullptr};
+    guess_after(name);
+    while (chain_request_.waiting) {
+        if (!wait_once()) {
+            chain_request_.status = STAT_ERROR;
+            chain_request_.waiting = false;
+        }
+    }
+    chain_request_.active = false;
+    response = std::move(chain_request_.response);
+    return chain_request_.status;
+}
+
+// Keeps the window full with guesses N+1, N+2, ... after `name` N, going on
+// from the last guess when that is further down the same column.
+void GetNextPipeline::guess_after(const Name& name) {
+    if (name.size() <= root_length_) return;
+    const auto window = static_cast<std::size_t>(window_.size());
+    const bool same_column = frontier_.size() == name.size() &&
+                             std::equal(name.begin(), name.end() - 1, frontier_.begin()) &&
+                             frontier_.back() > name.back();
+    Name next = same_column ? frontier_ : name;
+    const oid lead_limit = name.back() + static_cast<oid>(window_.cap());
+    while (in_flight() < window) {
+        if (next.back() >= kMaxSubIdentifier || next.back() >= lead_limit) return;
+        ++next.back();
+        if (guesses_.count(next) != 0) continue;
+        if (!send_guess(next)) return;
+        frontier_ = next;
+    }
+}
+
+bool GetNextPipeline::send_guess(const Name& name) {
+    if (!guesser_ && !open_guess_session()) return false;
+    Pdu pdu = request_for(SNMP_MSG_GETNEXT, name.data(), name.size());
+    if (!pdu) return false;
+    const long reqid = pdu->reqid;
+    if (snmp_async_send(guesser_.get(), pdu.get(), &GetNextPipeline::on_event, this) == 0)
+        return false;
+    (void)pdu.release();
+    pending_.emplace(reqid, name);
+    guesses_[name] = Guess{reqid, nullptr};
+    return true;
+}
+
+// The guess session: the walk's own settings, no retries, the chain's
+// resolved timeout. For SNMPv3 it takes the engine the chain session has
+// already found, so opening it sends nothing. When it cannot be opened the
+// walk goes on without guesses.
+bool GetNextPipeline::open_guess_session() {
+    if (guessing_failed_) return false;
+    netsnmp_session settings = settings_;
+    settings.retries = 0;
+    settings.timeout = chain_->timeout;
+    settings.callback = nullptr;
+    settings.callback_magic = nullptr;
+    if (settings.version == SNMP_VERSION_3 && chain_->securityEngineIDLen != 0) {
+        settings.securityEngineID = chain_->securityEngineID;
+        settings.securityEngineIDLen = chain_->securityEngineIDLen;
+        if (settings.contextEngineIDLen == 0) {
+            settings.contextEngineID = chain_->contextEngineID;
+            settings.contextEngineIDLen = chain_->contextEngineIDLen;
+        }
+        settings.flags |= SNMP_FLAGS_DONT_PROBE;
+    }
+    guesser_.reset(snmp_open(&settings));
+    guessing_failed_ = !guesser_;
+    return !guessing_failed_;
+}
+
+int GetNextPipeline::on_event(int op, netsnmp_session* session, int reqid, netsnmp_pdu* pdu,
+                              void* magic) {
+    auto* self = static_cast<GetNextPipeline*>(magic);
+    if (self != live_pipeline.load(std::memory_order_acquire)) return 1;
+    // A retry sent: the request is still waiting (snmp_synch_response's own
+    // callback never hears of it, the library tells only a request's own).
+    if (op == NETSNMP_CALLBACK_OP_RESEND) return 1;
+    if (self->chain_request_.active && reqid == self->chain_request_.reqid &&
+        session == self->chain_)
+        return self->on_chain_event(op, session, pdu);
+    self->on_guess_event(op, reqid, pdu);
+    return 1;
+}
+
+// What snmp_synch_response's own callback does with the chain's request.
+int GetNextPipeline::on_chain_event(int op, netsnmp_session* session, netsnmp_pdu* pdu) {
+    ChainRequest& request = chain_request_;
+    request.waiting = false;
+    if (op == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE && pdu != nullptr) {
+        if (pdu->command == SNMP_MSG_REPORT) {
+            const int report = snmpv3_get_report_type(pdu);
+            if (SNMPV3_IGNORE_UNAUTH_REPORTS || report == SNMPERR_NOT_IN_TIME_WINDOW)
+                request.waiting = true;
+            request.response.reset();
+            request.status = STAT_ERROR;
+            session->s_snmp_errno = report;
+            SET_SNMP_ERROR(report);
+        } else if (pdu->command == SNMP_MSG_RESPONSE) {
+            request.response.reset(snmp_clone_pdu(pdu));
+            request.status = STAT_SUCCESS;
+            session->s_snmp_errno = SNMPERR_SUCCESS;
+        } else {
+            char detail[50];
+            request.status = STAT_ERROR;
+            session->s_snmp_errno = SNMPERR_PROTOCOL;
+            SET_SNMP_ERROR(SNMPERR_PROTOCOL);
+            std::snprintf(detail, sizeof detail, "Expected RESPONSE-PDU but got %s-PDU",
+                          snmp_pdu_type(pdu->command));
+            snmp_set_detail(detail);
+            return 0;
+        }
+    } else if (op == NETSNMP_CALLBACK_OP_TIMED_OUT) {
+        request.response.reset();
+        request.status = STAT_TIMEOUT;
+        session->s_snmp_errno = SNMPERR_TIMEOUT;
+        SET_SNMP_ERROR(SNMPERR_TIMEOUT);
+    } else if (op == NETSNMP_CALLBACK_OP_SEC_ERROR) {
+        request.response.reset();
+        if (request.status == STAT_SUCCESS) {  // an earlier error stands
+            request.status = STAT_ERROR;
+            session->s_snmp_errno = SNMPERR_GENERR;
+            SET_SNMP_ERROR(SNMPERR_GENERR);
+        }
+    } else if (op == NETSNMP_CALLBACK_OP_DISCONNECT) {
+        request.response.reset();
+        request.status = STAT_ERROR;
+        session->s_snmp_errno = SNMPERR_ABORT;
+        SET_SNMP_ERROR(SNMPERR_ABORT);
+    } else if (op == NETSNMP_CALLBACK_OP_SEND_FAILED) {
+        // A retry could not be sent and the library has dropped the request
+        // (the error number says why). snmp_synch_response would have kept
+        // it and timed out later; here the walk ends at once as failed.
+        request.response.reset();
+        request.status = STAT_ERROR;
+    }
+    return 1;
+}
+
+// A guess's answer is kept for its name; anything else drops the guess.
+void GetNextPipeline::on_guess_event(int op, long reqid, netsnmp_pdu* pdu) {
+    const auto sent = pending_.find(reqid);
+    if (sent == pending_.end()) return;  // a stale chain request's late call
+    const Name name = std::move(sent->second);
+    pending_.erase(sent);
+    const auto guess = guesses_.find(name);
+    const bool wanted = guess != guesses_.end() && guess->second.reqid == reqid;
+    if (op == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE && pdu != nullptr &&
+        pdu->command == SNMP_MSG_RESPONSE) {
+        if (wanted) guess->second.answer.reset(snmp_clone_pdu(pdu));
+        if (!wanted || guess->second.answer) return;  // kept (or not needed)
+    }
+    if (op == NETSNMP_CALLBACK_OP_TIMED_OUT && guesser_) window_.loss();
+    if (wanted) guesses_.erase(guess);
+}
+
+// One round of snmp_synch_response's loop: wait for a packet or the next
+// timeout on every open session and let the library handle it. False when
+// select itself failed.
+bool GetNextPipeline::wait_once() {
+    int fds = 0;
+    int block = NETSNMP_SNMPBLOCK;
+    timeval timeout{};
+    timeval* wait = &timeout;
+    NETSNMP_LARGE_FD_ZERO(&fds_);
+    snmp_sess_select_info2_flags(nullptr, &fds, &fds_, wait, &block, NETSNMP_SELECT_NOALARMS);
+    if (block == 1) wait = nullptr;
+    const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, wait);
+    if (count > 0) {
+        snmp_read2(&fds_);
+    } else if (count == 0) {
+        snmp_timeout();
+    } else if (errno != EINTR) {
+        snmp_errno = SNMPERR_GENERR;
+        snmp_set_detail(std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace tz::discovery
