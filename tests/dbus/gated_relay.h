@@ -28,6 +28,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace tz::test {
@@ -38,12 +39,10 @@ public:
         for (std::size_t i = 0; i < lanes_.size(); ++i) {
             Lane& lane = lanes_[i];
             lane.front = bound_socket();
-            lane.back = bound_socket();
-            sockaddr_in agent = loopback(agent_ports[i]);
+            lane.agent = loopback(agent_ports[i]);
             sockaddr_in own{};
             socklen_t len = sizeof own;
-            if (::connect(lane.back, reinterpret_cast<sockaddr*>(&agent), sizeof agent) != 0 ||
-                ::getsockname(lane.front, reinterpret_cast<sockaddr*>(&own), &len) != 0)
+            if (::getsockname(lane.front, reinterpret_cast<sockaddr*>(&own), &len) != 0)
                 throw std::runtime_error("cannot set up a relay lane");
             lane.port = ntohs(own.sin_port);
         }
@@ -56,7 +55,7 @@ public:
         thread_.join();
         for (const Lane& lane : lanes_) {
             ::close(lane.front);
-            ::close(lane.back);
+            for (const Walker& walker : lane.walkers) ::close(walker.back);
         }
         ::close(stop_);
     }
@@ -77,7 +76,8 @@ public:
         std::lock_guard lock(mutex_);
         closed_ = false;
         for (Lane& lane : lanes_) {
-            for (const std::string& packet : lane.held) ::send(lane.back, packet.data(), packet.size(), 0);
+            for (const auto& [walker, packet] : lane.held)
+                ::send(lane.walkers[walker].back, packet.data(), packet.size(), 0);
             lane.held.clear();
         }
     }
@@ -100,15 +100,32 @@ public:
     }
 
 private:
+    // One socket of a walk (a walk may send from several) and the socket
+    // that speaks for it to the agent, so each answer goes back to the
+    // socket its request came from.
+    struct Walker {
+        sockaddr_in address{};
+        int back = -1;
+    };
     struct Lane {
-        int front = -1;  // the walk's side
-        int back = -1;   // the agent's side
+        int front = -1;  // the walks' side
+        sockaddr_in agent{};
         uint16_t port = 0;
-        sockaddr_in walker{};
-        socklen_t walker_len = 0;
-        std::vector<std::string> held;
+        std::vector<Walker> walkers;
+        std::vector<std::pair<std::size_t, std::string>> held;  // walker, request
         std::size_t requests = 0;
     };
+
+    // The walker of `from` on `lane`, added with a socket of its own when new.
+    static std::size_t walker_of(Lane& lane, const sockaddr_in& from) {
+        for (std::size_t w = 0; w < lane.walkers.size(); ++w)
+            if (lane.walkers[w].address.sin_port == from.sin_port) return w;
+        Walker walker{from, bound_socket()};
+        if (::connect(walker.back, reinterpret_cast<const sockaddr*>(&lane.agent), sizeof lane.agent) != 0)
+            throw std::runtime_error("cannot reach the agent");
+        lane.walkers.push_back(walker);
+        return lane.walkers.size() - 1;
+    }
 
     static sockaddr_in loopback(uint16_t port) {
         sockaddr_in addr{};
@@ -126,41 +143,51 @@ private:
     }
 
     void run() {
-        std::vector<pollfd> fds;
-        for (const Lane& lane : lanes_) {
-            fds.push_back({lane.front, POLLIN, 0});
-            fds.push_back({lane.back, POLLIN, 0});
-        }
-        fds.push_back({stop_, POLLIN, 0});
         char packet[65536];
         for (;;) {
+            // Walkers come and go: the set to wait on is made afresh each time.
+            std::vector<pollfd> fds;
+            std::vector<std::pair<std::size_t, std::size_t>> backs;  // lane, walker
+            {
+                std::lock_guard lock(mutex_);
+                for (std::size_t i = 0; i < lanes_.size(); ++i) {
+                    fds.push_back({lanes_[i].front, POLLIN, 0});
+                    for (std::size_t w = 0; w < lanes_[i].walkers.size(); ++w) {
+                        fds.push_back({lanes_[i].walkers[w].back, POLLIN, 0});
+                        backs.emplace_back(i, w);
+                    }
+                }
+            }
+            fds.push_back({stop_, POLLIN, 0});
             if (::poll(fds.data(), fds.size(), -1) < 0) continue;
             if (fds.back().revents != 0) return;
+            std::size_t at = 0, back = 0;
             for (std::size_t i = 0; i < lanes_.size(); ++i) {
                 Lane& lane = lanes_[i];
-                if (fds[2 * i].revents & POLLIN) {
+                if (fds[at++].revents & POLLIN) {
                     sockaddr_in from{};
                     socklen_t from_len = sizeof from;
                     const ssize_t got = ::recvfrom(lane.front, packet, sizeof packet, 0,
                                                    reinterpret_cast<sockaddr*>(&from), &from_len);
                     if (got > 0) {
                         std::lock_guard lock(mutex_);
-                        lane.walker = from;
-                        lane.walker_len = from_len;
+                        const std::size_t walker = walker_of(lane, from);
                         ++lane.requests;
                         if (closed_)
-                            lane.held.emplace_back(packet, static_cast<std::size_t>(got));
+                            lane.held.emplace_back(walker, std::string(packet, static_cast<std::size_t>(got)));
                         else
-                            ::send(lane.back, packet, static_cast<std::size_t>(got), 0);
+                            ::send(lane.walkers[walker].back, packet, static_cast<std::size_t>(got), 0);
                         arrived_.notify_all();
                     }
                 }
-                if (fds[2 * i + 1].revents & POLLIN) {
-                    const ssize_t got = ::recv(lane.back, packet, sizeof packet, 0);
+                for (; back < backs.size() && backs[back].first == i; ++back, ++at) {
+                    if (!(fds[at].revents & POLLIN)) continue;
                     std::lock_guard lock(mutex_);
-                    if (got > 0 && lane.walker_len > 0)
+                    const Walker& walker = lane.walkers[backs[back].second];
+                    const ssize_t got = ::recv(walker.back, packet, sizeof packet, 0);
+                    if (got > 0)
                         ::sendto(lane.front, packet, static_cast<std::size_t>(got), 0,
-                                 reinterpret_cast<sockaddr*>(&lane.walker), lane.walker_len);
+                                 reinterpret_cast<const sockaddr*>(&walker.address), sizeof walker.address);
                 }
             }
         }
