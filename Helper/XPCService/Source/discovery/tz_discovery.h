@@ -7,9 +7,10 @@
  * Conventions
  *  - Results: mib_walk returns 0 (walk complete), 1 (failure: bad root, no
  *    session, timeout, transport error, OID not increasing), 2 (the agent
- *    answered with an error status) or the argument parser's own negative
- *    value (-1 usage error, -2 stopped after help or version, -3 no key from
- *    a pass phrase), unchanged. Nothing here throws or calls exit().
+ *    answered with an error status), -1 (the argument parser refused the
+ *    arguments) or -2 (the parser stopped after its help or version output,
+ *    or could make no key from a pass phrase). Nothing here throws or calls
+ *    exit().
  *  - Diagnostics: the walk formats its last one into sDEBUGmsg and hands the
  *    argument parser's complaints and its statistics to MyDebugMessage, which
  *    drops them unless a front has set a debug hook. Only net-snmp's own printers (print_variable, snmp_perror,

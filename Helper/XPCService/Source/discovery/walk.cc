@@ -282,6 +282,10 @@ Outcome walk(int32_t argc, char** argv) {
         const StderrToDebug quiet;
         arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
     }
+    // The parser of net-snmp 5.9 reports a pass phrase that makes no key as
+    // NETSNMP_PARSE_ARGS_ERROR (-3); the walk's results are 0, 1, 2, -1 and
+    // -2, and that case has always been -2.
+    if (arg == NETSNMP_PARSE_ARGS_ERROR) return {NETSNMP_PARSE_ARGS_SUCCESS_EXIT, 1};
     if (arg < 0) return {arg, 1};
     const ParsedCommunity community(session);
 
