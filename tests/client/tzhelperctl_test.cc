@@ -58,7 +58,8 @@ TEST(Tzhelperctl, ExitStatusAndMessageSayWhatTheOutcomeMeans) {
         {kServed, {"walk", "--model", "T48Q", "--user", "alice", "--", "-Z"}, 1, "iRet=-1\n",
          "the SNMP arguments were refused (iRet=-1)"},
         {kServed, {"walk", "--model", "T48Q", "--user", "alice", "--", "-V"}, 1, "iRet=-2\n",
-         "the SNMP argument parser stopped after its help or version output (iRet=-2)"},
+         "the SNMP argument parser stopped after its help or version output, or the pass phrase "
+         "gave no key (iRet=-2)"},
         {kServed, {"raw", "writeDataToPlistFile_XPC", "file:///tmp/x"}, 1, "",
          "the helper refused the request: "},
         // Not UTF-8: the bus refuses to carry it; the JSON still holds it, as U+FFFD.

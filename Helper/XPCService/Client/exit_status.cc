@@ -43,8 +43,8 @@ constexpr std::array kMeanings = {
     Meaning{When::kIRet, "2", kNo, "the agent answered with an error status ({reply})"},
     Meaning{When::kIRet, "-1", kNo, "the SNMP arguments were refused ({reply})"},
     Meaning{When::kIRet, "-2", kNo,
-            "the SNMP argument parser stopped after its help or version output ({reply})"},
-    Meaning{When::kIRet, "-3", kNo, "the SNMP pass phrase gave no key ({reply})"},
+            "the SNMP argument parser stopped after its help or version output, or the pass "
+            "phrase gave no key ({reply})"},
     Meaning{When::kIRet, "", kNo, "the walk failed ({reply})"},
 
     Meaning{When::kOther, "", kNo, "the helper gave an answer this tool does not know: {reply}"},
