@@ -42,7 +42,7 @@ failures=0 passes=0
 
 cleanup() {
   set +e
-  [ -f "$work/printer/snmpd.pid" ] && kill "$(cat "$work/printer/snmpd.pid")" 2>/dev/null
+  "$root/tests/fixtures/sample-printer" --stop "$work/printer"
   dpkg --purge "${packages[@]}" >/dev/null 2>&1
   for u in "$member" "$other"; do
     pkill -u "$u" 2>/dev/null

@@ -4,7 +4,8 @@
 //   tz::test::PrivateBus bus;            // idle exit after 1 s
 //   ... connect to bus.address() ...      // the first call starts tzhelperd
 //
-// - The folder holds the configuration, the socket ("bus"), the service
+// - The folder holds the configuration (tests/fixtures/session-bus.conf,
+//   TZ_SESSION_BUS_CONF), the socket ("bus"), the service
 //   folder with an activation file whose Exec is the built tzhelperd
 //   (TZHELPERD_PATH) with --preferences-dir prefs/ and --idle-exit, and the
 //   daemon's stdout (the walk prints what it receives there). The folder is
@@ -108,23 +109,12 @@ public:
         std::filesystem::create_directory(dir_.path() / "services");
         std::filesystem::create_directory(dir_.path() / "prefs");
         ::chmod(prefs().c_str(), 0755);
-        write_file(dir_.file("bus.conf"),
-                   "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                   " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                   "<busconfig>\n"
-                   "  <type>session</type>\n"
-                   "  <listen>unix:path=" + dir_.file("bus") + "</listen>\n"
-                   "  <auth>EXTERNAL</auth>\n"
-                   "  <servicedir>" + dir_.file("services") + "</servicedir>\n"
-                   // Room for a caller with hundreds of calls in flight.
-                   "  <limit name=\"max_replies_per_connection\">4096</limit>\n"
-                   "  <policy context=\"default\">\n"
-                   "    <allow user=\"*\"/>\n"
-                   "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-                   "    <allow eavesdrop=\"true\"/>\n"
-                   "    <allow own=\"*\"/>\n"
-                   "  </policy>\n"
-                   "</busconfig>\n");
+        // The one bus configuration of tests, benchmarks and demo, with its
+        // folder filled in.
+        std::string config = read_file(TZ_SESSION_BUS_CONF);
+        for (std::size_t at; (at = config.find("@DIR@")) != std::string::npos;)
+            config.replace(at, 5, dir_.path().string());
+        write_file(dir_.file("bus.conf"), config);
         write_file(dir_.file("services/tazorex.printers.T48Q.Helper.service"),
                    "[D-BUS Service]\n"
                    "Name=tazorex.printers.T48Q.Helper\n"
