@@ -43,11 +43,7 @@ using tz::test::connect;
 using tz::test::reply_of;
 using tz::test::SnmpAgent;
 
-const std::string kTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
-
-std::string cell(int column, int row) {
-    return kTable + "." + std::to_string(column) + ".1." + std::to_string(row);
-}
+const std::string& kTable = tz::test::kProfileTable;
 
 // Row r of the printer: file PRF<r>.ICC, source 5 or 4, class 1, 2, 3 in turn.
 std::string row_file(int r) {
@@ -57,22 +53,7 @@ std::string row_file(int r) {
 }
 int row_class(int r) { return (r - 1) % 3 + 1; }
 
-// The printer's table as snmpd serves it: columns 1 to 5 and 7, so a walk
-// gets column 1 of every row, then column 2, and so on.
-std::vector<std::string> printer_table(int rows) {
-    using tz::test::override_integer;
-    using tz::test::override_string;
-    std::vector<std::string> lines;
-    for (int r = 1; r <= rows; ++r) {
-        lines.push_back(override_integer(cell(1, r), r));
-        lines.push_back(override_integer(cell(2, r), 4 + r % 2));
-        lines.push_back(override_string(cell(3, r), "Profile " + std::to_string(r)));
-        lines.push_back(override_string(cell(4, r), row_file(r)));
-        lines.push_back(override_integer(cell(5, r), row_class(r)));
-        lines.push_back(override_integer(cell(7, r), 1));
-    }
-    return lines;
-}
+using tz::test::printer_table;  // columns 1 to 5 and 7: a walk gets column 1 of every row, then 2, ...
 
 std::string walk_request(const std::string& user, const std::string& peer) {
     return tz::client::walk_request(
