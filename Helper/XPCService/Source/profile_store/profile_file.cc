@@ -64,12 +64,9 @@ const TZDictionary* find_dict(const TZDictionary& root, std::string_view name) {
 }
 
 bool find_field_dicts(const TZDictionary& category, FieldDicts& out) {
-    return (out.index_on_device = find_dict(category, "IndexOnDevice")) != nullptr &&
-           (out.in_menu = find_dict(category, "InMenu")) != nullptr &&
-           (out.profile_class = find_dict(category, "ProfileClass")) != nullptr &&
-           (out.file_name = find_dict(category, "FileName")) != nullptr &&
-           (out.profile_name = find_dict(category, "ProfileName")) != nullptr &&
-           (out.location = find_dict(category, "Location")) != nullptr;
+    for (std::size_t f = 0; f < kFieldCount; ++f)
+        if ((out[f] = find_dict(category, kFields[f].name)) == nullptr) return false;
+    return true;
 }
 
 void finish_category(const TZDictionary& category, ProfileTable& table) {

@@ -76,16 +76,15 @@ int32_t TZPListMappingGetSubDict(const TZDictionary* category_dict,
                                  TZDictionary** profile_class_dict, TZDictionary** location_dict,
                                  TZDictionary** file_name_dict, TZDictionary** profile_name_dict,
                                  int32_t* count) {
-    // Looked up in this order, each written as soon as it is found.
-    const std::pair<const char*, TZDictionary**> fields[] = {
-        {"IndexOnDevice", index_on_device_dict}, {"InMenu", in_menu_dict},
-        {"ProfileClass", profile_class_dict},    {"FileName", file_name_dict},
-        {"ProfileName", profile_name_dict},      {"Location", location_dict}};
-    for (const auto& [name, output] : fields) {
-        const TZDictionary* found = tz::store::find_dict(*category_dict, name);
-        if (found == nullptr) return -1;
-        *output = const_cast<TZDictionary*>(found);  // borrowed
-    }
+    // Looked up in kFields order, each written as soon as it is found.
+    TZDictionary** const outputs[tz::store::kFieldCount] = {
+        index_on_device_dict, in_menu_dict,      profile_class_dict,
+        file_name_dict,       profile_name_dict, location_dict};
+    tz::store::FieldDicts found{};
+    const bool all_found = tz::store::find_field_dicts(*category_dict, found);
+    for (std::size_t f = 0; f < tz::store::kFieldCount && found[f] != nullptr; ++f)
+        *outputs[f] = const_cast<TZDictionary*>(found[f]);  // borrowed
+    if (!all_found) return -1;
     ReadDictionaryIntEntry(category_dict, "iNum", count);
     return 0;
 }

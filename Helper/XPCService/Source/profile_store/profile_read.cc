@@ -2,6 +2,7 @@
 // chosen category (plain or with the device marks rewritten), and the count
 // check that follows every read. Tables are never cleared here: a slot or
 // count the file does not hold keeps the caller's value.
+#include <array>
 #include <cstring>
 
 #include "profile_file.h"
@@ -11,72 +12,54 @@ using tz::store::FieldDicts;
 
 namespace {
 
-// The six per-slot key sequences, in one place for both fill loops.
-struct SlotKeySet {
-    tz::store::SlotKeys index_on_device{cIndexOnDeviceKey};
-    tz::store::SlotKeys in_menu{cInMenuKey};
-    tz::store::SlotKeys profile_class{cProfileClassKey};
-    tz::store::SlotKeys file_name{cFileNameKey};
-    tz::store::SlotKeys profile_name{cProfileNameKey};
-    tz::store::SlotKeys location{cLocationKey};
+using tz::store::kFieldCount;
+using tz::store::kFields;
+using tz::store::kInMenuField;
 
-    void next() {
-        for (tz::store::SlotKeys* keys :
-             {&index_on_device, &in_menu, &profile_class, &file_name, &profile_name, &location})
-            keys->next();
-    }
-};
-
-// Cursors over the six field dictionaries of one category.
+// Cursors over the six field dictionaries of one category, in kFields order.
 struct FieldCursors {
-    explicit FieldCursors(const FieldDicts& fields)
-        : index_on_device(*fields.index_on_device),
-          in_menu(*fields.in_menu),
-          profile_class(*fields.profile_class),
-          file_name(*fields.file_name),
-          profile_name(*fields.profile_name),
-          location(*fields.location) {}
-    tz::store::KeyCursor index_on_device, in_menu, profile_class, file_name, profile_name, location;
+    explicit FieldCursors(const FieldDicts& fields) {
+        for (std::size_t f = 0; f < kFieldCount; ++f) at[f] = tz::store::KeyCursor(*fields[f]);
+    }
+    std::array<tz::store::KeyCursor, kFieldCount> at;
 };
 
-// Fills one table from a category whose field dictionaries were found.
+// Reads one field of a slot from the value found under its slot key.
+void read_field(const Value* found, std::size_t f, ProfileEntry& slot) {
+    const tz::store::Field& field = kFields[f];
+    if (field.kind == tz::store::FieldKind::Integer)
+        tz::store::read_int(found, tz::store::int_field(slot, field));
+    else
+        tz::store::read_text(found, tz::store::text_field(slot, field));
+}
+
+// Fills one table from a category whose field dictionaries were found, each
+// slot's fields in kFields order.
 void fill_table(const FieldDicts& fields, ProfileTable& table) {
-    using tz::store::read_int;
-    using tz::store::read_text;
-    SlotKeySet keys;
+    tz::store::FieldSlotKeys keys;
     FieldCursors in(fields);
     for (int n = 0; n < TZ_PROFILE_SLOTS; ++n, keys.next()) {
         ProfileEntry& slot = table.Entry[n];
-        read_int(in.index_on_device.find(keys.index_on_device.key()), slot.IndexOnDevice);
-        read_int(in.in_menu.find(keys.in_menu.key()), slot.InMenu);
-        read_int(in.profile_class.find(keys.profile_class.key()), slot.ProfileClass);
-        read_text(in.file_name.find(keys.file_name.key()), slot.FileName);
-        read_text(in.profile_name.find(keys.profile_name.key()), slot.ProfileName);
-        read_int(in.location.find(keys.location.key()), slot.Location);
+        for (std::size_t f = 0; f < kFieldCount; ++f) read_field(in.at[f].find(keys.key(f)), f, slot);
     }
 }
 
 // As fill_table, but file slots marked 2 are left out (later slots move up)
 // and the mark 4 is stored as 6. InMenu is read first: it decides whether
-// the file slot takes a table slot.
+// the file slot takes a table slot; the other five follow in kFields order.
 void fill_table_pap(const FieldDicts& fields, ProfileTable& table) {
-    using tz::store::read_int;
-    using tz::store::read_text;
-    SlotKeySet keys;
+    tz::store::FieldSlotKeys keys;
     FieldCursors in(fields);
     int d = 0;
     for (int n = 0; n < TZ_PROFILE_SLOTS; ++n, keys.next()) {
         ProfileEntry& slot = table.Entry[d];
-        const Value* in_menu = in.in_menu.find(keys.in_menu.key());
+        const Value* in_menu = in.at[kInMenuField].find(keys.key(kInMenuField));
         if (const auto mark = in_menu != nullptr ? in_menu->as_int32() : std::nullopt) {
             if (*mark == 2) continue;
             slot.InMenu = *mark == 4 ? 6 : *mark;
         }
-        read_int(in.index_on_device.find(keys.index_on_device.key()), slot.IndexOnDevice);
-        read_int(in.profile_class.find(keys.profile_class.key()), slot.ProfileClass);
-        read_text(in.file_name.find(keys.file_name.key()), slot.FileName);
-        read_text(in.profile_name.find(keys.profile_name.key()), slot.ProfileName);
-        read_int(in.location.find(keys.location.key()), slot.Location);
+        for (std::size_t f = 0; f < kFieldCount; ++f)
+            if (f != kInMenuField) read_field(in.at[f].find(keys.key(f)), f, slot);
         ++d;
     }
 }
@@ -89,7 +72,7 @@ int32_t read_one_category(ProfileTable* table, int32_t category, bool pap) {
     const tz::plist::DictRef root = tz::store::read_current_profile();
     if (!root) return -1;
     const TZDictionary* dict = tz::store::find_dict(*root, name);
-    FieldDicts fields;
+    FieldDicts fields{};
     if (dict == nullptr || !tz::store::find_field_dicts(*dict, fields)) return -1;
     if (pap)
         fill_table_pap(fields, *table);
@@ -117,16 +100,14 @@ int32_t TZPListReadProfile_All(ProfileTable* rgb, ProfileTable* sim, ProfileTabl
     const TZDictionary* categories[3] = {tz::store::find_dict(*root, "RGB"),
                                          tz::store::find_dict(*root, "SIM"),
                                          tz::store::find_dict(*root, "DST")};
-    FieldDicts fields[3];
+    FieldDicts fields[3]{};
     for (int c = 0; c < 3; ++c)
         if (categories[c] == nullptr) return -1;
     // Field by field across the categories, so that a miss anywhere is found
     // before any table is written.
-    const char* const field_names[] = {"IndexOnDevice", "InMenu",      "ProfileClass",
-                                       "FileName",      "ProfileName", "Location"};
-    for (const char* field : field_names)
+    for (const tz::store::Field& field : kFields)
         for (const TZDictionary* category : categories)
-            if (tz::store::find_dict(*category, field) == nullptr) return -1;
+            if (tz::store::find_dict(*category, field.name) == nullptr) return -1;
     for (int c = 0; c < 3; ++c) tz::store::find_field_dicts(*categories[c], fields[c]);
 
     ProfileTable* tables[3] = {rgb, sim, dst};

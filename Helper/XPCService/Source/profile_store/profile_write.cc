@@ -1,5 +1,6 @@
 // Writing tables to the profile file: the category dictionary of one table,
 // the whole file from three tables, and the replacement of one category.
+#include <array>
 #include <cstring>
 
 #include "profile_file.h"
@@ -46,56 +47,40 @@ TZDictionary* CreatePropsDictionary(uint32_t category, const ProfileTable* table
                                     TZDictionary** in_menu_dict, TZDictionary** profile_class_dict,
                                     TZDictionary** location_dict, TZDictionary** file_name_dict,
                                     TZDictionary** profile_name_dict) {
+    using tz::store::kFieldCount;
+    using tz::store::kFields;
     auto store = std::make_shared<tz::plist::TextStore>();
     DictRef result = DictRef::make(store);
     DictRef props = DictRef::make(store);
-    DictRef index_on_device = DictRef::make(store);
-    DictRef in_menu = DictRef::make(store);
-    DictRef profile_class = DictRef::make(store);
-    DictRef location = DictRef::make(store);
-    DictRef file_name = DictRef::make(store);
-    DictRef profile_name = DictRef::make(store);
-    for (auto& dict :
-         {&index_on_device, &in_menu, &profile_class, &location, &file_name, &profile_name})
-        (*dict)->entries.reserve(TZ_PROFILE_SLOTS);
+    std::array<DictRef, kFieldCount> fields;  // in kFields order
+    for (DictRef& dict : fields) {
+        dict = DictRef::make(store);
+        dict->entries.reserve(TZ_PROFILE_SLOTS);
+    }
 
-    tz::store::SlotKeys index_key(cIndexOnDeviceKey);
-    tz::store::SlotKeys in_menu_key(cInMenuKey);
-    tz::store::SlotKeys class_key(cProfileClassKey);
-    tz::store::SlotKeys location_key(cLocationKey);
-    tz::store::SlotKeys file_key(cFileNameKey);
-    tz::store::SlotKeys name_key(cProfileNameKey);
-    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n) {
+    tz::store::FieldSlotKeys keys;
+    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n, keys.next()) {
         const ProfileEntry& slot = table->Entry[n];
-        index_on_device->set_integer(index_key.key(), slot.IndexOnDevice);
-        in_menu->set_integer(in_menu_key.key(), slot.InMenu);
-        profile_class->set_integer(class_key.key(), slot.ProfileClass);
-        location->set_integer(location_key.key(), slot.Location);
-        // A text that is not UTF-8 makes no string: its slot key is left out.
-        const std::string_view file = field_text(slot.FileName);
-        if (tz::is_valid_utf8(file)) file_name->set_string(file_key.key(), file);
-        const std::string_view name = field_text(slot.ProfileName);
-        if (tz::is_valid_utf8(name)) profile_name->set_string(name_key.key(), name);
-        for (tz::store::SlotKeys* keys :
-             {&index_key, &in_menu_key, &class_key, &location_key, &file_key, &name_key})
-            keys->next();
+        for (std::size_t f = 0; f < kFieldCount; ++f) {
+            const tz::store::Field& field = kFields[f];
+            if (field.kind == tz::store::FieldKind::Integer) {
+                fields[f]->set_integer(keys.key(f), tz::store::int_field(slot, field));
+                continue;
+            }
+            // A text that is not UTF-8 makes no string: its slot key is left out.
+            const std::string_view text = field_text(tz::store::text_field(slot, field));
+            if (tz::is_valid_utf8(text)) fields[f]->set_string(keys.key(f), text);
+        }
     }
     props->set_integer("iNum", table->iNum);
-    props->set_dict("IndexOnDevice", index_on_device);
-    props->set_dict("InMenu", in_menu);
-    props->set_dict("ProfileClass", profile_class);
-    props->set_dict("Location", location);
-    props->set_dict("FileName", file_name);
-    props->set_dict("ProfileName", profile_name);
+    for (std::size_t f = 0; f < kFieldCount; ++f) props->set_dict(kFields[f].name, fields[f]);
     if (const char* name = tz::store::category_name(category)) result->set_dict(name, props);
 
     *category_dict = props.release();
-    *index_on_device_dict = index_on_device.release();
-    *in_menu_dict = in_menu.release();
-    *profile_class_dict = profile_class.release();
-    *location_dict = location.release();
-    *file_name_dict = file_name.release();
-    *profile_name_dict = profile_name.release();
+    TZDictionary** const field_outputs[kFieldCount] = {index_on_device_dict, in_menu_dict,
+                                                       profile_class_dict,   file_name_dict,
+                                                       profile_name_dict,    location_dict};
+    for (std::size_t f = 0; f < kFieldCount; ++f) *field_outputs[f] = fields[f].release();
     return result.release();
 }
 
