@@ -69,11 +69,6 @@ bool find_field_dicts(const TZDictionary& category, FieldDicts& out) {
     return true;
 }
 
-void finish_category(const TZDictionary& category, ProfileTable& table) {
-    read_int(category, "iNum", table.iNum);
-    TZPlistCheckWithInMenu_Dict(&table);
-}
-
 void copy_text_field(std::string_view text, char* field) {
     // Like strncpy: the text ends at its first zero byte.
     std::size_t length = std::min<std::size_t>(text.size(), TZ_PROFILE_TEXT);
@@ -87,21 +82,3 @@ void copy_text_field(std::string_view text, char* field) {
 }
 
 }  // namespace tz::store
-
-extern "C" {
-
-TZDictionary* TZDictionaryRetain(TZDictionary* dict) {
-    return tz::plist::DictRef::retain(dict).release();
-}
-
-size_t TZDictionaryGetCount(const TZDictionary* dict) { return dict->entries.size(); }
-
-int TZDictionaryContainsKey(const TZDictionary* dict, const char* key) {
-    return dict->find(key) != nullptr ? 1 : 0;
-}
-
-TZDictionary* TZDictionaryGetDictionary(const TZDictionary* dict, const char* key) {
-    return const_cast<TZDictionary*>(tz::store::find_dict(*dict, key));
-}
-
-}  // extern "C"

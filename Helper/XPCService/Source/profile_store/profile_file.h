@@ -1,6 +1,7 @@
-// What every profile-store operation shares: the copy of the current profile
-// path, the per-slot key, the reading of the current file, and the lookup of
-// a category's six field dictionaries.
+// What the profile-store operations share: the copy of the current profile
+// path, the per-slot keys, the reading of the current file, the lookup of a
+// category's six field dictionaries, the readers of one slot value, and the
+// write of three tables without the probe.
 #pragma once
 
 #include <array>
@@ -78,15 +79,11 @@ using FieldDicts = std::array<const TZDictionary*, kFieldCount>;
 // a dictionary), the ones before it written.
 bool find_field_dicts(const TZDictionary& category, FieldDicts& out);
 
-// Reads "iNum" into the table's count if present, then makes the count agree
-// with the slots in use.
-void finish_category(const TZDictionary& category, ProfileTable& table);
-
 // Builds the file from three tables and writes it to the current path, with
 // no writability probe of its own (the caller has run it). 0, or -1 when the
 // path is unset or the write fails.
-int32_t write_profile_tables(const ProfileTable* rgb, const ProfileTable* sim,
-                             const ProfileTable* dst);
+int32_t write_profile_tables(const ProfileTable& rgb, const ProfileTable& sim,
+                             const ProfileTable& dst);
 
 // The readers of one slot value by key, as ReadDictionaryIntEntry and
 // ReadDictionaryStringEntry.
