@@ -1,7 +1,7 @@
 // The library forms of the profile file operations: the same file-system rules
 // as the service operations, on the paths of the globals, each copied first
 // into a zeroed 255-byte buffer (a path that does not fit ends the process).
-// Called while a global is unset (null), they do nothing and answer 0.
+// Called while a global is unset (null), they do nothing and answer false.
 #include <pwd.h>
 #include <unistd.h>
 
@@ -9,7 +9,7 @@
 
 #include "file_ops.h"
 #include "guarded_format.h"
-#include "tz_profile_store.h"
+#include "profile_store.h"
 
 namespace {
 
@@ -33,41 +33,41 @@ void look_up_account() {
 
 }  // namespace
 
-extern "C" {
+namespace tz::store {
 
-int TZPListIsAdminProfile(void) {
+bool is_admin_profile() {
     PathBuffer current;
-    if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return 0;
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return false;
     look_up_account();
-    return tz::probe_writable(current.data()) ? 1 : 0;
+    return tz::probe_writable(current.data());
 }
 
-void TZPListSwapProfile(int32_t swap_type) {
+void swap_profile(int32_t swap_type) {
     PathBuffer current;
     PathBuffer previous;
     if (!copy_path(TZ_PLIST_PROFILE_PATH, current) ||
         !copy_path(TZ_PLIST_PROFILE_PREV_PATH, previous))
         return;
-    if (TZPListIsAdminProfile() != 1) return;
+    if (!is_admin_profile()) return;
     tz::swap_profiles(swap_type, current.data(), previous.data());
 }
 
-int TZPListExistProfile(void) {
-    if (TZPListIsAdminProfile() != 1) return 0;
+bool exist_profile() {
+    if (!is_admin_profile()) return false;
     PathBuffer current;
-    if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return 0;
-    return tz::opens_for_reading(current.data()) ? 1 : 0;
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return false;
+    return tz::opens_for_reading(current.data());
 }
 
-int TZPListRemove(int32_t selector) {
-    if (TZPListIsAdminProfile() != 1) return 0;
+bool remove_profile(int32_t selector) {
+    if (!is_admin_profile()) return false;
     look_up_account();
     const char* chosen = selector == 3   ? TZ_PLIST_PROFILE_PATH
                          : selector == 2 ? TZ_PLIST_PROFILE_PREV_PATH
                                          : nullptr;
     PathBuffer path;
-    if (!copy_path(chosen, path)) return 0;
-    return tz::remove_path(path.data()) ? 1 : 0;
+    if (!copy_path(chosen, path)) return false;
+    return tz::remove_path(path.data());
 }
 
-}  // extern "C"
+}  // namespace tz::store

@@ -64,17 +64,9 @@ const TZDictionary* find_dict(const TZDictionary& root, std::string_view name) {
 }
 
 bool find_field_dicts(const TZDictionary& category, FieldDicts& out) {
-    return (out.index_on_device = find_dict(category, "IndexOnDevice")) != nullptr &&
-           (out.in_menu = find_dict(category, "InMenu")) != nullptr &&
-           (out.profile_class = find_dict(category, "ProfileClass")) != nullptr &&
-           (out.file_name = find_dict(category, "FileName")) != nullptr &&
-           (out.profile_name = find_dict(category, "ProfileName")) != nullptr &&
-           (out.location = find_dict(category, "Location")) != nullptr;
-}
-
-void finish_category(const TZDictionary& category, ProfileTable& table) {
-    read_int(category, "iNum", table.iNum);
-    TZPlistCheckWithInMenu_Dict(&table);
+    for (std::size_t f = 0; f < kFieldCount; ++f)
+        if ((out[f] = find_dict(category, kFields[f].name)) == nullptr) return false;
+    return true;
 }
 
 void copy_text_field(std::string_view text, char* field) {
@@ -90,21 +82,3 @@ void copy_text_field(std::string_view text, char* field) {
 }
 
 }  // namespace tz::store
-
-extern "C" {
-
-TZDictionary* TZDictionaryRetain(TZDictionary* dict) {
-    return tz::plist::DictRef::retain(dict).release();
-}
-
-size_t TZDictionaryGetCount(const TZDictionary* dict) { return dict->entries.size(); }
-
-int TZDictionaryContainsKey(const TZDictionary* dict, const char* key) {
-    return dict->find(key) != nullptr ? 1 : 0;
-}
-
-TZDictionary* TZDictionaryGetDictionary(const TZDictionary* dict, const char* key) {
-    return const_cast<TZDictionary*>(tz::store::find_dict(*dict, key));
-}
-
-}  // extern "C"

@@ -1,14 +1,17 @@
-// What every profile-store operation shares: the copy of the current profile
-// path, the per-slot key, the reading of the current file, and the lookup of
-// a category's six field dictionaries.
+// What the profile-store operations share: the copy of the current profile
+// path, the per-slot keys, the reading of the current file, the lookup of a
+// category's six field dictionaries, the readers of one slot value, and the
+// write of three tables without the probe.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
 #include "plist_codec.h"
+#include "profile_fields.h"
 #include "tz_profile_store.h"
 
 namespace tz::store {
@@ -41,6 +44,23 @@ private:
     std::size_t length_;
 };
 
+// The slot keys of the six fields (in kFields order), stepped together.
+class FieldSlotKeys {
+public:
+    FieldSlotKeys() : keys_(make(std::make_index_sequence<kFieldCount>{})) {}
+    std::string_view key(std::size_t field) const { return keys_[field].key(); }
+    void next() {
+        for (SlotKeys& keys : keys_) keys.next();
+    }
+
+private:
+    template <std::size_t... I>
+    static std::array<SlotKeys, kFieldCount> make(std::index_sequence<I...>) {
+        return {SlotKeys(kFields[I].key)...};
+    }
+    std::array<SlotKeys, kFieldCount> keys_;
+};
+
 // Reads and parses the current profile file. Null when the path is unset or
 // the file cannot be read or parsed.
 plist::DictRef read_current_profile();
@@ -52,30 +72,18 @@ const char* category_name(std::int64_t category);
 // is not a dictionary.
 const TZDictionary* find_dict(const TZDictionary& root, std::string_view name);
 
-// The six field dictionaries of a category.
-struct FieldDicts {
-    const TZDictionary* index_on_device = nullptr;
-    const TZDictionary* in_menu = nullptr;
-    const TZDictionary* profile_class = nullptr;
-    const TZDictionary* file_name = nullptr;
-    const TZDictionary* profile_name = nullptr;
-    const TZDictionary* location = nullptr;
-};
+// The six field dictionaries of a category, in kFields order.
+using FieldDicts = std::array<const TZDictionary*, kFieldCount>;
 
-// Looks the six up in the order IndexOnDevice, InMenu, ProfileClass,
-// FileName, ProfileName, Location. False at the first one missing (or not a
-// dictionary).
+// Looks the six up in kFields order. False at the first one missing (or not
+// a dictionary), the ones before it written.
 bool find_field_dicts(const TZDictionary& category, FieldDicts& out);
-
-// Reads "iNum" into the table's count if present, then makes the count agree
-// with the slots in use.
-void finish_category(const TZDictionary& category, ProfileTable& table);
 
 // Builds the file from three tables and writes it to the current path, with
 // no writability probe of its own (the caller has run it). 0, or -1 when the
 // path is unset or the write fails.
-int32_t write_profile_tables(const ProfileTable* rgb, const ProfileTable* sim,
-                             const ProfileTable* dst);
+int32_t write_profile_tables(const ProfileTable& rgb, const ProfileTable& sim,
+                             const ProfileTable& dst);
 
 // The readers of one slot value by key, as ReadDictionaryIntEntry and
 // ReadDictionaryStringEntry.
@@ -93,18 +101,19 @@ inline void read_text(const TZDictionary& dict, std::string_view key, char* fiel
 // search. Any order still gives the right answer.
 class KeyCursor {
 public:
-    explicit KeyCursor(const TZDictionary& dict) : dict_(dict) {}
+    KeyCursor() = default;
+    explicit KeyCursor(const TZDictionary& dict) : dict_(&dict) {}
     const plist::Value* find(std::string_view key) {
-        const auto& entries = dict_.entries;
+        const auto& entries = dict_->entries;
         if (next_ < entries.size() && entries[next_].key == key) return &entries[next_++].value;
-        const std::size_t at = dict_.find_index(key);
+        const std::size_t at = dict_->find_index(key);
         if (at == TZDictionary::npos) return nullptr;
         next_ = at + 1;
         return &entries[at].value;
     }
 
 private:
-    const TZDictionary& dict_;
+    const TZDictionary* dict_ = nullptr;
     std::size_t next_ = 0;
 };
 

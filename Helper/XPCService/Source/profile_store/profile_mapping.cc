@@ -4,8 +4,9 @@
 #include <cstring>
 
 #include "profile_file.h"
+#include "profile_store.h"
 
-using tz::plist::DictRef;
+namespace tz::store {
 
 namespace {
 
@@ -23,84 +24,63 @@ bool holds_profile(const ProfileTable& table, const ProfileEntry& entry) {
 
 }  // namespace
 
-extern "C" {
-
-void TZPListMapping_Pap(const ProfileTable* new_table, const ProfileTable* current,
-                        ProfileTable* result, const ProfileTable* exclusion) {
+void map_pap(const ProfileTable& new_table, const ProfileTable& current, ProfileTable& result,
+             const ProfileTable& exclusion) {
     int32_t used = 0;
-    for (int32_t i = 0; i < current->iNum && i < TZ_PROFILE_SLOTS; ++i) {
+    for (int32_t i = 0; i < current.iNum && i < TZ_PROFILE_SLOTS; ++i) {
         if (used >= TZ_PROFILE_SLOTS) continue;
-        const ProfileEntry& entry = current->Entry[i];
+        const ProfileEntry& entry = current.Entry[i];
         if (entry.InMenu != 2 && entry.InMenu != 4) continue;
-        if (holds_profile(*new_table, entry) || holds_profile(*exclusion, entry)) continue;
-        result->Entry[used++] = entry;
+        if (holds_profile(new_table, entry) || holds_profile(exclusion, entry)) continue;
+        result.Entry[used++] = entry;
     }
-    for (int32_t j = 0; j < new_table->iNum && j < TZ_PROFILE_SLOTS; ++j)
-        if (used < TZ_PROFILE_SLOTS) result->Entry[used++] = new_table->Entry[j];
-    result->iNum = used;
+    for (int32_t j = 0; j < new_table.iNum && j < TZ_PROFILE_SLOTS; ++j)
+        if (used < TZ_PROFILE_SLOTS) result.Entry[used++] = new_table.Entry[j];
+    result.iNum = used;
 }
 
-int32_t TZPListMappingProfile_All_Pap(const ProfileTable* new_rgb, const ProfileTable* new_sim,
-                                      const ProfileTable* new_dst, ProfileTable* result_rgb,
-                                      ProfileTable* result_sim, ProfileTable* result_dst,
-                                      const ProfileTable* exclusion_rgb,
-                                      const ProfileTable* exclusion_sim,
-                                      const ProfileTable* exclusion_dst) {
+void map_all_pap(const ProfileTable& new_rgb, const ProfileTable& new_sim,
+                 const ProfileTable& new_dst, ProfileTable& result_rgb, ProfileTable& result_sim,
+                 ProfileTable& result_dst, const ProfileTable& exclusion_rgb,
+                 const ProfileTable& exclusion_sim, const ProfileTable& exclusion_dst) {
     ProfileTable rgb{};  // all zero: empty tables
     ProfileTable sim{};
     ProfileTable dst{};
     // A missing or incomplete file leaves the scratch tables empty, so each
     // result becomes a copy of its new table.
-    (void)TZPListReadProfile_All(&rgb, &sim, &dst);
-    TZPListMapping_Pap(new_rgb, &rgb, result_rgb, exclusion_rgb);
-    TZPListMapping_Pap(new_sim, &sim, result_sim, exclusion_sim);
-    TZPListMapping_Pap(new_dst, &dst, result_dst, exclusion_dst);
-    return 0;
+    (void)read_all(rgb, sim, dst);
+    map_pap(new_rgb, rgb, result_rgb, exclusion_rgb);
+    map_pap(new_sim, sim, result_sim, exclusion_sim);
+    map_pap(new_dst, dst, result_dst, exclusion_dst);
 }
 
-int32_t TZPListMappingGetMainDict_FromPlist(TZDictionary** rgb, TZDictionary** sim,
-                                            TZDictionary** dst) {
-    const DictRef root = tz::store::read_current_profile();
+int32_t main_dicts_from_plist(std::array<plist::DictRef, 3>& out) {
+    const plist::DictRef root = read_current_profile();
     if (!root) return -1;
-    TZDictionary** outputs[3] = {rgb, sim, dst};
     for (int c = 0; c < 3; ++c) {
-        const TZDictionary* category = tz::store::find_dict(*root, tz::store::category_name(c));
+        const TZDictionary* category = find_dict(*root, category_name(c));
         if (category == nullptr) return -1;
-        *outputs[c] = category->shallow_copy().release();
+        out[c] = category->shallow_copy();
     }
     return 0;
 }
 
-int32_t TZPListMappingGetSubDict(const TZDictionary* category_dict,
-                                 TZDictionary** index_on_device_dict, TZDictionary** in_menu_dict,
-                                 TZDictionary** profile_class_dict, TZDictionary** location_dict,
-                                 TZDictionary** file_name_dict, TZDictionary** profile_name_dict,
-                                 int32_t* count) {
-    // Looked up in this order, each written as soon as it is found.
-    const std::pair<const char*, TZDictionary**> fields[] = {
-        {"IndexOnDevice", index_on_device_dict}, {"InMenu", in_menu_dict},
-        {"ProfileClass", profile_class_dict},    {"FileName", file_name_dict},
-        {"ProfileName", profile_name_dict},      {"Location", location_dict}};
-    for (const auto& [name, output] : fields) {
-        const TZDictionary* found = tz::store::find_dict(*category_dict, name);
-        if (found == nullptr) return -1;
-        *output = const_cast<TZDictionary*>(found);  // borrowed
-    }
-    ReadDictionaryIntEntry(category_dict, "iNum", count);
+int32_t sub_dicts(const TZDictionary& category, FieldDicts& out, int32_t& count) {
+    if (!find_field_dicts(category, out)) return -1;
+    read_int(category, "iNum", count);
     return 0;
 }
 
-int32_t TZPListWriteProfile_All_Pap(const ProfileTable* new_rgb, const ProfileTable* new_sim,
-                                    const ProfileTable* new_dst, const ProfileTable* exclusion_rgb,
-                                    const ProfileTable* exclusion_sim,
-                                    const ProfileTable* exclusion_dst) {
+int32_t write_all_pap(const ProfileTable& new_rgb, const ProfileTable& new_sim,
+                      const ProfileTable& new_dst, const ProfileTable& exclusion_rgb,
+                      const ProfileTable& exclusion_sim, const ProfileTable& exclusion_dst) {
     ProfileTable rgb{};  // all zero: empty tables
     ProfileTable sim{};
     ProfileTable dst{};
-    if (TZPListIsAdminProfile() == 0) return -1;
-    TZPListMappingProfile_All_Pap(new_rgb, new_sim, new_dst, &rgb, &sim, &dst, exclusion_rgb,
-                                  exclusion_sim, exclusion_dst);
-    return tz::store::write_profile_tables(&rgb, &sim, &dst);
+    if (!is_admin_profile()) return -1;
+    map_all_pap(new_rgb, new_sim, new_dst, rgb, sim, dst, exclusion_rgb, exclusion_sim,
+                exclusion_dst);
+    return write_profile_tables(rgb, sim, dst);
 }
 
-}  // extern "C"
+}  // namespace tz::store

@@ -4,12 +4,12 @@
 // slots whatever iNum says, and none can fail.
 #include <cstring>
 
-#include "tz_profile_store.h"
+#include "profile_store.h"
 
-extern "C" {
+namespace tz::store {
 
-void TZPListCleanProfile_Dict(ProfileTable* table) {
-    for (ProfileEntry& slot : table->Entry) {
+void clean(ProfileTable& table) {
+    for (ProfileEntry& slot : table.Entry) {
         if (slot.IndexOnDevice != 0 || slot.FileName[0] == '\0') continue;
         if (slot.InMenu == 3 || slot.InMenu == 4) {
             slot.IndexOnDevice = TZ_PROFILE_SLOTS + 1;  // kept without a device row
@@ -19,12 +19,12 @@ void TZPListCleanProfile_Dict(ProfileTable* table) {
         std::memset(&slot, 0, sizeof slot);
         // Decreased even for a slot that was free already: the count may fall
         // below the slots in use, and below zero. The pass does not recount.
-        --table->iNum;
+        --table.iNum;
     }
 }
 
-void TZPListPaddingProfile_Dict(ProfileTable* table) {
-    ProfileEntry* const slots = table->Entry;
+void pad(ProfileTable& table) {
+    ProfileEntry* const slots = table.Entry;
     for (int i = 0; i < TZ_PROFILE_SLOTS; ++i) {
         if (slots[i].InMenu != 0) continue;
         int j = i + 1;
@@ -38,10 +38,10 @@ void TZPListPaddingProfile_Dict(ProfileTable* table) {
     }
 }
 
-void TZPListSalvage_Dict(ProfileTable* table) {
-    for (ProfileEntry& slot : table->Entry)
+void salvage(ProfileTable& table) {
+    for (ProfileEntry& slot : table.Entry)
         if (slot.IndexOnDevice != 0 && slot.FileName[0] != '\0' && slot.InMenu == 3)
             slot.InMenu = 6;
 }
 
-}  // extern "C"
+}  // namespace tz::store

@@ -3,10 +3,13 @@
 #include <cstring>
 
 #include "profile_file.h"
+#include "profile_store.h"
 
-using tz::plist::DictRef;
+namespace tz::store {
 
 namespace {
+
+using plist::DictRef;
 
 // The text of a 32-byte field up to its terminator (all 32 bytes if none).
 std::string_view field_text(const char* field) {
@@ -15,105 +18,60 @@ std::string_view field_text(const char* field) {
 
 }  // namespace
 
-int32_t tz::store::write_profile_tables(const ProfileTable* rgb, const ProfileTable* sim,
-                                        const ProfileTable* dst) {
-    tz::store::KeyBuffer path;
-    if (!tz::store::copy_current_path(path)) return -1;
-    DictRef root = DictRef::make(std::make_shared<tz::plist::TextStore>());
-    const ProfileTable* tables[3] = {rgb, sim, dst};
-    for (uint32_t c = 0; c < 3; ++c) {
-        TZDictionary* outputs[7] = {};
-        const DictRef wrapper(DictRef::adopt(
-            CreatePropsDictionary(c, tables[c], &outputs[0], &outputs[1], &outputs[2], &outputs[3],
-                                  &outputs[4], &outputs[5], &outputs[6])));
-        root->set_dict(tz::store::category_name(c), DictRef::retain(outputs[0]));
-        for (TZDictionary*& output : outputs) {
-            TZDictionaryRelease(output);
-            output = nullptr;
+CategoryDicts make_category_dicts(uint32_t category, const ProfileTable& table) {
+    auto store = std::make_shared<plist::TextStore>();
+    CategoryDicts out{DictRef::make(store), DictRef::make(store), {}};
+    for (DictRef& dict : out.fields) {
+        dict = DictRef::make(store);
+        dict->entries.reserve(TZ_PROFILE_SLOTS);
+    }
+
+    FieldSlotKeys keys;
+    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n, keys.next()) {
+        const ProfileEntry& slot = table.Entry[n];
+        for (std::size_t f = 0; f < kFieldCount; ++f) {
+            const Field& field = kFields[f];
+            if (field.kind == FieldKind::Integer) {
+                out.fields[f]->set_integer(keys.key(f), int_field(slot, field));
+                continue;
+            }
+            // A text that is not UTF-8 makes no string: its slot key is left out.
+            const std::string_view text = field_text(text_field(slot, field));
+            if (is_valid_utf8(text)) out.fields[f]->set_string(keys.key(f), text);
         }
     }
+    out.category->set_integer("iNum", table.iNum);
+    for (std::size_t f = 0; f < kFieldCount; ++f)
+        out.category->set_dict(kFields[f].name, out.fields[f]);
+    if (const char* name = category_name(category)) out.result->set_dict(name, out.category);
+    return out;
+}
+
+int32_t write_profile_tables(const ProfileTable& rgb, const ProfileTable& sim,
+                             const ProfileTable& dst) {
+    KeyBuffer path;
+    if (!copy_current_path(path)) return -1;
+    DictRef root = DictRef::make(std::make_shared<plist::TextStore>());
+    const ProfileTable* tables[3] = {&rgb, &sim, &dst};
+    for (uint32_t c = 0; c < 3; ++c)
+        root->set_dict(category_name(c), make_category_dicts(c, *tables[c]).category);
     root->set_integer(cPlistVersionKey, 1);
-    return tz::plist::write_file(path.data(), *root) ? 0 : -1;
+    return plist::write_file(path.data(), *root) ? 0 : -1;
 }
 
-extern "C" {
-
-void TZDictionaryRelease(TZDictionary* dict) { (void)DictRef::adopt(dict); }
-
-TZDictionary* CreatePropsDictionary(uint32_t category, const ProfileTable* table,
-                                    TZDictionary** category_dict,
-                                    TZDictionary** index_on_device_dict,
-                                    TZDictionary** in_menu_dict, TZDictionary** profile_class_dict,
-                                    TZDictionary** location_dict, TZDictionary** file_name_dict,
-                                    TZDictionary** profile_name_dict) {
-    auto store = std::make_shared<tz::plist::TextStore>();
-    DictRef result = DictRef::make(store);
-    DictRef props = DictRef::make(store);
-    DictRef index_on_device = DictRef::make(store);
-    DictRef in_menu = DictRef::make(store);
-    DictRef profile_class = DictRef::make(store);
-    DictRef location = DictRef::make(store);
-    DictRef file_name = DictRef::make(store);
-    DictRef profile_name = DictRef::make(store);
-    for (auto& dict :
-         {&index_on_device, &in_menu, &profile_class, &location, &file_name, &profile_name})
-        (*dict)->entries.reserve(TZ_PROFILE_SLOTS);
-
-    tz::store::SlotKeys index_key(cIndexOnDeviceKey);
-    tz::store::SlotKeys in_menu_key(cInMenuKey);
-    tz::store::SlotKeys class_key(cProfileClassKey);
-    tz::store::SlotKeys location_key(cLocationKey);
-    tz::store::SlotKeys file_key(cFileNameKey);
-    tz::store::SlotKeys name_key(cProfileNameKey);
-    for (int n = 0; n < TZ_PROFILE_SLOTS; ++n) {
-        const ProfileEntry& slot = table->Entry[n];
-        index_on_device->set_integer(index_key.key(), slot.IndexOnDevice);
-        in_menu->set_integer(in_menu_key.key(), slot.InMenu);
-        profile_class->set_integer(class_key.key(), slot.ProfileClass);
-        location->set_integer(location_key.key(), slot.Location);
-        // A text that is not UTF-8 makes no string: its slot key is left out.
-        const std::string_view file = field_text(slot.FileName);
-        if (tz::is_valid_utf8(file)) file_name->set_string(file_key.key(), file);
-        const std::string_view name = field_text(slot.ProfileName);
-        if (tz::is_valid_utf8(name)) profile_name->set_string(name_key.key(), name);
-        for (tz::store::SlotKeys* keys :
-             {&index_key, &in_menu_key, &class_key, &location_key, &file_key, &name_key})
-            keys->next();
-    }
-    props->set_integer("iNum", table->iNum);
-    props->set_dict("IndexOnDevice", index_on_device);
-    props->set_dict("InMenu", in_menu);
-    props->set_dict("ProfileClass", profile_class);
-    props->set_dict("Location", location);
-    props->set_dict("FileName", file_name);
-    props->set_dict("ProfileName", profile_name);
-    if (const char* name = tz::store::category_name(category)) result->set_dict(name, props);
-
-    *category_dict = props.release();
-    *index_on_device_dict = index_on_device.release();
-    *in_menu_dict = in_menu.release();
-    *profile_class_dict = profile_class.release();
-    *location_dict = location.release();
-    *file_name_dict = file_name.release();
-    *profile_name_dict = profile_name.release();
-    return result.release();
+int32_t write_all(const ProfileTable& rgb, const ProfileTable& sim, const ProfileTable& dst) {
+    if (!is_admin_profile()) return -1;
+    return write_profile_tables(rgb, sim, dst);
 }
 
-int32_t TZPListWriteProfile_All(const ProfileTable* rgb, const ProfileTable* sim,
-                                const ProfileTable* dst) {
-    if (TZPListIsAdminProfile() == 0) return -1;
-    return tz::store::write_profile_tables(rgb, sim, dst);
-}
-
-int32_t TZPListWriteProfile_Dict(const ProfileTable* table, uint32_t category,
-                                 ProfileTable* rgb_out, ProfileTable* sim_out,
-                                 ProfileTable* dst_out) {
+int32_t write_category(const ProfileTable& table, uint32_t category, ProfileTable* rgb_out,
+                       ProfileTable* sim_out, ProfileTable* dst_out) {
     ProfileTable rgb{};  // all zero: empty tables
     ProfileTable sim{};
     ProfileTable dst{};
     // A file that cannot be read leaves the other categories empty: they are
     // then written back empty.
-    (void)TZPListReadProfile_All(&rgb, &sim, &dst);
+    (void)read_all(rgb, sim, dst);
     if (rgb_out != nullptr) *rgb_out = rgb;
     if (sim_out != nullptr) *sim_out = sim;
     if (dst_out != nullptr) *dst_out = dst;
@@ -122,22 +80,22 @@ int32_t TZPListWriteProfile_Dict(const ProfileTable* table, uint32_t category,
     ProfileTable* replaced_out = nullptr;
     switch (category) {
         case TZ_CATEGORY_DST:
-            result = TZPListWriteProfile_All(&rgb, &sim, table);
+            result = write_all(rgb, sim, table);
             replaced_out = dst_out;
             break;
         case TZ_CATEGORY_SIM:
-            result = TZPListWriteProfile_All(&rgb, table, &dst);
+            result = write_all(rgb, table, dst);
             replaced_out = sim_out;
             break;
         case TZ_CATEGORY_RGB:
-            result = TZPListWriteProfile_All(table, &sim, &dst);
+            result = write_all(table, sim, dst);
             replaced_out = rgb_out;
             break;
         default:
             return -1;
     }
-    if (replaced_out != nullptr) *replaced_out = *table;
+    if (replaced_out != nullptr) *replaced_out = table;
     return result;
 }
 
-}  // extern "C"
+}  // namespace tz::store
