@@ -14,7 +14,7 @@
 #include "bus_names.h"
 #include "methods.h"
 #include "bus_watch.h"
-#include "gated_relay.h"
+#include "udp_relay.h"
 #include "helper_client.h"
 #include "private_bus.h"
 #include "snmp_agent.h"
@@ -22,7 +22,7 @@
 namespace {
 
 using tz::test::connect;
-using tz::test::GatedRelays;
+using tz::test::UdpRelay;
 using tz::test::PrivateBus;
 using tz::test::reply_of;
 
@@ -49,7 +49,7 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     PrivateBus bus(30);
     tz::test::SnmpAgent first_printer(tz::test::printer_table(9));
     tz::test::SnmpAgent second_printer(other_printer(14));
-    GatedRelays relays({first_printer.port(), second_printer.port()});
+    UdpRelay relays({first_printer.port(), second_printer.port()});
     auto alice = connect(bus);
     auto bob = connect(bus);
     auto other = connect(bus);
@@ -99,7 +99,7 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
 TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
     PrivateBus bus(30);
     tz::test::SnmpAgent printer(tz::test::printer_table(3));
-    GatedRelays relays({printer.port()});
+    UdpRelay relays({printer.port()});
     auto first = connect(bus);
     auto other = connect(bus);
     ASSERT_TRUE(first && other);

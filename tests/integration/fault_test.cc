@@ -22,7 +22,7 @@
 
 #include "as_unprivileged.h"
 #include "bus_names.h"
-#include "counting_relay.h"
+#include "udp_relay.h"
 #include "helper_client.h"
 #include "bus_client.h"
 #include "private_bus.h"
@@ -37,7 +37,7 @@ namespace {
 namespace fs = std::filesystem;
 using tz::client::HelperClient;
 using tz::client::Outcome;
-using tz::test::CountingRelay;
+using tz::test::UdpRelay;
 using tz::test::PrivateBus;
 using tz::test::connect;
 using tz::test::reply_of;
@@ -146,7 +146,7 @@ TEST(WalkFaults, AnAgentKilledHalfwayFailsTheWalkAndTheFileKeepsWhatArrived) {
     const std::string plist = bus.prefs() + "alice-T48Q-profile.plist";
     write_profile(plist, kBefore);
     SnmpAgent agent(printer_table(500));
-    CountingRelay relay(agent.port());
+    UdpRelay relay({agent.port()});
     // Columns 1 to 4 of all 500 rows, then the class column of rows 1 to 400,
     // less the answers to requests the walk sent ahead and never used (at
     // most a window beyond the walk and one past the end of each column):
@@ -173,7 +173,7 @@ TEST(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
     write_profile(plist, kBefore);
     const std::string before = tz::test::read_file(plist);
     SnmpAgent agent(printer_table(500));
-    CountingRelay relay(agent.port());
+    UdpRelay relay({agent.port()});
     auto client = connect(bus);
     ASSERT_TRUE(client);
     ASSERT_EQ(reply_of(client->exist(plist)), "TRUE");

@@ -1,17 +1,20 @@
-// UDP relays between walks and real SNMP agents, one lane per agent, that
-// hold the walks' requests while closed. A walk through a closed lane has
-// started (its first request has arrived) and cannot end until the lanes
-// open, so "while this walk runs" is a state the test holds, not a moment.
+// UDP relays on 127.0.0.1 between walks and real SNMP agents, one lane per
+// agent, that let a test pick the moment something happens in a walk instead
+// of guessing a time:
 //
-//   GatedRelays relays({first.port(), second.port()});
-//   relays.close();
-//   ... start walks to relays.peer(0) and relays.peer(1) ...
-//   const int lane = relays.wait_for_request();   // a walk is under way
-//   ... check what must hold meanwhile ...
-//   relays.open();                                 // the walks go on
+//   UdpRelay relay({first.port(), second.port()});
+//   relay.close();                                  // hold every request
+//   ... start walks to relay.peer(0) and relay.peer(1) ...
+//   const int lane = relay.wait_for_request();      // a walk is under way
+//   relay.open();                                   // send what was held, pass on
 //
-// Answers always pass. The relay's thread runs from the constructor to the
-// destructor.
+//   UdpRelay relay({agent.port()});
+//   relay.cut_after(2400, [&] { agent.stop(); });   // "halfway through a walk"
+//
+// Each address a walk sends from (a walk may use more than one socket) gets a
+// socket of its own towards the agent, so every answer goes back to the
+// socket that asked. The relay's thread runs from the constructor to the
+// destructor; an action of cut_after() runs on it.
 #pragma once
 
 #include <arpa/inet.h>
@@ -24,6 +27,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -33,9 +38,9 @@
 
 namespace tz::test {
 
-class GatedRelays {
+class UdpRelay {
 public:
-    explicit GatedRelays(const std::vector<uint16_t>& agent_ports) : lanes_(agent_ports.size()) {
+    explicit UdpRelay(const std::vector<uint16_t>& agent_ports) : lanes_(agent_ports.size()) {
         for (std::size_t i = 0; i < lanes_.size(); ++i) {
             Lane& lane = lanes_[i];
             lane.front = bound_socket();
@@ -49,7 +54,7 @@ public:
         stop_ = ::eventfd(0, EFD_CLOEXEC);
         thread_ = std::thread([this] { run(); });
     }
-    ~GatedRelays() {
+    ~UdpRelay() {
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t put = ::write(stop_, &one, sizeof one);
         thread_.join();
@@ -59,11 +64,13 @@ public:
         }
         ::close(stop_);
     }
-    GatedRelays(const GatedRelays&) = delete;
-    GatedRelays& operator=(const GatedRelays&) = delete;
+    UdpRelay(const UdpRelay&) = delete;
+    UdpRelay& operator=(const UdpRelay&) = delete;
 
     // "127.0.0.1:PORT", where a walk to lane `lane`'s agent sends.
-    std::string peer(std::size_t lane) const { return "127.0.0.1:" + std::to_string(lanes_[lane].port); }
+    std::string peer(std::size_t lane = 0) const {
+        return "127.0.0.1:" + std::to_string(lanes_[lane].port);
+    }
 
     // Holds every request from now on and starts counting them afresh.
     void close() {
@@ -99,10 +106,26 @@ public:
         return found;
     }
 
+    // After `answers` answers in all (counted from the relay's start), runs
+    // `action` and passes nothing more in either direction.
+    void cut_after(std::size_t answers, std::function<void()> action) {
+        std::lock_guard lock(mutex_);
+        limit_ = answers;
+        action_ = std::move(action);
+    }
+    // Passes everything again, with no limit.
+    void reopen() {
+        std::lock_guard lock(mutex_);
+        limit_ = std::numeric_limits<std::size_t>::max();
+        cut_ = false;
+    }
+    std::size_t answers() const {
+        std::lock_guard lock(mutex_);
+        return answers_;
+    }
+
 private:
-    // One socket of a walk (a walk may send from several) and the socket
-    // that speaks for it to the agent, so each answer goes back to the
-    // socket its request came from.
+    // One socket of a walk and the socket that speaks for it to the agent.
     struct Walker {
         sockaddr_in address{};
         int back = -1;
@@ -115,17 +138,6 @@ private:
         std::vector<std::pair<std::size_t, std::string>> held;  // walker, request
         std::size_t requests = 0;
     };
-
-    // The walker of `from` on `lane`, added with a socket of its own when new.
-    static std::size_t walker_of(Lane& lane, const sockaddr_in& from) {
-        for (std::size_t w = 0; w < lane.walkers.size(); ++w)
-            if (lane.walkers[w].address.sin_port == from.sin_port) return w;
-        Walker walker{from, bound_socket()};
-        if (::connect(walker.back, reinterpret_cast<const sockaddr*>(&lane.agent), sizeof lane.agent) != 0)
-            throw std::runtime_error("cannot reach the agent");
-        lane.walkers.push_back(walker);
-        return lane.walkers.size() - 1;
-    }
 
     static sockaddr_in loopback(uint16_t port) {
         sockaddr_in addr{};
@@ -140,6 +152,43 @@ private:
         if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
             throw std::runtime_error("cannot bind a UDP socket");
         return fd;
+    }
+    // The walker of `from` on `lane`, added with a socket of its own when new.
+    static std::size_t walker_of(Lane& lane, const sockaddr_in& from) {
+        for (std::size_t w = 0; w < lane.walkers.size(); ++w)
+            if (lane.walkers[w].address.sin_port == from.sin_port) return w;
+        const Walker walker{from, bound_socket()};
+        if (::connect(walker.back, reinterpret_cast<const sockaddr*>(&lane.agent), sizeof lane.agent) != 0)
+            throw std::runtime_error("cannot reach the agent");
+        lane.walkers.push_back(walker);
+        return lane.walkers.size() - 1;
+    }
+
+    void on_request(Lane& lane, const char* packet, std::size_t size, const sockaddr_in& from) {
+        std::lock_guard lock(mutex_);
+        if (cut_) return;
+        const std::size_t walker = walker_of(lane, from);
+        ++lane.requests;
+        if (closed_)
+            lane.held.emplace_back(walker, std::string(packet, size));
+        else
+            ::send(lane.walkers[walker].back, packet, size, 0);
+        arrived_.notify_all();
+    }
+
+    void on_answer(const Lane& lane, const Walker& walker, const char* packet, std::size_t size) {
+        std::function<void()> action;
+        {
+            std::lock_guard lock(mutex_);
+            if (cut_) return;
+            ::sendto(lane.front, packet, size, 0, reinterpret_cast<const sockaddr*>(&walker.address),
+                     sizeof walker.address);
+            if (++answers_ == limit_) {
+                cut_ = true;
+                action = std::move(action_);
+            }
+        }
+        if (action) action();
     }
 
     void run() {
@@ -169,25 +218,18 @@ private:
                     socklen_t from_len = sizeof from;
                     const ssize_t got = ::recvfrom(lane.front, packet, sizeof packet, 0,
                                                    reinterpret_cast<sockaddr*>(&from), &from_len);
-                    if (got > 0) {
-                        std::lock_guard lock(mutex_);
-                        const std::size_t walker = walker_of(lane, from);
-                        ++lane.requests;
-                        if (closed_)
-                            lane.held.emplace_back(walker, std::string(packet, static_cast<std::size_t>(got)));
-                        else
-                            ::send(lane.walkers[walker].back, packet, static_cast<std::size_t>(got), 0);
-                        arrived_.notify_all();
-                    }
+                    if (got > 0) on_request(lane, packet, static_cast<std::size_t>(got), from);
                 }
                 for (; back < backs.size() && backs[back].first == i; ++back, ++at) {
                     if (!(fds[at].revents & POLLIN)) continue;
-                    std::lock_guard lock(mutex_);
-                    const Walker& walker = lane.walkers[backs[back].second];
+                    // Walkers are only ever added, so the copy stays valid.
+                    Walker walker;
+                    {
+                        std::lock_guard lock(mutex_);
+                        walker = lane.walkers[backs[back].second];
+                    }
                     const ssize_t got = ::recv(walker.back, packet, sizeof packet, 0);
-                    if (got > 0)
-                        ::sendto(lane.front, packet, static_cast<std::size_t>(got), 0,
-                                 reinterpret_cast<const sockaddr*>(&walker.address), sizeof walker.address);
+                    if (got > 0) on_answer(lane, walker, packet, static_cast<std::size_t>(got));
                 }
             }
         }
@@ -198,6 +240,10 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable arrived_;
     bool closed_ = false;
+    bool cut_ = false;
+    std::size_t limit_ = std::numeric_limits<std::size_t>::max();
+    std::function<void()> action_;
+    std::size_t answers_ = 0;
     std::thread thread_;  // last: starts after everything it uses exists
 };
 
