@@ -13,16 +13,31 @@
 #include "request.h"
 
 namespace tz::client {
+namespace {
+
+// The exception being handled, as the error a caller receives: a bus error
+// keeps its name; anything else is org.freedesktop.DBus.Error.Failed.
+BusError current_error() {
+    try {
+        throw;
+    } catch (const sdbus::Error& e) {
+        return BusError{e.getName(), e.getMessage()};
+    } catch (const std::exception& e) {
+        return BusError{std::string(bus::kFailed), e.what()};
+    } catch (...) {
+        return BusError{std::string(bus::kFailed), "unknown failure"};
+    }
+}
+
+}  // namespace
 
 std::unique_ptr<HelperClient> HelperClient::connect(const std::string& address, BusError* error) {
     try {
         auto connection = address.empty() ? sdbus::createSessionBusConnection()
                                           : sdbus::createSessionBusConnectionWithAddress(address);
         return std::unique_ptr<HelperClient>(new HelperClient(std::move(connection)));
-    } catch (const sdbus::Error& e) {
-        if (error != nullptr) *error = BusError{e.getName(), e.getMessage()};
-    } catch (const std::exception& e) {
-        if (error != nullptr) *error = BusError{std::string(bus::kFailed), e.what()};
+    } catch (...) {
+        if (error != nullptr) *error = current_error();
     }
     return nullptr;
 }
@@ -106,10 +121,8 @@ Outcome HelperClient::mib_walk(const std::string& request,
         // Progress already read behind the reply is still reported.
         while (connection_->processPendingRequest()) {
         }
-    } catch (const sdbus::Error& e) {
-        if (!done) outcome.error = BusError{e.getName(), e.getMessage()};
-    } catch (const std::exception& e) {
-        if (!done) outcome.error = BusError{std::string(bus::kFailed), e.what()};
+    } catch (...) {
+        if (!done) outcome.error = current_error();
     }
     return outcome;
 }
@@ -129,10 +142,8 @@ Outcome HelperClient::property(std::string_view name) {
             outcome.error = BusError{"org.freedesktop.DBus.Error.InvalidSignature",
                                      "the property " + std::string(name) + " is of type " +
                                          value.peekValueType() + ", not s"};
-    } catch (const sdbus::Error& e) {
-        outcome.error = BusError{e.getName(), e.getMessage()};
-    } catch (const std::exception& e) {
-        outcome.error = BusError{std::string(bus::kFailed), e.what()};
+    } catch (...) {
+        outcome.error = current_error();
     }
     return outcome;
 }
@@ -152,10 +163,8 @@ Outcome HelperClient::call_with(std::string_view method, const std::string& requ
             .withTimeout(timeout)
             .withArguments(request)
             .storeResultsTo(outcome.reply);
-    } catch (const sdbus::Error& e) {
-        outcome.error = BusError{e.getName(), e.getMessage()};
-    } catch (const std::exception& e) {
-        outcome.error = BusError{std::string(bus::kFailed), e.what()};
+    } catch (...) {
+        outcome.error = current_error();
     }
     return outcome;
 }

@@ -72,7 +72,7 @@
 namespace tz::dbus {
 
 // The service's version, as the build names it.
-inline constexpr std::string_view kVersion = TZHELPER_VERSION;
+inline constexpr std::string_view kVersion = TZ_VERSION;
 
 // The profile files' folder on Linux: system-wide, group lpadmin, mode 2775,
 // so every printer administrator's walks can write it.
