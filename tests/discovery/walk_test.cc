@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -250,7 +251,14 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
         ScriptedAgent agent("{" + table_json(1) + "}");
         std::vector<std::string> args = v1(agent.peer());
         args.insert(args.begin(), "-Cxi");
+        // The debug hook hears each diagnostic, a repeated one too.
+        static std::vector<std::string> heard;
+        heard.clear();
+        TZSetWalkDebugHook([](const char* text, int32_t) { heard.push_back(text ? text : ""); });
+        EXPECT_EQ(walk({"-Cx", "-V"}), -2);
         EXPECT_EQ(walk(args), 0);
+        TZSetWalkDebugHook(nullptr);
+        EXPECT_EQ(std::count(heard.begin(), heard.end(), "Unknown flag passed to -C: x\n"), 2) << heard.size();
         EXPECT_STREQ(sDEBUGmsg, "Unknown flag passed to -C: x\n");
         const auto requests = agent.requests();
         ASSERT_EQ(requests.size(), 8u);  // the GET, six variables, the end

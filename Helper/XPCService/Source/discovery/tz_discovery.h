@@ -106,8 +106,8 @@ void MyDebugMessage(const char *text, int32_t number);
 /* ---- Observers of the walk (set by a front; null: none) ----------------- */
 
 /* Receives what MyDebugMessage receives (the argument parser's complaints,
- * the statistics of -C p) and, at the end of every walk that wrote
- * sDEBUGmsg, that text with number 0. Called on the walking thread. */
+ * the statistics of -C p) and every diagnostic the walk formats into
+ * sDEBUGmsg, with number 0, as it is written. Called on the walking thread. */
 typedef void (*TZWalkDebugHook)(const char *text, int32_t number);
 void TZSetWalkDebugHook(TZWalkDebugHook hook);
 

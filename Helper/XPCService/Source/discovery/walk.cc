@@ -23,6 +23,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "tz_discovery.h"
 #include "walk_pipeline.h"
@@ -162,6 +163,15 @@ int exchange(netsnmp_session* session, Pdu pdu, Pdu& response) {
     return status;
 }
 
+// Set by optProc when it noted an unknown -C letter during the parse.
+bool flag_noted = false;
+
+// Hands the diagnostic just formatted into sDEBUGmsg to the debug hook.
+void note_diagnostic() {
+    const std::string text(sDEBUGmsg, strnlen(sDEBUGmsg, sizeof sDEBUGmsg));
+    MyDebugMessage(text.c_str(), 0);
+}
+
 // "OID not increasing" names the two OIDs by the raw bytes of their
 // sub-identifier arrays: as many bytes as the OID has sub-identifiers, printed
 // up to the first zero byte (on a little-endian machine an OID starting with
@@ -176,6 +186,7 @@ void note_not_increasing(const oid* previous, std::size_t previous_length, const
     const int written = std::snprintf(sDEBUGmsg, sizeof sDEBUGmsg,
                                       "[SNMP] Error: OID not increasing: %s >= %s", first, second);
     (void)written;  // cut at 128 bytes
+    note_diagnostic();
 }
 
 // getopt keeps a pointer into the previous walk's arguments (the rest of the
@@ -282,6 +293,7 @@ Outcome walk(int32_t argc, char** argv) {
         const StderrToDebug quiet;
         arg = snmp_parse_args(argc, argv, &session, "C:", optProc);
     }
+    if (std::exchange(flag_noted, false)) note_diagnostic();
     // The parser of net-snmp 5.9 reports a pass phrase that makes no key as
     // NETSNMP_PARSE_ARGS_ERROR (-3); the walk's results are 0, 1, 2, -1 and
     // -2, and that case has always been -2.
@@ -344,6 +356,7 @@ extern "C" void optProc(int /*argc*/, char* const* /*argv*/, int opt) {
                 const int written = std::snprintf(sDEBUGmsg, sizeof sDEBUGmsg,
                                                   "Unknown flag passed to -C: %c\n", letter);
                 (void)written;
+                flag_noted = true;  // handed on after the parse: stderr is captured now
                 break;
             }
         }
@@ -366,15 +379,7 @@ extern "C" void snmp_get_and_print(struct snmp_session* session, const unsigned 
 extern "C" int32_t mib_walk(int32_t argc, char** argv) {
     start_library_once();
     vSpoolPlist(nullptr, 0, nullptr, 1);  // clears the spool
-    // sDEBUGmsg keeps the last diagnostic of any walk: the hook hears it only
-    // when this walk wrote one.
-    char before[sizeof sDEBUGmsg];
-    std::memcpy(before, sDEBUGmsg, sizeof before);
     const Outcome outcome = walk(argc, argv);
     (void)vRestructPlistSpool2Current(outcome.rebuild_status);
-    if (std::memcmp(before, sDEBUGmsg, sizeof before) != 0) {
-        const std::string text(sDEBUGmsg, strnlen(sDEBUGmsg, sizeof sDEBUGmsg));
-        MyDebugMessage(text.c_str(), 0);
-    }
     return outcome.result;
 }
