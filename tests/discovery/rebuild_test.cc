@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "discovery_support.h"
 
 namespace tz::test {
@@ -13,49 +11,10 @@ TEST(DeviceMarks, ComeOffAfterACompleteWalkAndDropAfterAFailedOne) {
         for (int i = 0; i < 8; ++i) table.Entry[i].InMenu = i;
         table.iNum = 3;
         vDeleteMIBprofilesTemporary(status, &table);
-        const int after_complete[] = {0, 1, 1, 3, 3, 5, 6, 7};
-        const int after_failed[] = {0, 0, 0, 3, 6, 5, 6, 7};
-        for (int i = 0; i < 8; ++i)
-            EXPECT_EQ(table.Entry[i].InMenu, status == 0 ? after_complete[i] : after_failed[i])
-                << "status " << status << " InMenu " << i;
+        const int after[2][8] = {{0, 1, 1, 3, 3, 5, 6, 7}, {0, 0, 0, 3, 6, 5, 6, 7}};
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(table.Entry[i].InMenu, after[status != 0][i]) << status << " " << i;
         EXPECT_EQ(table.iNum, 3);
     }
-}
-
-class Merge : public ::testing::Test {
-protected:
-    void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
-    ProfileTable table{};
-};
-
-TEST_F(Merge, MarksAKnownEntryAndKeepsItsOwnFields) {
-    spool_row(1, 9, 4, "ABC.ICM", 1, "Device name");
-    for (const auto& [before, after] : {std::pair{1, 2}, {5, 2}, {3, 4}, {6, 4}, {2, 2}, {4, 4}}) {
-        table.Entry[0] = entry(3, before, "ABC.ICM", 4, 2, "Plist name");
-        table.iNum = 1;
-        vRestructDetail(0, &table);
-        EXPECT_TRUE(same_bytes(table.Entry[0], entry(3, after, "ABC.ICM", 4, 2, "Plist name"))) << before;
-        EXPECT_EQ(table.iNum, 1);
-    }
-}
-
-TEST_F(Merge, AddsTheRowWholeToTheFirstFreeSlotUnlessTheTableIsFull) {
-    spool_row(1, 9, 5, "ABC.ICM", 1, "Device name");
-    table.Entry[0] = entry(1, 1, "ABC.ICM", 4);  // another location: not the same profile
-    table.Entry[2] = entry(2, 1, "ABC.ICM", 5);  // beyond iNum: not looked at
-    table.iNum = 1;
-    vRestructDetail(0, &table);
-    EXPECT_EQ(table.iNum, 2);
-    ProfileEntry added = entry(9, 2, "ABC.ICM", 5, 1, "Device name");
-    added.DriverAvail = 1;
-    EXPECT_TRUE(same_bytes(table.Entry[1], added));
-
-    for (auto& e : table.Entry) e = entry(1, 1, "OLD.ICM");
-    table.iNum = TZ_PROFILE_SLOTS;
-    vRestructDetail(0, &table);
-    EXPECT_EQ(table.iNum, TZ_PROFILE_SLOTS);
-    EXPECT_STREQ(table.Entry[499].FileName, "OLD.ICM");
-    vRestructDetail(500, &table);  // a row outside the spool is ignored
 }
 
 class Rebuild : public ::testing::Test {
@@ -63,59 +22,78 @@ protected:
     void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
     ProfilePaths paths;
     Tables before, after;
+    ProfileTable table{};
 };
 
-TEST_F(Rebuild, CompleteWalkRemarksReportedProfilesAndDropsRefusedNames) {
+TEST_F(Rebuild, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
+    spool_row(1, 9, 5, "ABC.ICM", 1, "Device name");
+    for (const auto& [in_menu, marked] : {std::pair{1, 2}, {5, 2}, {3, 4}, {6, 4}, {2, 2}, {4, 4}}) {
+        table.Entry[0] = entry(3, in_menu, "ABC.ICM", 5, 2, "Plist name");
+        table.iNum = 1;
+        vRestructDetail(0, &table);  // keeps the entry's own fields
+        EXPECT_TRUE(same_bytes(table.Entry[0], entry(3, marked, "ABC.ICM", 5, 2, "Plist name"))) << in_menu;
+        EXPECT_EQ(table.iNum, 1);
+    }
+    table.Entry[0] = entry(1, 1, "ABC.ICM", 4);  // another location: another profile
+    table.Entry[1] = entry(2, 1, "ABC.ICM", 5);  // past iNum: not looked at
+    for (const int row : {-1, 500, 0}) vRestructDetail(row, &table);  // rows outside 0..499 ignored
+    EXPECT_EQ(table.iNum, 2);
+    EXPECT_EQ(table.Entry[1].InMenu, 1);
+    ProfileEntry added = entry(9, 2, "ABC.ICM", 5, 1, "Device name");
+    added.DriverAvail = 1;
+    EXPECT_TRUE(same_bytes(table.Entry[2], added));
+
+    for (auto& e : table.Entry) e = entry(1, 1, "OLD.ICM");
+    table.iNum = TZ_PROFILE_SLOTS;
+    vRestructDetail(0, &table);  // a full table drops the row
+    EXPECT_EQ(table.iNum, TZ_PROFILE_SLOTS);
+    EXPECT_STREQ(table.Entry[499].FileName, "OLD.ICM");
+}
+
+TEST_F(Rebuild, CompleteWalkRemarksReportedProfilesAndDropsRefusedNamesBeforeTheMerge) {
+    Tables::add(before.rgb, entry(6, 1, "A+B.ICC"));  // refused: RGB closes up before new rows come in
     Tables::add(before.rgb, entry(3, 2, "ABC.ICM", 4, 1, "Plist name"));
-    Tables::add(before.rgb, entry(4, 2, "GONE.ICM"));
     Tables::add(before.rgb, entry(5, 4, "KEPT.ICM", 5, 2));
-    Tables::add(before.rgb, entry(6, 1, "A+B.ICC"));
     Tables::add(before.sim, entry(1, 1, "TOOLONGEXT.ICCX", 4, 3));
     ASSERT_EQ(before.write(), 0);
     spool_row(1, 3, 4, "ABC.ICM", 1, "Device name");
     spool_row(2, 5, 5, "KEPT.ICM", 2);
-
+    spool_row(3, 7, 4, "NEW.ICM", 1);
     EXPECT_EQ(vRestructPlistSpool2Current(0), 0);
     ASSERT_EQ(after.read(), 0);
     ASSERT_EQ(after.rgb.iNum, 3);
-    EXPECT_TRUE(same_bytes(after.rgb.Entry[0], before.rgb.Entry[0]));
-    EXPECT_EQ(after.rgb.Entry[1].InMenu, 1);
-    EXPECT_EQ(after.rgb.Entry[2].InMenu, 4);
+    EXPECT_TRUE(same_bytes(after.rgb.Entry[0], before.rgb.Entry[1]));
+    EXPECT_EQ(after.rgb.Entry[1].InMenu, 4);
+    EXPECT_STREQ(after.rgb.Entry[2].FileName, "NEW.ICM");
     EXPECT_EQ(after.sim.iNum, 0);
 }
 
 TEST_F(Rebuild, FailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
-    for (const auto& [mark, file] :
-         {std::pair{1, "ONE.ICC"}, {2, "TWO.ICC"}, {4, "FOUR.ICC"}, {5, "FIVE.ICC"}})
+    for (const auto& [mark, file] : {std::pair{1, "ONE.ICC"}, {2, "TWO.ICC"}, {4, "FOUR.ICC"}, {5, "FIVE.ICC"}})
         Tables::add(before.sim, entry(mark, mark, file, 4, 3));
     ASSERT_EQ(before.write(), 0);
-
     vRestructPlistSpool2Current(1);
     ASSERT_EQ(after.read(), 0);
     ASSERT_EQ(after.sim.iNum, 2);
-    EXPECT_STREQ(after.sim.Entry[0].FileName, "FOUR.ICC");
-    EXPECT_EQ(after.sim.Entry[0].InMenu, 6);
-    EXPECT_STREQ(after.sim.Entry[1].FileName, "FIVE.ICC");
-    EXPECT_EQ(after.sim.Entry[1].InMenu, 5);
+    EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)));
+    EXPECT_TRUE(same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
 }
 
-TEST_F(Rebuild, TakesAcceptedRowsIntoTheirCategories) {
+TEST_F(Rebuild, TakesCountedRowsOfSource4Or5AndClass1To3WithAcceptedNames) {
     spool_row(1, 1, 4, "SIMDST.ICC", 3);
-    spool_row(2, 2, 3, "SOURCE3.ICC", 1);  // source type not taken
+    spool_row(2, 2, 3, "SOURCE3.ICC", 1);
     spool_row(3, 3, 6, "SOURCE6.ICC", 1);
-    spool_row(4, 4, 4, "CLASS0.ICC", 0);  // class not filed
+    spool_row(4, 4, 4, "CLASS0.ICC", 0);
     spool_row(5, 5, 4, "CLASS4.ICC", 4);
-    spool_row(6, 6, 5, "BAD NAME.ICC", 2);  // refused name
+    spool_row(6, 6, 5, "BAD NAME.ICC", 2);
     spool_row(7, 7, 5, "RGB2.ICC", 2);
-
+    spool_row(8, -1, 5, "UNCOUNTED.ICC", 1);  // past the count of index cells
     EXPECT_EQ(vRestructPlistSpool2Current(0), 0);  // no file yet: written from scratch
     ASSERT_EQ(after.read(), 0);
-    ASSERT_EQ(after.sim.iNum, 1);
-    ASSERT_EQ(after.dst.iNum, 1);
+    ASSERT_EQ(std::tuple(after.rgb.iNum, after.sim.iNum, after.dst.iNum), std::tuple(1, 1, 1));
     EXPECT_STREQ(after.sim.Entry[0].FileName, "SIMDST.ICC");
     EXPECT_STREQ(after.dst.Entry[0].FileName, "SIMDST.ICC");
     EXPECT_EQ(after.dst.Entry[0].InMenu, 2);
-    ASSERT_EQ(after.rgb.iNum, 1);
     EXPECT_STREQ(after.rgb.Entry[0].FileName, "RGB2.ICC");
     EXPECT_EQ(after.rgb.Entry[0].Location, 5);
 }

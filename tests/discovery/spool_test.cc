@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
 #include <tuple>
 
 #include "discovery_support.h"
@@ -9,53 +7,60 @@
 namespace tz::test {
 namespace {
 
+TEST(FileName, BaseUpTo27ExtensionUpTo3AndTheFilter) {
+    for (const std::string& name : {std::string("A.B"), std::string("ABC."), std::string("A.B.C"),
+                                    std::string(27, 'A'), std::string(27, 'A') + ".ICC"})
+        EXPECT_TRUE(bJudgement8point3Format(name.c_str())) << name;
+    for (const std::string& name : {std::string(), std::string(".ICM"), std::string("ABC.ICMX"), std::string("A.B.CD"),
+                                    std::string(28, 'A'), std::string(28, 'A') + ".ICC", std::string("A B.ICC"),
+                                    std::string("CAF\xC3\x89.ICC")})
+        EXPECT_FALSE(bJudgement8point3Format(name.c_str())) << name;
+    EXPECT_FALSE(bJudgement8point3Format(nullptr));
+    std::string accepted;  // the filter takes the character sign-extended
+    for (int c = -128; c < 128; ++c)
+        if (FileNameFilter(c)) accepted += static_cast<char>(c);
+    EXPECT_EQ(accepted, "!#$%&'()-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ^_`abcdefghijklmnopqrstuvwxyz{}~");
+    EXPECT_FALSE(FileNameFilter(0xE9));
+    EXPECT_FALSE(FileNameFilter(0x100 + '!'));  // past 127, however its low byte reads
+}
+
 class Spool : public ::testing::Test {
 protected:
     void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
     static const SpoolRecord& row(int r) { return PlistForSpool.Entry[r - 1]; }
-    static std::string file_name(int r) {
-        return std::string(row(r).FileName, strnlen(row(r).FileName, TZ_PROFILE_TEXT));
-    }
 };
 
-TEST_F(Spool, FilesColumnsByRowAndCountsIndexCells) {
-    for (int r : {1, 2, 5}) spool_row(r, 10 + r, 4 + r, "F" + std::to_string(r) + ".ICC", r, "Name");
-    EXPECT_EQ(PlistForSpool.iNum, 3);  // index cells, not the highest row
+TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
+    spool_text(cell(1, 1), "7");  // index as OCTET STRING
+    spool_int(cell(4, 1), 7);     // file name as INTEGER
+    for (const std::string& name : {cell(6, 1), cell(8, 1), std::string("1.3.6.1.4.1.99992.1.1.1.1.6.13.1.1.1.1.1"), cell(1, 0),
+                                    cell(1, 501), cell(1, 70000)})
+        spool_int(name, 7);
+    long seven = 7;
+    spool(cell(1, 1), ASN_INTEGER, &seven, sizeof seven, 17);  // 17 sub-identifiers: no row
+    EXPECT_TRUE(same_bytes(PlistForSpool, SpoolTable{}));
+
+    for (int r : {1, 2, 5, 500}) spool_row(r, 10 + r, 4 + r, "F" + std::to_string(r) + ".ICC", r % 7, "Name");
+    EXPECT_EQ(PlistForSpool.iNum, 4);  // index cells, not the highest row
     const SpoolRecord& r2 = row(2);
     EXPECT_EQ(std::tuple(r2.IndexOnDevice, r2.SourceType, r2.ProfileClass, r2.DriverAvail, r2.InMenu),
               std::tuple(12, 6, 2, 1, 0));
-    EXPECT_EQ(file_name(2), "F2.ICC");
+    EXPECT_STREQ(r2.FileName, "F2.ICC");
     EXPECT_STREQ(r2.ProfileName, "Name");
-    EXPECT_EQ(row(5).IndexOnDevice, 15);
-    EXPECT_EQ(row(3).IndexOnDevice, 0);
-    Variable::integer(cell(1, 1), 1).spool();  // the same cell again counts again
-    EXPECT_EQ(PlistForSpool.iNum, 4);
-    Variable::integer(cell(5, 1), 0x100000003L).spool();  // the low 32 bits
+    EXPECT_EQ(std::tuple(row(3).IndexOnDevice, row(500).IndexOnDevice), std::tuple(0, 510));
+    spool_int(cell(1, 1), 1);  // the same cell again counts again
+    EXPECT_EQ(PlistForSpool.iNum, 5);
+    spool_int(cell(5, 1), 0x100000003L);  // the low 32 bits
     EXPECT_EQ(row(1).ProfileClass, 3);
 }
 
-TEST_F(Spool, IgnoresWrongTypesUnknownColumnsAndCellsOutsideTheTable) {
-    Variable::text(cell(1, 1), "7").spool();   // index as OCTET STRING
-    Variable::integer(cell(4, 1), 7).spool();  // file name as INTEGER
-    Variable::integer(cell(6, 1), 7).spool();  // column 6 is not used
-    Variable::integer(cell(8, 1), 7).spool();
-    Variable::integer("1.3.6.1.4.1.99992.1.1.1.1.6.13.1.1.1.1.1", 7).spool();
-    Variable::integer(cell(1, 0), 1).spool();
-    Variable::integer(cell(1, 501), 1).spool();
-    Variable::integer(cell(1, 70000), 1).spool();
-    Variable::integer(kProfileTable + ".1.1", 1).spool();  // 17 sub-identifiers
-    EXPECT_TRUE(same_bytes(PlistForSpool, SpoolTable{}));
-    Variable::integer(cell(1, 500), 9).spool();
-    EXPECT_EQ(row(500).IndexOnDevice, 9);
-}
-
-TEST_F(Spool, StringsOverwriteInPlaceAndFillTheFieldAndNoMore) {
-    Variable::text(cell(4, 1), "ABCDEF").spool();
-    Variable::text(cell(4, 1), "XY").spool();
-    EXPECT_EQ(file_name(1), "XYCDEF");                             // no terminator written
-    Variable::text(cell(3, 2), std::string("AB\0CD", 5)).spool();  // cut at the zero byte
+TEST_F(Spool, StringsOverwriteInPlaceUpToAZeroByteAndFillTheFieldAndNoMore) {
+    spool_text(cell(4, 1), "ABCDEF");
+    spool_text(cell(4, 1), "XY");
+    EXPECT_STREQ(row(1).FileName, "XYCDEF");  // no terminator written
+    spool_text(cell(3, 2), std::string("AB\0CD", 5));
     EXPECT_STREQ(row(2).ProfileName, "AB");
-    Variable::text(cell(4, 3), std::string(40, 'G')).spool();
+    spool_text(cell(4, 3), std::string(40, 'G'));
     EXPECT_EQ(std::string(row(3).FileName, TZ_PROFILE_TEXT), std::string(32, 'G'));
     EXPECT_EQ(row(3).ProfileName[0], '\0');  // the neighbour is untouched
 }

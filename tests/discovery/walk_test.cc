@@ -1,17 +1,11 @@
-// The walk against a real snmpd and against the scripted agent. One table of
-// agents, each walked one request at a time (window 1) and with requests in
-// flight (the default window and 8): everything the walk leaves behind must
-// be the same byte for byte.
+// The walk against snmpd and the scripted agent: each agent walked one request at a time and with
+// requests in flight (the default window and 8) must leave the same behind, byte for byte.
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <memory>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "discovery_support.h"
 #include "stderr_capture.h"
@@ -20,156 +14,76 @@ namespace tz::test {
 namespace {
 
 const int32_t kDefaultWindow = TZGetWalkWindow();
+const std::string& kT = kProfileTable;
+const std::string kV1 = "-v1 -c public -t 0.2 -r 0", kV2c = "-v2c -c public -t 0.2 -r 0";
 
-// An agent started for a case: kept alive by `owner`, reached at `peer`.
-struct Started {
-    std::shared_ptr<void> owner;
-    std::string peer;
-    std::function<std::size_t()> requests;  // how many it received (scripted only)
-};
-using Start = std::function<Started()>;
-
-// snmpd answers the same names the same way every time: one per case.
-Start snmpd(std::vector<std::string> config) {
-    auto shared = std::make_shared<std::shared_ptr<SnmpAgent>>();
-    return [config = std::move(config), shared] {
-        if (!*shared) *shared = std::make_shared<SnmpAgent>(config);
-        return Started{*shared, (*shared)->peer(), [] { return std::size_t{0}; }};
-    };
+// The scripted agent's table with the GETNEXT of `name` answered by `step`; a variable as a step.
+std::string answer(const std::string& name, const std::string& step, int rows = 12) {
+    return R"("rows": )" + std::to_string(rows) + R"(, "answers": {")" + name + "\": " + step + "}";
+}
+std::string variable(const std::string& oid, const std::string& rest = "") {
+    return R"({"oid": ")" + oid + "\"" + rest + "}";
 }
 
-// The scripted agent counts what it was asked: a fresh one per walk.
-Start scripted(std::string script) {
-    return [script = std::move(script)] {
-        auto agent = std::make_shared<ScriptedAgent>(script);
-        return Started{agent, agent->peer(), [agent] { return agent->requests().size(); }};
-    };
-}
-
-// The scripted agent's variables: rows 1..rows of columns 1 to 5 and 7.
-std::string table_json(int rows) {
-    std::string json;
-    for (int r = 1; r <= rows; ++r) {
-        const std::string file = "\"F" + std::to_string(r) + ".ICC\"";
-        for (const auto& [column, value] :
-             std::vector<std::pair<int, std::string>>{{1, std::to_string(r)}, {2, "4"},
-                                                      {3, "\"Profile\""}, {4, file},
-                                                      {5, std::to_string(r % 3 + 1)}, {7, "1"}}) {
-            json += (json.empty() ? "" : ", ") + std::string("\"") + cell(column, r) + "\": {" +
-                    (value[0] == '"' ? "\"str\": " : "\"int\": ") + value + "}";
-        }
-    }
-    return "\"table\": {" + json + "}";
-}
-
-// A scripted agent with the 12-row table and `extra` members of the script.
-Start table12(const std::string& extra = "") {
-    return scripted("{" + table_json(12) + (extra.empty() ? "" : ", " + extra) + "}");
-}
-
-std::string answer_for(const std::string& name, const std::string& step) {
-    return "\"answers\": {\"" + name + "\": " + step + "}";
-}
-
-// A table with holes: rows 1, 2, 5, 9, 10 whole, row 3 with columns 1 and 4
-// only, row 7 without column 5, and rows 0, 501 and 777 that the spool
-// ignores.
+// Rows 0, 1, 2, 5, 9, 10, 501, 777 whole, row 3 with columns 1 and 4 only, row 7 without column 5.
 std::vector<std::string> gapped_table() {
-    std::vector<std::string> lines;
-    for (const int r : {0, 1, 2, 5, 9, 10, 501, 777})
-        for (auto& line : printer_row(r, 5, "G" + std::to_string(r) + ".ICC", 2)) lines.push_back(line);
-    lines.push_back(override_integer(cell(1, 3), 3));
-    lines.push_back(override_string(cell(4, 3), "G3.ICC"));
-    for (auto& line : printer_row(7, 4, "G7.ICC", 1))
-        if (line.find(cell(5, 7)) == std::string::npos) lines.push_back(line);
-    return lines;
-}
-
-std::vector<std::string> with_v3_user(std::vector<std::string> lines) {
-    lines.push_back("createUser tzuser SHA tzpassword1 AES tzpassword1");
-    lines.push_back("rouser tzuser priv");
+    std::vector<std::string> lines = {override_integer(cell(1, 3), 3), override_string(cell(4, 3), "G3.ICC")};
+    for (const int r : {0, 1, 2, 5, 7, 9, 10, 501, 777})
+        for (auto& line : printer_row(r, 5, "G" + std::to_string(r) + ".ICC", 2))
+            if (r != 7 || line.find(cell(5, 7)) == std::string::npos) lines.push_back(line);
     return lines;
 }
 
 struct Case {
     const char* name;
-    Start agent;
-    std::vector<std::string> options;  // before the agent
-    std::string root;                  // after it; "" for none
-    int32_t result;                    // at every window
-    int32_t counted = -1;              // numprinted's growth; -1: not checked
+    std::vector<std::string> snmpd;  // snmpd's configuration, unless
+    std::string script;              // the scripted agent's (a fresh one per walk: it counts requests)
+    std::string options, root;
+    int32_t result, counted;  // at every window; counted: numprinted's growth
 };
 
-const std::vector<std::string> kV1 = {"-v1", "-c", "public", "-t", "0.2", "-r", "0"};
-const std::vector<std::string> kV2c = {"-v2c", "-c", "public", "-t", "0.2", "-r", "0"};
-
-std::vector<std::string> plus(std::vector<std::string> options, const std::vector<std::string>& more) {
-    options.insert(options.end(), more.begin(), more.end());
-    return options;
-}
-
-const std::string kOutside = "1.3.6.1.4.1.99992.1";
-
 std::vector<Case> cases() {
+    auto v3 = printer_table(12);
+    v3.insert(v3.end(), {"createUser tzuser SHA tzpassword1 AES tzpassword1", "rouser tzuser priv"});
+    const std::string outside = "1.3.6.1.4.1.99992.1";
     return {
-        {"snmpd without rows", snmpd({}), kV1, kProfileTable, 0, 0},
-        {"snmpd with one row", snmpd(printer_table(1)), kV1, kProfileTable, 0, 6},
-        {"snmpd with 12 rows, v2c", snmpd(printer_table(12)), kV2c, kProfileTable, 0},
-        {"snmpd with 500 rows", snmpd(printer_table(500)), kV1, kProfileTable, 0, 3000},
-        {"snmpd with gaps, missing columns, rows outside 1..500", snmpd(gapped_table()), kV1,
-         kProfileTable, 0},
-        {"snmpd, -C xi: GET of the root printed first", snmpd(printer_table(2)),
-         plus({"-Cxi"}, kV1), cell(1, 2), 0},
-        {"snmpd, v3 authPriv", snmpd(with_v3_user(printer_table(12))),
-         {"-v3", "-l", "authPriv", "-u", "tzuser", "-a", "SHA", "-A", "tzpassword1", "-x", "AES",
-          "-X", "tzpassword1", "-t", "0.5", "-r", "0"},
-         kProfileTable, 0},
-        {"an OID that does not increase",
-         table12(answer_for(cell(1, 3), R"({"oid": ")" + cell(1, 3) + R"(", "int": 3})")), kV1,
-         kProfileTable, 1, 4},
-        {"an OID that does not increase, -C c: until the agent falls silent",
-         table12(answer_for(cell(1, 3), R"({"times": 4, "oid": ")" + cell(1, 3) + R"(", "int": 3})")),
-         plus({"-Cc"}, kV1), kProfileTable, 1, 7},
-        {"endOfMibView inside the subtree",
-         table12(answer_for(cell(2, 5), R"({"oid": ")" + cell(2, 6) + R"(", "endOfMibView": true})")),
-         kV2c, kProfileTable, 0, 18},
-        {"the first answer outside the subtree",
-         table12(answer_for(kProfileTable, R"({"oid": ")" + kOutside + R"(", "int": 1})")), kV1,
-         kProfileTable, 0, 0},
-        {"an error status", table12(answer_for(cell(3, 7), R"({"error": 5})")), kV1, kProfileTable, 2,
-         31},
-        {"noSuchName halfway", table12(answer_for(cell(3, 7), R"({"error": 2})")), kV1, kProfileTable,
-         0, 31},
-        {"no answer at all", table12(R"("silent_from": "1")"), kV1, kProfileTable, 1, 0},
-        {"an agent that dies halfway", table12(R"("silent_from": ")" + cell(4, 6) + "\""), kV1,
-         kProfileTable, 1, 42},
-        {"every third answer late, overtaken by the next ones", table12(R"("delay_every": [3, 40])"),
-         {"-v1", "-c", "public", "-t", "1", "-r", "0"}, kProfileTable, 0, 72},
-        {"every second request dropped", table12(R"("drop_every": 2)"),
-         {"-v1", "-c", "public", "-t", "0.05", "-r", "8"}, kProfileTable, 0, 72},
+        {"snmpd without rows", {}, "", kV1, kT, 0, 0},
+        {"snmpd with one row", printer_table(1), "", kV1, kT, 0, 6},
+        {"snmpd with 12 rows, v2c", printer_table(12), "", kV2c, kT, 0, 72},
+        {"snmpd with 500 rows", printer_table(500), "", kV1, kT, 0, 3000},
+        {"snmpd with gaps, missing columns, rows outside 1..500", gapped_table(), "", kV1, kT, 0, 55},
+        {"snmpd, -C xi: GET of the root counted first", printer_table(2), "", "-Cxi " + kV1, cell(1, 2), 0, 1},
+        {"snmpd, v3 authPriv", v3, "",
+         "-v3 -l authPriv -u tzuser -a SHA -A tzpassword1 -x AES -X tzpassword1 -t 0.5 -r 0", kT, 0, 72},
+        {"no root: MIB-2, left at once", {}, R"("rows": 12)", kV1, "", 0, 0},
+        {"the root itself as the first answer", {}, answer(kT, variable(kT, R"(, "value": 1)")), kV1, kT, 1, 1},
+        {"an OID that does not increase", {}, answer(cell(1, 3), variable(cell(1, 3), R"(, "value": 3)")), kV1,
+         kT, 1, 4},
+        {"an OID that does not increase, -C c: until the agent falls silent", {},
+         answer(cell(1, 3), variable(cell(1, 3), R"(, "value": 3, "times": 4)")), "-Cc " + kV1, kT, 1, 7},
+        {"endOfMibView inside the subtree", {}, answer(cell(2, 5), variable(cell(2, 6))), kV2c, kT, 0, 18},
+        {"the first answer outside the subtree", {}, answer(kT, variable(outside, R"(, "value": 1)")), kV1, kT,
+         0, 0},
+        {"an error status", {}, answer(cell(3, 7), R"({"error": 5})"), kV1, kT, 2, 31},
+        {"noSuchName halfway", {}, answer(cell(3, 7), R"({"error": 2})"), kV1, kT, 0, 31},
+        {"no answer at all", {}, R"("rows": 12, "silent_from": "1")", kV1, kT, 1, 0},
+        {"an agent that dies halfway", {}, R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", kV1, kT, 1, 42},
+        {"every third answer late, overtaken by the next ones", {}, R"("rows": 12, "delay_every": [3, 40])",
+         "-v1 -c public -t 1 -r 0", kT, 0, 72},
+        {"every second request dropped", {}, R"("rows": 12, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT,
+         0, 72},
     };
 }
 
 // Everything a walk leaves behind.
 struct Observed {
-    int32_t result = 0;
-    int32_t counted = 0;
-    int32_t progress = 0;   // the last count the progress hook heard
-    int32_t progress_calls = 0;
-    std::string spool;      // PlistForSpool's bytes
-    std::string debug;      // sDEBUGmsg's bytes
-    std::string printed;    // standard output
-    std::string plist;      // the rebuilt profile plist
+    int32_t result = 0, counted = 0, progress = 0, progress_calls = 0;
+    std::string debug, printed, spool, plist;  // sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist
     std::size_t requests = 0;
-};
+    auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed); }
+} seen;
 
-Observed* observing = nullptr;
-void on_progress(int32_t variables) {
-    observing->progress = variables;
-    ++observing->progress_calls;
-}
-
-Observed walk_at(const Case& c, const Started& agent, int32_t window) {
+Observed walk_at(const Case& c, const std::string& peer, const ScriptedAgent* scripted, int32_t window) {
     const ProfilePaths paths;
     Tables seed;  // a device profile the printer may still report, and the user's own
     Tables::add(seed.rgb, entry(1, 2, "PRF00001.ICC", 5));
@@ -177,27 +91,21 @@ Observed walk_at(const Case& c, const Started& agent, int32_t window) {
     EXPECT_EQ(seed.write(), 0);
     for (const int boolean : {1, 2, 3}) netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, boolean, 0);
     std::memset(sDEBUGmsg, 0, sizeof sDEBUGmsg);
-
-    Observed seen;
-    observing = &seen;
-    TZSetWalkProgressHook(on_progress);
+    seen = Observed{};
+    TZSetWalkProgressHook([](int32_t n) { seen.progress = n, ++seen.progress_calls; });
     TZSetWalkWindow(window);
-    std::vector<std::string> args = c.options;
-    args.push_back(agent.peer);
-    if (!c.root.empty()) args.push_back(c.root);
+    std::vector<std::string> args;
+    std::istringstream words(c.options + " " + peer + " " + c.root);
+    for (std::string word; words >> word;) args.push_back(word);
     const int32_t before = numprinted;
-    {
-        StderrCapture printed(STDOUT_FILENO);
-        seen.result = walk(args);
-        seen.printed = printed.finish();
-    }
-    TZSetWalkWindow(kDefaultWindow);
-    TZSetWalkProgressHook(nullptr);
+    StderrCapture printed(STDOUT_FILENO);
+    seen.result = walk(args);
+    seen.printed = printed.finish();
     seen.counted = numprinted - before;
     seen.spool.assign(reinterpret_cast<const char*>(&PlistForSpool), sizeof PlistForSpool);
     seen.debug.assign(sDEBUGmsg, sizeof sDEBUGmsg);
     seen.plist = read_file(paths.current);
-    seen.requests = agent.requests();
+    seen.requests = scripted ? scripted->requests().size() : 0;
     return seen;
 }
 
@@ -205,122 +113,102 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
     ASSERT_GT(kDefaultWindow, 1);
     for (const Case& c : cases()) {
         SCOPED_TRACE(c.name);
-        const Observed one = walk_at(c, c.agent(), 1);
-        EXPECT_EQ(one.result, c.result);
-        if (c.counted >= 0) {
-            EXPECT_EQ(one.counted, c.counted);
-        }
-        EXPECT_EQ(one.progress_calls, one.progress);
+        const auto snmpd = c.script.empty() ? std::make_unique<SnmpAgent>(c.snmpd) : nullptr;
+        const auto at = [&](int32_t window) {
+            const auto scripted = snmpd ? nullptr : std::make_unique<ScriptedAgent>(c.script);
+            return walk_at(c, snmpd ? snmpd->peer() : scripted->peer(), scripted.get(), window);
+        };
+        const Observed one = at(1);
+        EXPECT_EQ(std::tie(one.result, one.counted, one.progress_calls), std::tie(c.result, c.counted, one.progress));
         for (const int32_t window : {kDefaultWindow, 8}) {
-            SCOPED_TRACE("window " + std::to_string(window));
-            const Observed many = walk_at(c, c.agent(), window);
-            EXPECT_EQ(many.result, one.result);
-            EXPECT_EQ(many.counted, one.counted);
-            EXPECT_EQ(many.progress, one.progress);
-            EXPECT_EQ(many.progress_calls, one.progress_calls);
-            EXPECT_TRUE(many.spool == one.spool) << "the spools differ";
-            EXPECT_EQ(many.debug, one.debug);
-            EXPECT_EQ(many.printed, one.printed);
-            EXPECT_EQ(many.plist, one.plist);
-            // A lossy agent is not flooded: the window falls back whenever a
-            // request goes unanswered.
-            if (one.requests != 0) {
-                EXPECT_LE(many.requests, 3 * one.requests);
-            }
+            const Observed many = at(window);
+            EXPECT_EQ(many.facts(), one.facts()) << "window " << window;
+            EXPECT_TRUE(many.spool == one.spool && many.plist == one.plist) << "window " << window;
+            EXPECT_LE(many.requests, 3 * one.requests) << "a lossy agent is flooded: the window must fall back";
         }
     }
 }
 
-// What the table cannot say by comparing windows: the exact diagnostics and
-// requests of the sequential walk.
+// The exact diagnostics, hook calls and requests of the sequential walk.
 TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     const ProfilePaths paths;
-    TZSetWalkWindow(1);
+    TZSetWalkWindow(-5);  // taken as 1
+    EXPECT_EQ(TZGetWalkWindow(), 1);
     {
-        ScriptedAgent agent("{" + table_json(2) + ", " +
-                            answer_for(cell(1, 1), R"({"oid": ")" + cell(1, 1) + R"(", "int": 1})") +
-                            "}");
-        std::memset(sDEBUGmsg, 0, sizeof sDEBUGmsg);
+        ScriptedAgent agent(answer(cell(1, 1), variable(cell(1, 1), R"(, "value": 1)"), 1));
         EXPECT_EQ(walk(v1(agent.peer())), 1);
         // The operands are the raw bytes of the sub-identifier words: 0x01 each.
         EXPECT_STREQ(sDEBUGmsg, "[SNMP] Error: OID not increasing: \x01 >= \x01");
-        EXPECT_EQ(agent.requests(),
-                  (std::vector<std::string>{"getnext " + kProfileTable, "getnext " + cell(1, 1)}));
+        EXPECT_EQ(agent.requests(), (std::vector<std::string>{"getnext " + kT, "getnext " + cell(1, 1)}));
     }
     {
-        ScriptedAgent agent("{" + table_json(1) + "}");
-        std::vector<std::string> args = v1(agent.peer());
-        args.insert(args.begin(), "-Cxi");
-        // The debug hook hears each diagnostic, a repeated one too.
-        static std::vector<std::string> heard;
-        heard.clear();
-        TZSetWalkDebugHook([](const char* text, int32_t) { heard.push_back(text ? text : ""); });
-        EXPECT_EQ(walk({"-Cx", "-V"}), -2);
-        EXPECT_EQ(walk(args), 0);
-        TZSetWalkDebugHook(nullptr);
-        EXPECT_EQ(std::count(heard.begin(), heard.end(), "Unknown flag passed to -C: x\n"), 2) << heard.size();
-        EXPECT_STREQ(sDEBUGmsg, "Unknown flag passed to -C: x\n");
-        const auto requests = agent.requests();
-        ASSERT_EQ(requests.size(), 8u);  // the GET, six variables, the end
-        EXPECT_EQ(requests[0], "get " + kProfileTable);
-        EXPECT_EQ(requests[2], "getnext " + cell(1, 1));
-        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, 1, 0);
-    }
-    {
-        // Every second request lost: each name after the first is sent
-        // twice, the retry after one timeout, and nothing more.
-        ScriptedAgent agent("{" + table_json(1) + R"(, "drop_every": 2})");
-        EXPECT_EQ(walk({"-v1", "-c", "public", "-t", "0.05", "-r", "1", agent.peer(), kProfileTable}), 0);
-        std::vector<std::string> expected = {"getnext " + kProfileTable};
-        for (const int column : {1, 2, 3, 4, 5, 7})
-            expected.insert(expected.end(), 2, "getnext " + cell(column, 1));
+        // Every second request lost: each name after the first is sent twice (one retry), no more.
+        ScriptedAgent agent(R"("rows": 1, "drop_every": 2)");
+        EXPECT_EQ(walk({"-v1", "-c", "public", "-t", "0.05", "-r", "1", agent.peer(), kT}), 0);
+        std::vector<std::string> expected = {"getnext " + kT};
+        for (const int column : {1, 2, 3, 4, 5, 7}) expected.insert(expected.end(), 2, "getnext " + cell(column, 1));
         EXPECT_EQ(agent.requests(), expected);
     }
-    TZSetWalkWindow(kDefaultWindow);
+    ScriptedAgent agent(R"("rows": 1)");
+    static std::vector<std::pair<std::string, int32_t>> heard;
+    TZSetWalkDebugHook([](const char* text, int32_t n) { heard.emplace_back(text ? text : "", n); });
+    EXPECT_EQ(walk({"-Cx", "-V"}), -2);
+    const int32_t before = numprinted;
+    std::vector<std::string> args = v1(agent.peer());
+    args.insert(args.begin(), "-Cxip");
+    EXPECT_EQ(walk(args), 0);
+    EXPECT_EQ(numprinted - before, 6) << "a GET refused with noSuchName counts nothing";
+    // Each walk's diagnostic reaches the hook, a repeated one too; -C p's count comes last.
+    const std::pair<std::string, int32_t> flag{"Unknown flag passed to -C: x\n", 0};
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), flag), 2);
+    EXPECT_EQ(heard.back(), std::make_pair(std::string("[UTIL-MIB] Variables found: "), numprinted));
+    EXPECT_STREQ(sDEBUGmsg, flag.first.c_str());
+    const auto requests = agent.requests();
+    ASSERT_EQ(requests.size(), 8u);  // the GET, six variables, the end
+    EXPECT_EQ(requests[0], "get " + kT);
+    EXPECT_EQ(requests[2], "getnext " + cell(1, 1));
 }
 
-TEST(WalkRealAgent, ASecondWalkParsesItsOwnArgumentsAndRebuildsFromCountedRows) {
+TEST(Walk, ASecondWalkParsesItsOwnArgumentsAndRebuildsFromCountedRows) {
     const ProfilePaths paths;
     std::vector<std::string> rows = printer_row(1, 4, "ONE.ICC", 1);
-    for (const int r : {2, 5}) {
-        const auto row = printer_row(r, 4, "ROW" + std::to_string(r) + ".ICC", 1);
-        rows.insert(rows.end(), row.begin(), row.end());
-    }
+    for (const int r : {2, 5})
+        for (auto& line : printer_row(r, 4, "ROW" + std::to_string(r) + ".ICC", 1)) rows.push_back(line);
     SnmpAgent agent(rows);
-    ScriptedAgent other(R"([{"error": 2}])");
+    ScriptedAgent other("");
     // Options clustered and split differently in the two walks.
-    EXPECT_EQ(walk({"-v1", "-cpublic", "-t", "0.2", "-r0", agent.peer(), kProfileTable}), 0);
+    EXPECT_EQ(walk({"-v1", "-cpublic", "-t", "0.2", "-r0", agent.peer(), kT}), 0);
     EXPECT_EQ(PlistForSpool.iNum, 3);
     Tables written;
     ASSERT_EQ(written.read(), 0);
-    ASSERT_EQ(written.rgb.iNum, 2);  // rows 1 to 3: row 5 is never read
+    ASSERT_EQ(written.rgb.iNum, 2);  // the first 3 rows are read: row 5 never
     EXPECT_STREQ(written.rgb.Entry[1].FileName, "ROW2.ICC");
-
-    EXPECT_EQ(walk({"-r", "0", "-t0.2", "-v", "1", "-c", "public", other.peer(), kProfileTable + ".4"}), 0);
-    EXPECT_EQ(other.requests(), std::vector<std::string>{"getnext " + kProfileTable + ".4"});
+    EXPECT_EQ(walk({"-r", "0", "-t0.2", "-v", "1", "-c", "public", other.peer(), kT + ".4"}), 0);
+    EXPECT_EQ(other.requests(), std::vector<std::string>{"getnext " + kT + ".4"});
     EXPECT_EQ(PlistForSpool.iNum, 0);
 }
 
-TEST(WalkArguments, RefusalsRebuildAsFailedAndPrintNothing) {
+TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
     const ProfilePaths paths;
     const std::pair<std::vector<std::string>, int32_t> cases[] = {
         {{"-v1", "-c", "public"}, -1},  // no agent
         {{"-V"}, -2},
         // A pass phrase too short to make a key: net-snmp says -3, the walk -2.
         {{"-v3", "-l", "authNoPriv", "-u", "u", "-a", "MD5", "-A", "short", "127.0.0.1:9"}, -2},
+        {{"-v1", "-c", "public", "127.0.0.1:9", "1.3.not.an.oid"}, 1},
+        {{"-v1", "-c", "public", "tcp:127.0.0.1:9", kT}, 1},  // no session
     };
     for (const auto& [args, result] : cases) {
         Tables before;
         Tables::add(before.rgb, entry(1, 2, "A.ICC"));
         ASSERT_EQ(before.write(), 0);
         StderrCapture capture;
-        EXPECT_EQ(walk(args), result) << args[0];
-        EXPECT_EQ(capture.finish(), "") << args[0];
+        EXPECT_EQ(walk(args), result) << args.back();
+        if (result < 0) { EXPECT_EQ(capture.finish(), "") << "a refusal prints nothing"; }
         Tables after;
         ASSERT_EQ(after.read(), 0);
-        EXPECT_EQ(after.rgb.iNum, 0) << "rebuilt as a failed walk: " << args[0];
+        EXPECT_EQ(after.rgb.iNum, 0) << "rebuilt as a failed walk: " << args.back();
     }
-    EXPECT_EQ(walk({"-v1", "-c", "public", "127.0.0.1:9", "1.3.not.an.oid"}), 1);
 }
 
 }  // namespace
