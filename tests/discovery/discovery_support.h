@@ -61,7 +61,6 @@ public:
     }
     ~ScriptedAgent() { ::pclose(out_); }  // closing the pipe ends the agent
     ScriptedAgent(const ScriptedAgent&) = delete;
-    ScriptedAgent& operator=(const ScriptedAgent&) = delete;
     const std::string& peer() const { return peer_; }
     std::vector<std::string> requests() const {  // "<get|getnext> <oid>" each
         std::vector<std::string> lines;

@@ -1,31 +1,76 @@
+// File names, the spool and the rebuild of the profile plist from it.
 #include <gtest/gtest.h>
+
+#include <tuple>
 
 #include "discovery_support.h"
 
 namespace tz::test {
 namespace {
 
-TEST(DeviceMarks, ComeOffAfterACompleteWalkAndDropAfterAFailedOne) {
-    for (const int status : {0, 1, 2}) {
-        ProfileTable table{};
-        for (int i = 0; i < 8; ++i) table.Entry[i].InMenu = i;
-        table.iNum = 3;
-        vDeleteMIBprofilesTemporary(status, &table);
-        const int after[2][8] = {{0, 1, 1, 3, 3, 5, 6, 7}, {0, 0, 0, 3, 6, 5, 6, 7}};
-        for (int i = 0; i < 8; ++i) EXPECT_EQ(table.Entry[i].InMenu, after[status != 0][i]) << status << " " << i;
-        EXPECT_EQ(table.iNum, 3);
-    }
+TEST(FileName, BaseUpTo27ExtensionUpTo3AndTheFilter) {
+    const std::string a27(27, 'A');
+    for (const std::string& name : std::vector<std::string>{"A.B", "ABC.", "A.B.C", a27, a27 + ".ICC"})
+        EXPECT_TRUE(bJudgement8point3Format(name.c_str())) << name;
+    for (const std::string& name :
+         std::vector<std::string>{"", ".ICM", "ABC.ICMX", "A.B.CD", a27 + "A", a27 + "A.ICC", "A B.ICC", "CAF\xC3\x89.ICC"})
+        EXPECT_FALSE(bJudgement8point3Format(name.c_str())) << name;
+    EXPECT_FALSE(bJudgement8point3Format(nullptr));
+    std::string accepted;  // the filter takes the character sign-extended
+    for (int c = -128; c < 128; ++c) accepted += FileNameFilter(c) ? std::string(1, static_cast<char>(c)) : "";
+    EXPECT_EQ(accepted, "!#$%&'()-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ^_`abcdefghijklmnopqrstuvwxyz{}~");
+    EXPECT_FALSE(FileNameFilter(0xE9) || FileNameFilter(0x100 + '!'));  // past 127, whatever the low byte
 }
 
-class Rebuild : public ::testing::Test {
+class Spool : public ::testing::Test {
 protected:
     void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
+    static const SpoolRecord& row(int r) { return PlistForSpool.Entry[r - 1]; }
     ProfilePaths paths;
     Tables before, after;
     ProfileTable table{};
 };
 
-TEST_F(Rebuild, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
+TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
+    spool_text(cell(1, 1), "7");  // index as OCTET STRING
+    spool_int(cell(4, 1), 7);     // file name as INTEGER
+    for (const std::string& name : {cell(6, 1), cell(8, 1), cell(1, 0), cell(1, 501), cell(1, 70000),
+                                    std::string("1.3.6.1.4.1.99992.1.1.1.1.6.13.1.1.1.1.1")})
+        spool_int(name, 7);
+    long seven = 7;
+    spool(cell(1, 1), ASN_INTEGER, &seven, sizeof seven, 17);  // 17 sub-identifiers: no row
+    EXPECT_TRUE(same_bytes(PlistForSpool, SpoolTable{}));
+    for (int r : {1, 2, 5, 500}) spool_row(r, 10 + r, 4 + r, "F" + std::to_string(r) + ".ICC", r % 7, "Name");
+    spool_int(cell(1, 1), 1);             // the same cell again counts again
+    spool_int(cell(5, 1), 0x100000003L);  // the low 32 bits
+    EXPECT_EQ(PlistForSpool.iNum, 5);     // index cells, not the highest row
+    const SpoolRecord& r2 = row(2);
+    EXPECT_EQ(std::tuple(r2.IndexOnDevice, r2.SourceType, r2.ProfileClass, r2.DriverAvail, r2.InMenu),
+              std::tuple(12, 6, 2, 1, 0));
+    EXPECT_EQ(std::tuple(std::string(r2.FileName), std::string(r2.ProfileName)), std::tuple("F2.ICC", "Name"));
+    EXPECT_EQ(std::tuple(row(1).ProfileClass, row(3).IndexOnDevice, row(500).IndexOnDevice), std::tuple(3, 0, 510));
+}
+
+TEST_F(Spool, StringsOverwriteInPlaceUpToAZeroByteAndFillTheFieldAndNoMore) {
+    spool_text(cell(4, 1), "ABCDEF");
+    spool_text(cell(4, 1), "XY");
+    EXPECT_STREQ(row(1).FileName, "XYCDEF");  // no terminator written
+    spool_text(cell(3, 2), std::string("AB\0CD", 5));
+    EXPECT_STREQ(row(2).ProfileName, "AB");
+    spool_text(cell(4, 3), std::string(40, 'G'));
+    EXPECT_EQ(std::string(row(3).FileName, TZ_PROFILE_TEXT + 1), std::string(32, 'G') + '\0');
+}
+
+TEST_F(Spool, DeviceMarksComeOffAfterACompleteWalkAndDropAfterAFailedOne) {
+    for (const int status : {0, 2}) {
+        for (int i = 0; i < 8; ++i) table.Entry[i].InMenu = i;
+        vDeleteMIBprofilesTemporary(status, &table);
+        const int after[2][8] = {{0, 1, 1, 3, 3, 5, 6, 7}, {0, 0, 0, 3, 6, 5, 6, 7}};
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(table.Entry[i].InMenu, after[status != 0][i]) << status << " " << i;
+    }
+}
+
+TEST_F(Spool, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
     spool_row(1, 9, 5, "ABC.ICM", 1, "Device name");
     for (const auto& [in_menu, marked] : {std::pair{1, 2}, {5, 2}, {3, 4}, {6, 4}, {2, 2}, {4, 4}}) {
         table.Entry[0] = entry(3, in_menu, "ABC.ICM", 5, 2, "Plist name");
@@ -36,21 +81,18 @@ TEST_F(Rebuild, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
     }
     table.Entry[0] = entry(1, 1, "ABC.ICM", 4);  // another location: another profile
     table.Entry[1] = entry(2, 1, "ABC.ICM", 5);  // past iNum: not looked at
-    for (const int row : {-1, 500, 0}) vRestructDetail(row, &table);  // rows outside 0..499 ignored
-    EXPECT_EQ(table.iNum, 2);
-    EXPECT_EQ(table.Entry[1].InMenu, 1);
+    for (const int r : {-1, 500, 0}) vRestructDetail(r, &table);  // rows outside 0..499 ignored
+    EXPECT_EQ(std::tuple(table.iNum, table.Entry[1].InMenu), std::tuple(2, 1));
     ProfileEntry added = entry(9, 2, "ABC.ICM", 5, 1, "Device name");
     added.DriverAvail = 1;
     EXPECT_TRUE(same_bytes(table.Entry[2], added));
-
     for (auto& e : table.Entry) e = entry(1, 1, "OLD.ICM");
     table.iNum = TZ_PROFILE_SLOTS;
     vRestructDetail(0, &table);  // a full table drops the row
-    EXPECT_EQ(table.iNum, TZ_PROFILE_SLOTS);
-    EXPECT_STREQ(table.Entry[499].FileName, "OLD.ICM");
+    EXPECT_EQ(std::tuple(table.iNum, std::string(table.Entry[499].FileName)), std::tuple(500, "OLD.ICM"));
 }
 
-TEST_F(Rebuild, CompleteWalkRemarksReportedProfilesAndDropsRefusedNamesBeforeTheMerge) {
+TEST_F(Spool, RebuildAfterACompleteWalkRemarksTakesAcceptedRowsAndDropsRefusedNamesBeforeTheMerge) {
     Tables::add(before.rgb, entry(6, 1, "A+B.ICC"));  // refused: RGB closes up before new rows come in
     Tables::add(before.rgb, entry(3, 2, "ABC.ICM", 4, 1, "Plist name"));
     Tables::add(before.rgb, entry(5, 4, "KEPT.ICM", 5, 2));
@@ -58,17 +100,23 @@ TEST_F(Rebuild, CompleteWalkRemarksReportedProfilesAndDropsRefusedNamesBeforeThe
     ASSERT_EQ(before.write(), 0);
     spool_row(1, 3, 4, "ABC.ICM", 1, "Device name");
     spool_row(2, 5, 5, "KEPT.ICM", 2);
-    spool_row(3, 7, 4, "NEW.ICM", 1);
+    int r = 3;  // rows of source 4 or 5, class 1 to 3, with names accepted are taken
+    for (const auto& [source, file, cls] : {std::tuple{4, "NEW.ICM", 1}, {5, "SIMDST.ICC", 3}, {3, "SOURCE3.ICC", 1},
+                                            {6, "SOURCE6.ICC", 1}, {4, "CLASS0.ICC", 0}, {4, "CLASS4.ICC", 4},
+                                            {5, "BAD NAME.ICC", 2}})
+        spool_row(r, r, source, file, cls), ++r;
+    spool_row(r, -1, 5, "UNCOUNTED.ICC", 1);  // past the count of index cells
     EXPECT_EQ(vRestructPlistSpool2Current(0), 0);
     ASSERT_EQ(after.read(), 0);
-    ASSERT_EQ(after.rgb.iNum, 3);
+    ASSERT_EQ(std::tuple(after.rgb.iNum, after.sim.iNum, after.dst.iNum), std::tuple(3, 1, 1));
     EXPECT_TRUE(same_bytes(after.rgb.Entry[0], before.rgb.Entry[1]));
-    EXPECT_EQ(after.rgb.Entry[1].InMenu, 4);
-    EXPECT_STREQ(after.rgb.Entry[2].FileName, "NEW.ICM");
-    EXPECT_EQ(after.sim.iNum, 0);
+    EXPECT_EQ(std::tuple(after.rgb.Entry[1].InMenu, std::string(after.rgb.Entry[2].FileName)), std::tuple(4, "NEW.ICM"));
+    EXPECT_EQ(std::tuple(std::string(after.sim.Entry[0].FileName), std::string(after.dst.Entry[0].FileName),
+                         after.dst.Entry[0].InMenu, after.dst.Entry[0].Location),
+              std::tuple("SIMDST.ICC", "SIMDST.ICC", 2, 5));
 }
 
-TEST_F(Rebuild, FailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
+TEST_F(Spool, RebuildAfterAFailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
     for (const auto& [mark, file] : {std::pair{1, "ONE.ICC"}, {2, "TWO.ICC"}, {4, "FOUR.ICC"}, {5, "FIVE.ICC"}})
         Tables::add(before.sim, entry(mark, mark, file, 4, 3));
     ASSERT_EQ(before.write(), 0);
@@ -77,25 +125,6 @@ TEST_F(Rebuild, FailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
     ASSERT_EQ(after.sim.iNum, 2);
     EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)));
     EXPECT_TRUE(same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
-}
-
-TEST_F(Rebuild, TakesCountedRowsOfSource4Or5AndClass1To3WithAcceptedNames) {
-    spool_row(1, 1, 4, "SIMDST.ICC", 3);
-    spool_row(2, 2, 3, "SOURCE3.ICC", 1);
-    spool_row(3, 3, 6, "SOURCE6.ICC", 1);
-    spool_row(4, 4, 4, "CLASS0.ICC", 0);
-    spool_row(5, 5, 4, "CLASS4.ICC", 4);
-    spool_row(6, 6, 5, "BAD NAME.ICC", 2);
-    spool_row(7, 7, 5, "RGB2.ICC", 2);
-    spool_row(8, -1, 5, "UNCOUNTED.ICC", 1);  // past the count of index cells
-    EXPECT_EQ(vRestructPlistSpool2Current(0), 0);  // no file yet: written from scratch
-    ASSERT_EQ(after.read(), 0);
-    ASSERT_EQ(std::tuple(after.rgb.iNum, after.sim.iNum, after.dst.iNum), std::tuple(1, 1, 1));
-    EXPECT_STREQ(after.sim.Entry[0].FileName, "SIMDST.ICC");
-    EXPECT_STREQ(after.dst.Entry[0].FileName, "SIMDST.ICC");
-    EXPECT_EQ(after.dst.Entry[0].InMenu, 2);
-    EXPECT_STREQ(after.rgb.Entry[0].FileName, "RGB2.ICC");
-    EXPECT_EQ(after.rgb.Entry[0].Location, 5);
 }
 
 }  // namespace

@@ -1,15 +1,8 @@
 #!/usr/bin/python3
-"""A scripted SNMP v1/v2c agent whose answers depend only on the name asked for.
-
-Usage: scripted_agent.py LOG SCRIPT, SCRIPT a JSON object of
-  "rows": N               rows 1..N of the printer's table, as printer_table() in tests/support/snmp_agent.h
-  "answers": {oid: step}  a GETNEXT of that name gets {"oid", "value"} (no value: endOfMibView) or
-                          {"error": N}; with "times": N only N times, then no answer
-  "silent_from": oid      no answer for any name from this one on
-  "drop_every": K, "delay_every": [K, MS]   every K-th request unanswered, or answered MS ms late
-Logs each request to LOG as "<get|getnext|other> <oid>" before answering; prints its UDP port on
-127.0.0.1, then serves until the reader of its standard output closes it.
-"""
+"""A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON) holds "rows": N (the printer's
+table, as printer_table() in tests/support/snmp_agent.h), "answers": {oid: {"oid", "value"} (no value: endOfMibView)
+or {"error": N}, "times": N optional} for GETNEXTs of that oid, "silent_from": oid, "drop_every": K, "delay_every":
+[K, MS]. Logs each request to LOG, prints its UDP port and serves until its standard output is closed."""
 import heapq
 import json
 import select
@@ -59,8 +52,7 @@ def main():
         module = api.protoModules[version]
         request, _ = decoder.decode(data, asn1Spec=module.Message())
         pdu = module.apiMessage.getPDU(request)
-        kind = ("getnext" if pdu.isSameTypeWith(module.GetNextRequestPDU()) else
-                "get" if pdu.isSameTypeWith(module.GetRequestPDU()) else "other")
+        kind = "get" if pdu.isSameTypeWith(module.GetRequestPDU()) else "getnext"
         binds = module.apiPDU.getVarBinds(pdu)
         name = binds[0][0].prettyPrint()
         log.write("%s %s\n" % (kind, name))

@@ -85,10 +85,6 @@ struct Observed {
 
 Observed walk_at(const Case& c, const std::string& peer, const ScriptedAgent* scripted, int32_t window) {
     const ProfilePaths paths;
-    Tables seed;  // a device profile the printer may still report, and the user's own
-    Tables::add(seed.rgb, entry(1, 2, "PRF00001.ICC", 5));
-    Tables::add(seed.sim, entry(0, 1, "MINE.ICC"));
-    EXPECT_EQ(seed.write(), 0);
     for (const int boolean : {1, 2, 3}) netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, boolean, 0);
     std::memset(sDEBUGmsg, 0, sizeof sDEBUGmsg);
     seen = Observed{};
@@ -167,25 +163,6 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     ASSERT_EQ(requests.size(), 8u);  // the GET, six variables, the end
     EXPECT_EQ(requests[0], "get " + kT);
     EXPECT_EQ(requests[2], "getnext " + cell(1, 1));
-}
-
-TEST(Walk, ASecondWalkParsesItsOwnArgumentsAndRebuildsFromCountedRows) {
-    const ProfilePaths paths;
-    std::vector<std::string> rows = printer_row(1, 4, "ONE.ICC", 1);
-    for (const int r : {2, 5})
-        for (auto& line : printer_row(r, 4, "ROW" + std::to_string(r) + ".ICC", 1)) rows.push_back(line);
-    SnmpAgent agent(rows);
-    ScriptedAgent other("");
-    // Options clustered and split differently in the two walks.
-    EXPECT_EQ(walk({"-v1", "-cpublic", "-t", "0.2", "-r0", agent.peer(), kT}), 0);
-    EXPECT_EQ(PlistForSpool.iNum, 3);
-    Tables written;
-    ASSERT_EQ(written.read(), 0);
-    ASSERT_EQ(written.rgb.iNum, 2);  // the first 3 rows are read: row 5 never
-    EXPECT_STREQ(written.rgb.Entry[1].FileName, "ROW2.ICC");
-    EXPECT_EQ(walk({"-r", "0", "-t0.2", "-v", "1", "-c", "public", other.peer(), kT + ".4"}), 0);
-    EXPECT_EQ(other.requests(), std::vector<std::string>{"getnext " + kT + ".4"});
-    EXPECT_EQ(PlistForSpool.iNum, 0);
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {

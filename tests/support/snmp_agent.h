@@ -24,9 +24,7 @@
 
 namespace tz::test {
 
-inline std::string override_integer(std::string_view oid, long value) {
-    return "override " + std::string(oid) + " integer " + std::to_string(value);
-}
+inline std::string override_integer(std::string_view oid, long n) { return "override " + std::string(oid) + " integer " + std::to_string(n); }
 // TEXT must not hold a quotation mark or a line break.
 inline std::string override_string(std::string_view oid, std::string_view text) {
     return "override " + std::string(oid) + " octet_str \"" + std::string(text) + "\"";
@@ -34,9 +32,7 @@ inline std::string override_string(std::string_view oid, std::string_view text) 
 
 // The printer's profile table and the OID of one cell of it.
 inline const std::string kProfileTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
-inline std::string cell(int column, int row) {
-    return kProfileTable + "." + std::to_string(column) + ".1." + std::to_string(row);
-}
+inline std::string cell(int column, int row) { return kProfileTable + "." + std::to_string(column) + ".1." + std::to_string(row); }
 
 // One row of the printer's table: columns 1 to 5 and 7 (available).
 inline std::vector<std::string> printer_row(int row, int source, const std::string& file, int cls) {
@@ -63,8 +59,7 @@ inline pid_t spawn_quiet(const std::vector<std::string>& argv, const std::vector
     std::vector<char*> args, vars;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     for (const auto& v : env) vars.push_back(const_cast<char*>(v.c_str()));
-    args.push_back(nullptr);
-    vars.push_back(nullptr);
+    args.push_back(nullptr), vars.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -98,7 +93,6 @@ public:
     }
     ~SnmpAgent() { stop(); }
     SnmpAgent(const SnmpAgent&) = delete;
-    SnmpAgent& operator=(const SnmpAgent&) = delete;
 
     uint16_t port() const { return port_; }
     std::string peer() const { return "127.0.0.1:" + std::to_string(port_); }
