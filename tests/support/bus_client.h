@@ -1,11 +1,8 @@
-// The client library on a private bus, for tests: a connection that fails the
-// test when it cannot be made, and a call's outcome as one comparable string.
+// The client library on a private bus: a connection that fails the test when
+// it cannot be made, and a call's outcome as one comparable string.
 #pragma once
 
 #include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
 
 #include "helper_client.h"
 #include "private_bus.h"
@@ -21,8 +18,7 @@ inline std::unique_ptr<tz::client::HelperClient> connect(const PrivateBus& bus) 
 
 // The reply, or "error <name>: <message>".
 inline std::string reply_of(const tz::client::Outcome& outcome) {
-    return outcome.ok() ? outcome.reply
-                        : "error " + outcome.error->name + ": " + outcome.error->message;
+    return outcome.ok() ? outcome.reply : "error " + outcome.error->name + ": " + outcome.error->message;
 }
 
 }  // namespace tz::test
