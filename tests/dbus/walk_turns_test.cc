@@ -3,13 +3,11 @@
 #include <future>
 #include <latch>
 
-#include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "bus_client.h"
-#include "bus_names.h"
-#include "bus_watch.h"
-#include "methods.h"
+#include <gtest/gtest.h>
+
+#include "private_bus.h"
 #include "snmp_agent.h"
 #include "udp_relay.h"
 
@@ -54,7 +52,7 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     for (int round = 0; round < 10; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         clear();
-        for (UdpRelay* relay : relays) relay->hold();
+        for (UdpRelay* relay : relays) relay->hold(true);
         std::latch start(2);
         std::future<tz::client::Outcome> outcomes[2];
         for (int i = 0; i < 2; ++i)
@@ -68,7 +66,7 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
         EXPECT_EQ(relays[1 - running]->requests(), 0u) << "the second walk began while the first ran";
         for (auto& outcome : outcomes)
             EXPECT_EQ(outcome.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-        for (UdpRelay* relay : relays) relay->release();
+        for (UdpRelay* relay : relays) relay->hold(false);
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
             EXPECT_TRUE(tz::test::read_file(files[i]) == alone[i]) << files[i] << " differs from a lone walk's";
@@ -80,35 +78,28 @@ TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
     tz::test::PrivateBus bus(30);
     tz::test::SnmpAgent printer(tz::test::printer_table(3));
     UdpRelay relay(printer.port());
-    auto first = connect(bus), other = connect(bus);
-    ASSERT_TRUE(first && other);
-    relay.hold();
+    auto first = connect(bus), other = connect(bus), leaver = connect(bus);
+    ASSERT_TRUE(first && other && leaver);
+    relay.hold(true);
     auto held = std::async(std::launch::async, [&] { return first->mib_walk(walk_of("T48Q", "alice", relay.peer())); });
     ASSERT_EQ(UdpRelay::first_asked({&relay}), 0);
 
     // The leaver: known to the service (one call answered), then a walk the
-    // bus has delivered (its GetNameOwner answer comes after it), then gone.
-    auto leaver = sdbus::createSessionBusConnectionWithAddress(bus.address());
-    tz::test::BusWatch left(bus.address(), "type='signal',member='NameOwnerChanged',arg0='" + leaver->getUniqueName() + "'",
-                            [](sdbus::Message& m) { return m.getMemberName(); });
-    auto proxy = sdbus::createProxy(*leaver, std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath));
-    std::string reply, owner;
-    proxy->callMethod(std::string(tz::protocol::kExist.name))
-        .onInterface(std::string(tz::bus::kInterface)).withArguments(std::string("/")).storeResultsTo(reply);
-    ASSERT_EQ(reply, "TRUE");
-    proxy->callMethodAsync(std::string(tz::protocol::kMibWalk.name))
-        .onInterface(std::string(tz::bus::kInterface))
-        .withArguments(walk_of("T48Q", "leaver", relay.peer()))
-        .uponReplyInvoke([](const sdbus::Error*, std::string) {});
-    sdbus::createProxy(*leaver, "org.freedesktop.DBus", "/org/freedesktop/DBus")
-        ->callMethod("GetNameOwner").onInterface("org.freedesktop.DBus")
-        .withArguments(std::string(tz::bus::kBusName)).storeResultsTo(owner);
-    proxy.reset();
+    // service has received (before the property read behind it), then gone.
+    const std::string name = leaver->unique_name();
+    ASSERT_EQ(reply_of(leaver->exist("/")), "TRUE");
+    leaver->set_walk_timeout(std::chrono::milliseconds(1));
+    EXPECT_FALSE(leaver->mib_walk(walk_of("T48Q", "leaver", relay.peer())).ok());
+    ASSERT_EQ(reply_of(leaver->version()), TZ_VERSION);
     leaver.reset();
-    ASSERT_TRUE(left.wait_until([](const auto& seen) { return !seen.empty(); }));
-    EXPECT_EQ(reply_of(other->exist("/")), "TRUE");  // the service has seen the departure before this
+    // Once the bus has dropped the name, the service gets the departure before any later call.
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+    auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    for (bool has = true; has; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+        daemon->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name).storeResultsTo(has);
+    EXPECT_EQ(reply_of(other->exist("/")), "TRUE");
 
-    relay.release();
+    relay.hold(false);
     EXPECT_EQ(reply_of(held.get()), "iRet=0");
     // Turns go in arrival order: the leaver's walk would have run before this one.
     EXPECT_EQ(reply_of(other->mib_walk(walk_of("T48Q", "bob", relay.peer()))), "iRet=0");

@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 
 #include "as_unprivileged.h"
-#include "bus_client.h"
 #include "bus_names.h"
+#include "private_bus.h"
 #include "service_call.h"
 #include "snmp_agent.h"
 #include "udp_relay.h"
@@ -67,7 +67,6 @@ TEST(WalkFaults, AnAgentKilledHalfwayFailsTheWalkAndTheFileKeepsTheRowsThatArriv
     auto client = connect(bus);
     ASSERT_TRUE(client);
     EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", relay.peer()))), "iRet=1");
-    EXPECT_EQ(relay.answers(), 2400u);
     const std::string slots = slots_in_use(bus.prefs() + "alice-T48Q-profile.plist");
     int complete = 400;
     while (complete > 2 && slots != expected_slots(complete)) --complete;
@@ -91,8 +90,7 @@ TEST(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
     ASSERT_TRUE(tz::test::wait_for_exit(service, std::chrono::seconds(30)));
     EXPECT_FALSE(tz::test::exists(plist)) << "the rebuild never ran";
 
-    relay.reopen();
-    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", relay.peer()))), "iRet=0");
+    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", agent.peer()))), "iRet=0");
     EXPECT_NE(bus.service_pid(), service);
     EXPECT_EQ(slots_in_use(plist), expected_slots(500));
 }

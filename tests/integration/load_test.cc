@@ -16,9 +16,8 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "bus_client.h"
-#include "bus_names.h"
 #include "methods.h"
+#include "private_bus.h"
 
 namespace {
 

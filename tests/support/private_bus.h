@@ -2,7 +2,8 @@
 // configuration in a temporary folder, on which tzhelperd (TZHELPERD_PATH) is
 // activatable with --preferences-dir prefs/ and --idle-exit. Every user may
 // connect, so a test can call as nobody. The destructor stops the daemon and
-// waits for the service it started. Also: running a command for its output.
+// waits for the service it started. Also: running a command for its output,
+// and the client library on such a bus.
 #pragma once
 
 #include <fcntl.h>
@@ -19,9 +20,11 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
+#include "helper_client.h"
 #include "temp_dir.h"
 
 extern char** environ;
@@ -126,7 +129,6 @@ public:
         return static_cast<pid_t>(pid);
     }
 
-    // Stops the daemon, and waits for the service it started to notice.
     void stop() {
         if (daemon_ <= 0) return;
         const pid_t service = address_.empty() ? 0 : service_pid();
@@ -141,5 +143,18 @@ private:
     pid_t daemon_ = -1;
     std::string address_;
 };
+
+// A client on `bus`; the test fails when it cannot be made.
+inline std::unique_ptr<tz::client::HelperClient> connect(const PrivateBus& bus) {
+    tz::client::BusError error;
+    auto client = tz::client::HelperClient::connect(bus.address(), &error);
+    if (!client) ADD_FAILURE() << error.name << ": " << error.message;
+    return client;
+}
+
+// The reply, or "error <name>: <message>".
+inline std::string reply_of(const tz::client::Outcome& outcome) {
+    return outcome.ok() ? outcome.reply : "error " + outcome.error->name + ": " + outcome.error->message;
+}
 
 }  // namespace tz::test

@@ -1,27 +1,21 @@
 // A UDP relay on 127.0.0.1 between walks and a real SNMP agent, so that a test
 // picks the moment something happens in a walk instead of guessing a time:
-// hold() keeps every request until release(); cut_after(n, action) runs
-// `action` after n answers and passes nothing more until reopen(). Each
-// socket a walk sends from gets a socket of its own towards the agent, so
-// every answer goes back to the socket that asked. Actions run on the relay's
-// thread, which lives from the constructor to the destructor.
+// hold(true) keeps every request until hold(false); cut_after(n, action) runs
+// `action` on the relay's thread after n answers and passes nothing more.
+// Each socket a walk sends from gets its own socket towards the agent, so
+// every answer goes back to the socket that asked.
 #pragma once
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <functional>
-#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace tz::test {
@@ -39,29 +33,24 @@ public:
     ~UdpRelay() {
         ::close(stop_[1]);
         thread_.join();
-        ::close(stop_[0]);
-        ::close(front_);
-        for (const Walker& walker : walkers_) ::close(walker.back);
+        for (const int fd : {stop_[0], front_}) ::close(fd);
+        for (const auto& [address, back] : walkers_) ::close(back);
     }
 
     std::string peer() const { return "127.0.0.1:" + std::to_string(port_); }
-    void hold() {
+    // Holding starts the count of requests afresh; letting go sends the held ones in order.
+    void hold(bool on) {
         std::lock_guard lock(mutex_);
-        holding_ = true;
-        requests_ = 0;
-    }
-    void release() {
-        std::lock_guard lock(mutex_);
-        holding_ = false;
+        holding_ = on;
+        if (on) requests_ = 0;
         for (const auto& [back, packet] : held_) ::send(back, packet.data(), packet.size(), 0);
         held_.clear();
     }
-    // Requests received since the last hold().
     std::size_t requests() const {
         std::lock_guard lock(mutex_);
         return requests_;
     }
-    // The first of `relays` to receive a request since hold(), or -1 after a minute.
+    // The first of `relays` asked since hold(true), or -1 after a minute.
     static int first_asked(const std::vector<const UdpRelay*>& relays) {
         for (int tick = 0; tick < 30'000; ++tick, std::this_thread::sleep_for(std::chrono::milliseconds(2)))
             for (std::size_t i = 0; i < relays.size(); ++i)
@@ -73,21 +62,8 @@ public:
         limit_ = answers;
         action_ = std::move(action);
     }
-    void reopen() {
-        std::lock_guard lock(mutex_);
-        limit_ = std::numeric_limits<std::size_t>::max();
-        cut_ = false;
-    }
-    std::size_t answers() const {
-        std::lock_guard lock(mutex_);
-        return answers_;
-    }
 
 private:
-    struct Walker {
-        sockaddr_in address;
-        int back;
-    };
     static sockaddr_in loopback(uint16_t port) {
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
@@ -103,58 +79,43 @@ private:
         return fd;
     }
 
-    void on_request(const char* packet, std::size_t size, const sockaddr_in& from) {
-        std::lock_guard lock(mutex_);
-        if (cut_) return;
-        int back = -1;
-        for (const Walker& walker : walkers_)
-            if (walker.address.sin_port == from.sin_port) back = walker.back;
-        if (back < 0) {
-            back = bound_socket();
-            ::connect(back, reinterpret_cast<const sockaddr*>(&agent_), sizeof agent_);
-            walkers_.push_back({from, back});
-        }
-        ++requests_;
-        if (holding_) held_.emplace_back(back, std::string(packet, size));
-        else ::send(back, packet, size, 0);
-    }
-    void on_answer(const char* packet, std::size_t size, const sockaddr_in& to) {
-        std::function<void()> action;
-        {
-            std::lock_guard lock(mutex_);
-            if (cut_) return;
-            ::sendto(front_, packet, size, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-            if (++answers_ == limit_) {
-                cut_ = true;
-                action = std::move(action_);
-            }
-        }
-        if (action) action();
-    }
     void run() {
         char packet[65536];
         for (;;) {
-            std::vector<Walker> walkers;
+            std::vector<std::pair<sockaddr_in, int>> walkers;  // a walk's socket, ours towards the agent
             {
                 std::lock_guard lock(mutex_);
                 walkers = walkers_;
             }
             std::vector<pollfd> fds = {{stop_[0], POLLIN, 0}, {front_, POLLIN, 0}};
-            for (const Walker& walker : walkers) fds.push_back({walker.back, POLLIN, 0});
+            for (const auto& [address, back] : walkers) fds.push_back({back, POLLIN, 0});
             if (::poll(fds.data(), fds.size(), -1) < 0) continue;
             if (fds[0].revents != 0) return;
-            if (fds[1].revents & POLLIN) {
-                sockaddr_in from{};
-                socklen_t len = sizeof from;
-                const ssize_t got =
-                    ::recvfrom(front_, packet, sizeof packet, 0, reinterpret_cast<sockaddr*>(&from), &len);
-                if (got > 0) on_request(packet, static_cast<std::size_t>(got), from);
+            std::function<void()> action;
+            std::lock_guard lock(mutex_);
+            sockaddr_in from{};
+            socklen_t len = sizeof from;
+            const ssize_t got = (fds[1].revents & POLLIN) ? ::recvfrom(front_, packet, sizeof packet, 0,
+                                                                       reinterpret_cast<sockaddr*>(&from), &len) : 0;
+            if (got > 0 && answers_ < limit_) {
+                int back = -1;
+                for (const auto& [address, fd] : walkers_) back = address.sin_port == from.sin_port ? fd : back;
+                if (back < 0) {
+                    walkers_.emplace_back(from, back = bound_socket());
+                    ::connect(back, reinterpret_cast<const sockaddr*>(&agent_), sizeof agent_);
+                }
+                ++requests_;
+                if (holding_) held_.emplace_back(back, std::string(packet, static_cast<std::size_t>(got)));
+                else ::send(back, packet, static_cast<std::size_t>(got), 0);
             }
             for (std::size_t i = 0; i < walkers.size(); ++i) {
-                if (!(fds[i + 2].revents & POLLIN)) continue;
-                const ssize_t got = ::recv(walkers[i].back, packet, sizeof packet, 0);
-                if (got > 0) on_answer(packet, static_cast<std::size_t>(got), walkers[i].address);
+                const ssize_t size = (fds[i + 2].revents & POLLIN) ? ::recv(walkers[i].second, packet, sizeof packet, 0) : 0;
+                if (size <= 0 || answers_ >= limit_) continue;
+                ::sendto(front_, packet, static_cast<std::size_t>(size), 0,
+                         reinterpret_cast<const sockaddr*>(&walkers[i].first), sizeof walkers[i].first);
+                if (++answers_ == limit_) action = std::move(action_);
             }
+            if (action) action();  // under the lock: whatever the action ends, nothing passes meanwhile
         }
     }
 
@@ -163,11 +124,10 @@ private:
     uint16_t port_ = 0;
     int stop_[2] = {-1, -1};
     mutable std::mutex mutex_;
-    std::vector<Walker> walkers_;
-    std::vector<std::pair<int, std::string>> held_;  // back socket, request
+    std::vector<std::pair<sockaddr_in, int>> walkers_;
+    std::vector<std::pair<int, std::string>> held_;  // our socket, request
     bool holding_ = false;
-    bool cut_ = false;
-    std::size_t requests_ = 0, answers_ = 0, limit_ = std::numeric_limits<std::size_t>::max();
+    std::size_t requests_ = 0, answers_ = 0, limit_ = SIZE_MAX;
     std::function<void()> action_;
     std::thread thread_;  // last: starts after everything it uses exists
 };
