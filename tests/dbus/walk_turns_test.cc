@@ -32,13 +32,11 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
         for (auto& line : tz::test::printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3))
             second_table.push_back(line);
     tz::test::SnmpAgent first_printer(tz::test::printer_table(9)), second_printer(second_table);
-    UdpRelay relay0(first_printer.port()), relay1(second_printer.port());
-    UdpRelay* relays[2] = {&relay0, &relay1};
-    auto alice = connect(bus), bob = connect(bus), other = connect(bus);
-    ASSERT_TRUE(alice && bob && other);
-    const std::string walks[2] = {walk_of("T48Q", "alice", relay0.peer()), walk_of("T49X", "bob", relay1.peer())};
+    UdpRelay relays[2] = {UdpRelay(first_printer.port()), UdpRelay(second_printer.port())};
+    std::unique_ptr<tz::client::HelperClient> walkers[2] = {connect(bus), connect(bus)}, other = connect(bus);
+    ASSERT_TRUE(walkers[0] && walkers[1] && other);
+    const std::string walks[2] = {walk_of("T48Q", "alice", relays[0].peer()), walk_of("T49X", "bob", relays[1].peer())};
     const std::string files[2] = {bus.prefs() + "alice-T48Q-profile.plist", bus.prefs() + "bob-T49X-profile.plist"};
-    tz::client::HelperClient* walkers[2] = {alice.get(), bob.get()};
     const auto clear = [&] {
         for (const auto& entry : std::filesystem::directory_iterator(bus.prefs())) std::filesystem::remove(entry);
     };
@@ -52,7 +50,7 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     for (int round = 0; round < 10; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         clear();
-        for (UdpRelay* relay : relays) relay->hold(true);
+        for (UdpRelay& relay : relays) relay.hold(true);
         std::latch start(2);
         std::future<tz::client::Outcome> outcomes[2];
         for (int i = 0; i < 2; ++i)
@@ -60,13 +58,13 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
                 start.arrive_and_wait();
                 return walkers[i]->mib_walk(walks[i]);
             });
-        const int running = UdpRelay::first_asked({relays[0], relays[1]});
+        const int running = UdpRelay::first_asked({&relays[0], &relays[1]});
         ASSERT_GE(running, 0) << "no walk reached its printer";
         EXPECT_EQ(reply_of(other->exist(bus.prefs())), "TRUE");
-        EXPECT_EQ(relays[1 - running]->requests(), 0u) << "the second walk began while the first ran";
+        EXPECT_EQ(relays[1 - running].requests(), 0u) << "the second walk began while the first ran";
         for (auto& outcome : outcomes)
             EXPECT_EQ(outcome.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-        for (UdpRelay* relay : relays) relay->hold(false);
+        for (UdpRelay& relay : relays) relay.hold(false);
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
             EXPECT_TRUE(tz::test::read_file(files[i]) == alone[i]) << files[i] << " differs from a lone walk's";

@@ -7,18 +7,12 @@
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -33,17 +27,15 @@ namespace tz::test {
 
 // Starts `argv` (argv[0] looked up in PATH), stdin from /dev/null, stdout and
 // stderr to the files `out` and `err` ("" keeps ours), `fd3` as fd 3 if given.
-inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err,
-                   int fd3 = -1) {
+inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err, int fd3 = -1) {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    const int create = O_WRONLY | O_CREAT | O_TRUNC;
-    if (!out.empty()) posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), create, 0644);
-    if (!err.empty()) posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), create, 0644);
+    if (!out.empty()) posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!err.empty()) posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
     pid_t pid = -1;
     const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
@@ -53,42 +45,35 @@ inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out,
 
 struct CommandResult {
     int status = -1;  // exit status, or -1 when it did not exit normally
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 inline CommandResult run_command(const std::vector<std::string>& argv) {
     const TempDir dir;
     CommandResult result;
     const pid_t pid = spawn(argv, dir.file("out"), dir.file("err"));
-    if (pid <= 0) return result;
     int status = 0;
-    if (::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-    result.out = read_file(dir.file("out"));
-    result.err = read_file(dir.file("err"));
-    return result;
+    if (pid <= 0 || ::waitpid(pid, &status, 0) != pid) return result;
+    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+    return {result.status, read_file(dir.file("out")), read_file(dir.file("err"))};
 }
 
 // Waits until process `pid` (not only a child) has ended; false after `limit`.
 inline bool wait_for_exit(pid_t pid, std::chrono::milliseconds limit) {
-    const int fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-    if (fd < 0) return errno == ESRCH;
-    pollfd entry{fd, POLLIN, 0};
-    const int ready = ::poll(&entry, 1, static_cast<int>(limit.count()));
-    ::close(fd);
-    return ready == 1;
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (::kill(pid, 0) == 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return ::kill(pid, 0) != 0;
 }
 
 class PrivateBus {
 public:
     explicit PrivateBus(int idle_exit_seconds = 1) {
-        ::chmod(dir_.path().c_str(), 0755);
         std::filesystem::create_directory(dir_.path() / "services");
         std::filesystem::create_directory(dir_.path() / "prefs");
-        ::chmod(prefs().c_str(), 0755);
+        for (const std::string& folder : {dir_.path().string(), prefs()}) ::chmod(folder.c_str(), 0755);
         std::string config = read_file(TZ_SESSION_BUS_CONF);
-        for (std::size_t at; (at = config.find("@DIR@")) != std::string::npos;)
-            config.replace(at, 5, dir_.path().string());
+        for (std::size_t at; (at = config.find("@DIR@")) != std::string::npos;) config.replace(at, 5, dir_.path().string());
         write_file(dir_.file("bus.conf"), config);
         write_file(dir_.file("services/tazorex.printers.T48Q.Helper.service"),
                    "[D-BUS Service]\nName=tazorex.printers.T48Q.Helper\nExec=" TZHELPERD_PATH " --idle-exit " +
@@ -100,14 +85,10 @@ public:
         ::close(pipe[1]);
         for (char c = 0; daemon_ > 0 && ::read(pipe[0], &c, 1) == 1 && c != '\n';) address_ += c;
         ::close(pipe[0]);
-        if (address_.empty()) {
-            stop();
-            throw std::runtime_error("dbus-daemon did not start");
-        }
+        if (address_.empty()) stop();
+        if (address_.empty()) throw std::runtime_error("dbus-daemon did not start");
     }
     ~PrivateBus() { stop(); }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
 
     const std::string& address() const { return address_; }
     // The service's preferences folder, with a trailing '/'.
@@ -117,13 +98,11 @@ public:
     // The pid of the process that owns the helper's name now, 0 if none.
     pid_t service_pid() const {
         auto connection = sdbus::createSessionBusConnectionWithAddress(address_);
-        auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
         uint32_t pid = 0;
         try {
-            daemon->callMethod("GetConnectionUnixProcessID")
-                .onInterface("org.freedesktop.DBus")
-                .withArguments(std::string(tz::bus::kBusName))
-                .storeResultsTo(pid);
+            sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+                ->callMethod("GetConnectionUnixProcessID").onInterface("org.freedesktop.DBus")
+                .withArguments(std::string(tz::bus::kBusName)).storeResultsTo(pid);
         } catch (const sdbus::Error&) {
         }
         return static_cast<pid_t>(pid);

@@ -27,7 +27,7 @@ public:
         socklen_t len = sizeof own;
         if (::getsockname(front_, reinterpret_cast<sockaddr*>(&own), &len) != 0 || ::pipe2(stop_, O_CLOEXEC) != 0)
             throw std::runtime_error("cannot set up a relay");
-        port_ = ntohs(own.sin_port);
+        peer_ = "127.0.0.1:" + std::to_string(ntohs(own.sin_port));
         thread_ = std::thread([this] { run(); });
     }
     ~UdpRelay() {
@@ -37,7 +37,7 @@ public:
         for (const auto& [address, back] : walkers_) ::close(back);
     }
 
-    std::string peer() const { return "127.0.0.1:" + std::to_string(port_); }
+    const std::string& peer() const { return peer_; }
     // Holding starts the count of requests afresh; letting go sends the held ones in order.
     void hold(bool on) {
         std::lock_guard lock(mutex_);
@@ -65,11 +65,7 @@ public:
 
 private:
     static sockaddr_in loopback(uint16_t port) {
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = htons(port);
-        return addr;
+        return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     }
     static int bound_socket() {
         const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -78,17 +74,11 @@ private:
             throw std::runtime_error("cannot bind a UDP socket");
         return fd;
     }
-
     void run() {
         char packet[65536];
         for (;;) {
-            std::vector<std::pair<sockaddr_in, int>> walkers;  // a walk's socket, ours towards the agent
-            {
-                std::lock_guard lock(mutex_);
-                walkers = walkers_;
-            }
             std::vector<pollfd> fds = {{stop_[0], POLLIN, 0}, {front_, POLLIN, 0}};
-            for (const auto& [address, back] : walkers) fds.push_back({back, POLLIN, 0});
+            for (const auto& [address, back] : walkers_) fds.push_back({back, POLLIN, 0});  // only this thread adds
             if (::poll(fds.data(), fds.size(), -1) < 0) continue;
             if (fds[0].revents != 0) return;
             std::function<void()> action;
@@ -108,11 +98,12 @@ private:
                 if (holding_) held_.emplace_back(back, std::string(packet, static_cast<std::size_t>(got)));
                 else ::send(back, packet, static_cast<std::size_t>(got), 0);
             }
-            for (std::size_t i = 0; i < walkers.size(); ++i) {
-                const ssize_t size = (fds[i + 2].revents & POLLIN) ? ::recv(walkers[i].second, packet, sizeof packet, 0) : 0;
+            for (std::size_t i = 0; i + 2 < fds.size(); ++i) {
+                const auto& [address, back] = walkers_[i];
+                const ssize_t size = (fds[i + 2].revents & POLLIN) ? ::recv(back, packet, sizeof packet, 0) : 0;
                 if (size <= 0 || answers_ >= limit_) continue;
-                ::sendto(front_, packet, static_cast<std::size_t>(size), 0,
-                         reinterpret_cast<const sockaddr*>(&walkers[i].first), sizeof walkers[i].first);
+                ::sendto(front_, packet, static_cast<std::size_t>(size), 0, reinterpret_cast<const sockaddr*>(&address),
+                         sizeof address);
                 if (++answers_ == limit_) action = std::move(action_);
             }
             if (action) action();  // under the lock: whatever the action ends, nothing passes meanwhile
@@ -121,7 +112,7 @@ private:
 
     const sockaddr_in agent_;
     const int front_;
-    uint16_t port_ = 0;
+    std::string peer_;
     int stop_[2] = {-1, -1};
     mutable std::mutex mutex_;
     std::vector<std::pair<sockaddr_in, int>> walkers_;
