@@ -1,5 +1,8 @@
-// tzhelperd's bus front on a real private dbus-daemon: activation, routing of
-// each method, the published interfaces, errors, the uid check, idle exit.
+// tzhelperd on a real private dbus-daemon: activation, routing of each method,
+// the published interfaces, errors, the uid check, idle exit; its command line.
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <set>
 
 #include <gtest/gtest.h>
@@ -58,20 +61,18 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperation) {
     }
 }
 
-// Each member of `interface` as one line: kind, name, type, access, arguments.
+// Each member of `interface` and each of its parts as one line: kind, then the attributes that say what it is.
 std::set<std::string> members_of(const std::string& xml, std::string_view interface) {
     pugi::xml_document doc;
     EXPECT_TRUE(xml.empty() ? doc.load_file(TZ_INTERFACE_XML) : doc.load_string(xml.c_str())) << xml;
-    std::set<std::string> members;
-    for (const auto& member : doc.select_nodes(("//interface[@name='" + std::string(interface) + "']/*").c_str())) {
-        std::string line = member.node().name();
-        for (const char* attribute : {"name", "type", "access"}) line += std::string(" ") + member.node().attribute(attribute).value();
-        for (const pugi::xml_node part : member.node().children())
-            for (const char* attribute : {"name", "type", "direction", "value"})
-                line += std::string(" ") + part.attribute(attribute).value();
-        members.insert(line);
+    std::set<std::string> lines;
+    for (const auto& found : doc.select_nodes(("//interface[@name='" + std::string(interface) + "']//*").c_str())) {
+        std::string line = std::string(found.node().name()) + " of " + found.node().parent().attribute("name").value();
+        for (const char* attribute : {"name", "type", "access", "direction", "value"})
+            line += std::string(" ") + found.node().attribute(attribute).value();
+        lines.insert(line);
     }
-    return members;
+    return lines;
 }
 
 TEST(HelperBus, PublishesItsInterfacesAndHelper1NamesVersionFolderAndWalkProgress) {
@@ -80,7 +81,7 @@ TEST(HelperBus, PublishesItsInterfacesAndHelper1NamesVersionFolderAndWalkProgres
                                           std::string(tz::bus::kBusName), "--object-path",
                                           std::string(tz::bus::kObjectPath), "--xml"}).out;
     EXPECT_EQ(members_of(live, tz::bus::kInterface), members_of("", tz::bus::kInterface));
-    EXPECT_EQ(members_of(live, tz::bus::kInterface1).size(), 3u) << "Version, PreferencesDirectory, WalkProgress";
+    EXPECT_EQ(members_of(live, tz::bus::kInterface1).size(), 7u) << "two properties, a signal, their parts";
     EXPECT_EQ(members_of(live, tz::bus::kInterface1), members_of("", tz::bus::kInterface1));
     const auto property = [&](std::string_view name) {
         return run_command({"busctl", "--address=" + bus.address(), "get-property", std::string(tz::bus::kBusName),
@@ -134,6 +135,66 @@ TEST(HelperBus, CallersOfAnotherUserAreDenied) {
     auto own = connect(bus);
     ASSERT_TRUE(own);
     EXPECT_EQ(reply_of(own->exist("/")), "TRUE") << "the service's own user is still served";
+}
+
+TEST(CommandLine, OptionsAndUsageErrors) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string out;  // a part of stdout; empty: exit status 2 and
+        std::string err;  // a one-line stderr holding this
+    };
+    const Case cases[] = {
+        {{"--version"}, "tzhelperd " TZ_VERSION "\n", ""},
+        {{"--help"}, "(default /var/lib/tzhelper/tazorex.printers.T48Q/)\n", ""},
+        {{"--walk-window=1", "--idle-exit=31536000", "--version"}, "tzhelperd " TZ_VERSION "\n", ""},
+        {{"--walk-window=2147483647", "--idle-exit=0", "--debug", "--version"}, "tzhelperd " TZ_VERSION "\n", ""},
+        {{"--walk-window", "0"}, "", "\"0\""},
+        {{"--walk-window=-3"}, "", "\"-3\""},
+        {{"--walk-window", "4x"}, "", "\"4x\""},
+        {{"--walk-window", "2147483648"}, "", "\"2147483648\""},
+        {{"--idle-exit=soon"}, "", "\"soon\""},
+        {{"--idle-exit=31536001"}, "", "\"31536001\""},
+        {{"--preferences-dir="}, "", "--preferences-dir"},
+        {{"--address"}, "", "\"--address\" needs a value"},
+        {{"--debug=yes"}, "", "\"--debug=yes\""},
+        {{"-x"}, "", "unknown option \"-x\""},
+        {{"--bogus"}, "", "\"--bogus\""},
+        {{"--debug", "stray"}, "", "\"stray\""},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv = {TZHELPERD_PATH};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        const auto result = run_command(argv);
+        SCOPED_TRACE(::testing::PrintToString(c.args));
+        EXPECT_EQ(result.status, c.out.empty() ? 2 : 0);
+        EXPECT_TRUE(c.out.empty() ? result.out.empty() : result.out.find(c.out) != std::string::npos) << result.out;
+        EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
+        EXPECT_EQ(result.err.find('\n'), c.err.empty() ? std::string::npos : result.err.size() - 1) << result.err;
+    }
+}
+
+// The folder check (one warning line, and the service starts anyway), and
+// under --debug, and only then, the walk's diagnostics at debug priority.
+TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
+    for (const bool debug : {true, false}) {
+        SCOPED_TRACE(debug ? "debug, folder there" : "missing folder");
+        tz::test::PrivateBus bus;
+        const std::string folder = debug ? bus.prefs() : bus.dir().file("missing") + "/", err = bus.dir().file("err");
+        const pid_t service = tz::test::spawn({TZHELPERD_PATH, "--address", bus.address(), "--idle-exit", "0",
+                                               "--preferences-dir", folder, debug ? "--debug" : "--idle-exit=0"}, "", err);
+        for (int i = 0; i < 3000 && bus.service_pid() != service; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ASSERT_EQ(bus.service_pid(), service) << "it never owned the name";
+        EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "9", "x"}))),
+                  "iRet=-1");
+        ASSERT_EQ(::kill(service, SIGTERM), 0);
+        int status = -1;
+        ASSERT_EQ(::waitpid(service, &status, 0), service);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_EQ(tz::test::read_file(err), debug ? "<7>tzhelperd: walk: Invalid version specified after -v flag: 9\n"
+                             : "<4>tzhelperd: the preferences folder " + folder +
+                                   " does not exist: walks cannot save profiles; ask an administrator to "
+                                   "create it (group lpadmin, mode 2775)\n");
+    }
 }
 
 }  // namespace
