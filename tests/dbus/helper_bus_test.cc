@@ -1,17 +1,18 @@
-// tzhelperd on a real private dbus-daemon: activation, routing of each method,
-// the published interfaces, errors, the uid check, idle exit; its command line.
+// tzhelperd on a real private dbus-daemon: activation, routing of each method, Helper1, errors, the uid
+// check, idle exit, its command line, and walks that take turns.
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <set>
+#include <future>
+#include <latch>
 
 #include <gtest/gtest.h>
-#include <pugixml.hpp>
 
 #include "as_unprivileged.h"
 #include "methods.h"
 #include "private_bus.h"
 #include "snmp_agent.h"
+#include "udp_relay.h"
 
 namespace {
 
@@ -19,13 +20,14 @@ using tz::test::connect;
 using tz::test::PrivateBus;
 using tz::test::reply_of;
 using tz::test::run_command;
+using tz::test::UdpRelay;
 
-std::string walk_request(const std::string& peer) {
-    return tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "1", "-c", "public", peer, tz::test::kProfileTable});
+std::string walk_of(const std::string& model, const std::string& user, const std::string& peer) {
+    return tz::client::walk_request(
+        model, user, {"snmpwalk", "-v", "1", "-c", "public", "-t", "20", "-r", "0", peer, tz::test::kProfileTable});
 }
 
-// busctl, an independent client: one row per method, each with a reply or a
-// file that no other operation would give for the same request.
+// busctl, an independent client: one row per method, with a reply or file no other operation gives.
 TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperation) {
     PrivateBus bus;
     tz::test::SnmpAgent agent(tz::test::printer_table(6));
@@ -37,7 +39,7 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperation) {
         std::string request, reply, path, content;  // content "-": `path` must not exist; "?": any
     } rows[] = {
         {p::kExist.name, current, "FALSE", current, "-"},
-        {p::kMibWalk.name, walk_request(agent.peer()), "iRet=0", current, "?"},
+        {p::kMibWalk.name, walk_of("T48Q", "alice", agent.peer()), "iRet=0", current, "?"},
         {p::kExist.name, current, "TRUE", current, "?"},
         {p::kIsAdmin.name, bus.prefs() + "probe", "TRUE", bus.prefs() + "probe", "-"},
         {p::kSwap.name, tz::client::swap_request(2, current, previous), "TRUE", previous, "?"},
@@ -45,7 +47,6 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperation) {
         {p::kWriteDictionary.name, tz::client::write_request(url, "<plist/>"), "TRUE", target, "<plist/>"},
         {p::kWriteData.name, tz::client::write_request(url, "piece"), "TRUE", target + ".dummy", "piece"},
         {p::kWriteDataRename.name, url, "TRUE", target, "piece"},
-        {p::kRemove.name, target + ".dummy", "FALSE", target, "piece"},
     };
     ASSERT_EQ(bus.service_pid(), 0) << "nothing runs before the first call";
     for (const auto& row : rows) {
@@ -61,28 +62,8 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperation) {
     }
 }
 
-// Each member of `interface` and each of its parts as one line: kind, then the attributes that say what it is.
-std::set<std::string> members_of(const std::string& xml, std::string_view interface) {
-    pugi::xml_document doc;
-    EXPECT_TRUE(xml.empty() ? doc.load_file(TZ_INTERFACE_XML) : doc.load_string(xml.c_str())) << xml;
-    std::set<std::string> lines;
-    for (const auto& found : doc.select_nodes(("//interface[@name='" + std::string(interface) + "']//*").c_str())) {
-        std::string line = std::string(found.node().name()) + " of " + found.node().parent().attribute("name").value();
-        for (const char* attribute : {"name", "type", "access", "direction", "value"})
-            line += std::string(" ") + found.node().attribute(attribute).value();
-        lines.insert(line);
-    }
-    return lines;
-}
-
-TEST(HelperBus, PublishesItsInterfacesAndHelper1NamesVersionFolderAndWalkProgress) {
+TEST(HelperBus, Helper1NamesVersionAndFolderAndReportsAWalksProgress) {
     PrivateBus bus;
-    const std::string live = run_command({"gdbus", "introspect", "--address", bus.address(), "--dest",
-                                          std::string(tz::bus::kBusName), "--object-path",
-                                          std::string(tz::bus::kObjectPath), "--xml"}).out;
-    EXPECT_EQ(members_of(live, tz::bus::kInterface), members_of("", tz::bus::kInterface));
-    EXPECT_EQ(members_of(live, tz::bus::kInterface1).size(), 7u) << "two properties, a signal, their parts";
-    EXPECT_EQ(members_of(live, tz::bus::kInterface1), members_of("", tz::bus::kInterface1));
     const auto property = [&](std::string_view name) {
         return run_command({"busctl", "--address=" + bus.address(), "get-property", std::string(tz::bus::kBusName),
                             std::string(tz::bus::kObjectPath), std::string(tz::bus::kInterface1), std::string(name)}).out;
@@ -95,7 +76,7 @@ TEST(HelperBus, PublishesItsInterfacesAndHelper1NamesVersionFolderAndWalkProgres
     auto walker = connect(bus);
     ASSERT_TRUE(walker);
     std::vector<uint32_t> counts;
-    EXPECT_EQ(reply_of(walker->mib_walk(walk_request(agent.peer()), [&](uint32_t n) { counts.push_back(n); })), "iRet=0");
+    EXPECT_EQ(reply_of(walker->mib_walk(walk_of("T48Q", "alice", agent.peer()), [&](uint32_t n) { counts.push_back(n); })), "iRet=0");
     ASSERT_FALSE(counts.empty());
     EXPECT_EQ(counts.back(), 72u);
 }
@@ -173,8 +154,7 @@ TEST(CommandLine, OptionsAndUsageErrors) {
     }
 }
 
-// The folder check (one warning line, and the service starts anyway), and
-// under --debug, and only then, the walk's diagnostics at debug priority.
+// The folder check (one warning; the service starts anyway), and only under --debug the walk's diagnostics.
 TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
     for (const bool debug : {true, false}) {
         SCOPED_TRACE(debug ? "debug, folder there" : "missing folder");
@@ -195,6 +175,89 @@ TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
                                    " does not exist: walks cannot save profiles; ask an administrator to "
                                    "create it (group lpadmin, mode 2775)\n");
     }
+}
+
+
+// Two walks at once never overlap: each file is byte for byte a lone walk's, the second sends nothing while
+// the first is held, and a third caller is served meanwhile (a held walk does not block short calls).
+TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServed) {
+    tz::test::PrivateBus bus(30);
+    std::vector<std::string> second_table;  // differs from printer_table's in every column
+    for (int r = 1; r <= 14; ++r)
+        for (auto& line : tz::test::printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3))
+            second_table.push_back(line);
+    tz::test::SnmpAgent first_printer(tz::test::printer_table(9)), second_printer(second_table);
+    UdpRelay relays[2] = {UdpRelay(first_printer.port()), UdpRelay(second_printer.port())};
+    std::unique_ptr<tz::client::HelperClient> walkers[2] = {connect(bus), connect(bus)}, other = connect(bus);
+    ASSERT_TRUE(walkers[0] && walkers[1] && other);
+    const std::string walks[2] = {walk_of("T48Q", "alice", relays[0].peer()), walk_of("T49X", "bob", relays[1].peer())};
+    const std::string files[2] = {bus.prefs() + "alice-T48Q-profile.plist", bus.prefs() + "bob-T49X-profile.plist"};
+    const auto clear = [&] {
+        for (const auto& entry : std::filesystem::directory_iterator(bus.prefs())) std::filesystem::remove(entry);
+    };
+
+    std::string alone[2];
+    for (int i = 0; i < 2; ++i) {
+        clear();
+        ASSERT_EQ(reply_of(walkers[i]->mib_walk(walks[i])), "iRet=0");
+        alone[i] = tz::test::read_file(files[i]);
+    }
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        clear();
+        for (UdpRelay& relay : relays) relay.hold(true);
+        std::latch start(2);
+        std::future<tz::client::Outcome> outcomes[2];
+        for (int i = 0; i < 2; ++i)
+            outcomes[i] = std::async(std::launch::async, [&, i] {
+                start.arrive_and_wait();
+                return walkers[i]->mib_walk(walks[i]);
+            });
+        const int running = UdpRelay::first_asked({&relays[0], &relays[1]});
+        ASSERT_GE(running, 0) << "no walk reached its printer";
+        EXPECT_EQ(reply_of(other->exist(bus.prefs())), "TRUE");
+        EXPECT_EQ(relays[1 - running].requests(), 0u) << "the second walk began while the first ran";
+        for (auto& outcome : outcomes)
+            EXPECT_EQ(outcome.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+        for (UdpRelay& relay : relays) relay.hold(false);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
+            EXPECT_TRUE(tz::test::read_file(files[i]) == alone[i]) << files[i] << " differs from a lone walk's";
+        }
+    }
+}
+
+TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
+    tz::test::PrivateBus bus(30);
+    tz::test::SnmpAgent printer(tz::test::printer_table(3));
+    UdpRelay relay(printer.port());
+    auto first = connect(bus), other = connect(bus), leaver = connect(bus);
+    ASSERT_TRUE(first && other && leaver);
+    relay.hold(true);
+    auto held = std::async(std::launch::async, [&] { return first->mib_walk(walk_of("T48Q", "alice", relay.peer())); });
+    ASSERT_EQ(UdpRelay::first_asked({&relay}), 0);
+
+    // The leaver: known to the service (one call answered), then a walk the
+    // service has received (before the property read behind it), then gone.
+    const std::string name = leaver->unique_name();
+    ASSERT_EQ(reply_of(leaver->exist("/")), "TRUE");
+    leaver->set_walk_timeout(std::chrono::milliseconds(1));
+    EXPECT_FALSE(leaver->mib_walk(walk_of("T48Q", "leaver", relay.peer())).ok());
+    ASSERT_EQ(reply_of(leaver->version()), TZ_VERSION);
+    leaver.reset();
+    // Once the bus has dropped the name, the service gets the departure before any later call.
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+    auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    for (bool has = true; has; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+        daemon->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name).storeResultsTo(has);
+    EXPECT_EQ(reply_of(other->exist("/")), "TRUE");
+
+    relay.hold(false);
+    EXPECT_EQ(reply_of(held.get()), "iRet=0");
+    // Turns go in arrival order: the leaver's walk would have run before this one.
+    EXPECT_EQ(reply_of(other->mib_walk(walk_of("T48Q", "bob", relay.peer()))), "iRet=0");
+    EXPECT_TRUE(tz::test::exists(bus.prefs() + "bob-T48Q-profile.plist"));
+    EXPECT_FALSE(tz::test::exists(bus.prefs() + "leaver-T48Q-profile.plist"));
 }
 
 }  // namespace

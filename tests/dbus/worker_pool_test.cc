@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 using tz::dbus::WorkerPool;
 std::shared_ptr<WorkerPool::Strand> make_strand() { return std::make_shared<WorkerPool::Strand>(); }
 
-// A one-way event that jobs and the test wait on.
+
 struct Gate {
     std::promise<void> promise;
     std::shared_future<void> opened = promise.get_future().share();
@@ -50,20 +50,6 @@ TEST(WorkerPool, JobsOfOneStrandRunInOrderAndNeverTwoAtOnce) {
     std::vector<int> expected(400);
     std::iota(expected.begin(), expected.end(), 0);
     for (const Line& line : lines) EXPECT_TRUE(!line.overlapped && line.ran == expected);
-}
-
-// The first job waits for another strand's job: a pool that starts no thread past it would leave it waiting.
-TEST(WorkerPool, ABlockedJobHoldsItsOwnStrandButNotAnother) {
-    Gate other_ran, second_ran;
-    std::atomic<int> done{0}, seen_by_second{-1};
-    WorkerPool pool(1ms, 8);
-    const auto blocked = make_strand();
-    pool.post(blocked, [&] { done = other_ran.wait() ? 1 : 2; });
-    pool.post(blocked, [&] { seen_by_second = done.load(), second_ran.promise.set_value(); });
-    pool.post(make_strand(), [&] { other_ran.promise.set_value(); });
-    ASSERT_TRUE(second_ran.wait());
-    EXPECT_EQ(seen_by_second, 1);
-    EXPECT_GE(pool.thread_count(), 2u);
 }
 
 TEST(WorkerPool, StartsNoMoreThreadsThanItsLimit) {

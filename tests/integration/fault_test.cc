@@ -39,8 +39,7 @@ std::string slots_in_use(const std::string& path) {
     return result.status == 0 ? result.out : "unreadable: " + result.err;
 }
 
-// What rows 1 to `rows` of printer_table make of a new file: classes 1 and 2
-// (rows not divisible by 3) in RGB, class 3 in SIM and DST.
+// What rows 1 to `rows` of printer_table make of a new file: classes 1 and 2 in RGB, class 3 in SIM and DST.
 std::string expected_slots(int rows) {
     std::string text[3];
     for (int r = 1; r <= rows; ++r) {
@@ -56,8 +55,7 @@ TEST(WalkFaults, AnAgentKilledHalfwayFailsTheWalkAndTheFileKeepsTheRowsThatArriv
     tz::test::PrivateBus bus;
     SnmpAgent agent(tz::test::printer_table(500));
     UdpRelay relay(agent.port());
-    // Columns 1 to 4 of all rows, then the class column of rows 1 to 400 less
-    // the answers to requests sent ahead: some rows are whole, the rest not.
+    // Columns 1 to 4 of all rows, then the class column of rows 1 to 400 less those sent ahead: some rows whole.
     relay.cut_after(4 * 500 + 400, [&] { agent.stop(); });
     auto client = connect(bus);
     ASSERT_TRUE(client);
@@ -93,13 +91,12 @@ TEST(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
 // The bus, the service and the caller all run as nobody, who cannot write the folder.
 TEST(DiskFaults, AnUnwritablePreferencesFolderGetsNoFileAndWritesAnswerFalse) {
     SnmpAgent agent(tz::test::printer_table(3));
-    const std::string peer = agent.peer();
     EXPECT_EQ(tz::test::run_unprivileged([&] {
                   tz::test::PrivateBus bus;
                   ::chmod(bus.prefs().c_str(), 0555);
                   auto client = tz::client::HelperClient::connect(bus.address(), nullptr);
                   const std::string url = file_url(bus.prefs() + "alice-T48Q-profile.plist");
-                  return client && reply_of(client->mib_walk(walk_request("alice", peer))) + reply_of(client->is_admin(bus.prefs() + "x.plist")) +
+                  return client && reply_of(client->mib_walk(walk_request("alice", agent.peer()))) + reply_of(client->is_admin(bus.prefs() + "x.plist")) +
                                            reply_of(client->write_dictionary(write_request(url, "<plist/>"))) +
                                            reply_of(client->write_data(write_request(url, "AB"))) +
                                            reply_of(client->write_data_rename(url)) == "iRet=0FALSEFALSEFALSETRUE" &&

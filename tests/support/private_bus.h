@@ -1,9 +1,5 @@
-// A private session bus for the front's tests: dbus-daemon with the tests' bus
-// configuration in a temporary folder, on which tzhelperd (TZHELPERD_PATH) is
-// activatable with --preferences-dir prefs/ and --idle-exit. Every user may
-// connect, so a test can call as nobody. The destructor stops the daemon and
-// waits for the service it started. Also: running a command for its output,
-// and the client library on such a bus.
+// A private session bus (dbus-daemon in a temporary folder, every user may connect) on which tzhelperd
+// (TZHELPERD_PATH) is activatable with --preferences-dir prefs/ and --idle-exit; commands run for their output.
 #pragma once
 
 #include <fcntl.h>
@@ -54,8 +50,7 @@ inline CommandResult run_command(const std::vector<std::string>& argv) {
     const pid_t pid = spawn(argv, dir.file("out"), dir.file("err"));
     int status = 0;
     if (pid <= 0 || ::waitpid(pid, &status, 0) != pid) return result;
-    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-    return {result.status, read_file(dir.file("out")), read_file(dir.file("err"))};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(dir.file("out")), read_file(dir.file("err"))};
 }
 
 // Waits until process `pid` (not only a child) has ended; false after `limit`.
@@ -86,7 +81,7 @@ public:
         for (char c = 0; daemon_ > 0 && ::read(pipe[0], &c, 1) == 1 && c != '\n';) address_ += c;
         ::close(pipe[0]);
         if (address_.empty()) stop();
-        if (address_.empty()) throw std::runtime_error("dbus-daemon did not start");
+        if (daemon_ < 0) throw std::runtime_error("dbus-daemon did not start");
     }
     ~PrivateBus() { stop(); }
 
@@ -108,7 +103,7 @@ public:
         return static_cast<pid_t>(pid);
     }
 
-    void stop() {
+    void stop() {  // the daemon, and the service it started
         if (daemon_ <= 0) return;
         const pid_t service = address_.empty() ? 0 : service_pid();
         ::kill(daemon_, SIGTERM);

@@ -1,9 +1,6 @@
-// A UDP relay on 127.0.0.1 between walks and a real SNMP agent, so that a test
-// picks the moment something happens in a walk instead of guessing a time:
-// hold(true) keeps every request until hold(false); cut_after(n, action) runs
-// `action` on the relay's thread after n answers and passes nothing more.
-// Each socket a walk sends from gets its own socket towards the agent, so
-// every answer goes back to the socket that asked.
+// A UDP relay between walks and an SNMP agent, so that a test picks the moment something happens in a walk:
+// hold(true) keeps every request until hold(false); cut_after(n, action) runs `action` after n answers and
+// passes nothing more. Each socket a walk sends from gets its own towards the agent.
 #pragma once
 
 #include <arpa/inet.h>
