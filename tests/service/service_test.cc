@@ -75,6 +75,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"swap 0 without a previous copy", "cur=c", kSwap, S(0), "TRUE", ""},
         {"swap 1 drops the previous copy", "cur=c;prev=p", kSwap, S(1), "TRUE", "cur=c"},
         {"swap of an unknown type", "cur=c;prev=p", kSwap, S(3), "TRUE", "cur=c;prev=p"},
+        {"swap 1 with a current path without UTF-8 form", "prev=p", kSwap, S(1, "@no\xff"), "TRUE", ""},
         {"swap of no paths", "cur=c;prev=p", kSwap, S(0, "", ""), "TRUE", "cur=c;prev=p"},
         {"write replaces", "t.plist=<plist>longer</plist>", kPlist, W("t.plist", "<a>:AddURL:END</a>"), "TRUE",
          "t.plist=<a>:AddURL:END</a>"},

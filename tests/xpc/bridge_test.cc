@@ -86,18 +86,5 @@ TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
     EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
 }
 
-TEST(Bridge, ALoneSurrogateSpoilsOnlyTheFieldThatHoldsIt) {
-    TempDir dir;
-    build(dir, "pr\xc3\xa9v=old");
-    const std::string request =
-        at_folder(utf8(u"1:ARG_iSwapType@no\xD800:ARG_cFooCurrentString@pr\u00e9v:ARG_cFooPrevString"), dir);
-    // Swap type 1 needs only the previous path: it is dropped.
-    EXPECT_EQ(outcome(TZBridge_tzPListSwapProfile_XPC(request.data(), request.size())), "TRUE");
-    EXPECT_EQ(listing(dir), "");
-    const std::string spoiled = at_folder(utf8(u"@n\xDFFF"), dir);
-    EXPECT_EQ(outcome(TZBridge_tzPListIsAdminProfile_XPC(spoiled.data(), spoiled.size())), "FALSE");
-    EXPECT_EQ(listing(dir), "");
-}
-
 }  // namespace
 }  // namespace tz::test
