@@ -1,12 +1,11 @@
-// tzhelperctl against a real tzhelperd on a private bus: the exit status, the
-// line on stderr and the JSON of each kind of outcome, every command's help,
-// and a walk's summary.
+// tzhelperctl against a real tzhelperd on a private bus (exit status, stderr
+// line and JSON of each outcome, help, a walk's summary), the client
+// library's properties and progress, and the summary's comparison of tables.
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
-#include <functional>
 #include <future>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -14,104 +13,105 @@
 
 #include "helper_client.h"
 #include "private_bus.h"
+#include "profile_tables.h"
 #include "snmp_agent.h"
+#include "walk_summary.h"
 
 namespace {
 
 using nlohmann::json;
-using tz::test::CommandResult;
 using tz::test::PrivateBus;
 using tz::test::run_command;
+using Args = std::vector<std::string>;
 
 const std::string kCtl = TZHELPERCTL_PATH;
-const std::string kNotProvided =
-    "the name tazorex.printers.T48Q.Helper is not provided by any service: is the tzhelper package installed?";
+const std::string kNotProvided = "the name tazorex.printers.T48Q.Helper is not provided by any service";
 
-// A bus on which the helper's name is not activatable.
-void forget_the_service(const PrivateBus& bus) {
-    std::filesystem::remove(bus.dir().file("services/tazorex.printers.T48Q.Helper.service"));
-    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
-    auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-    daemon->callMethod("ReloadConfig").onInterface("org.freedesktop.DBus");
-}
-
-TEST(Tzhelperctl, ExitStatusAndMessageSayWhatTheOutcomeMeans) {
+TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
     PrivateBus served, bare;
-    forget_the_service(bare);
-    const std::string missing = served.prefs() + "missing.plist";
-    // No agent listens on port 1: the walk's request goes unanswered.
-    const std::vector<std::string> silent_walk = {"walk", "--model", "T48Q", "--user", "alice", "--", "-v", "1",
-                                                  "-c", "public", "-t", "1", "-r", "0", "127.0.0.1:1"};
-    enum Bus { kServed, kBare, kNoBus };
-    struct Case {
-        Bus bus;
-        std::vector<std::string> args;
-        int status;
-        std::string out;  // stdout starts with it
-        std::string err;  // stderr holds it; "" for an empty stderr
+    std::filesystem::remove(bare.dir().file("services/tazorex.printers.T48Q.Helper.service"));  // not activatable
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bare.address());
+    sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+        ->callMethod("ReloadConfig").onInterface("org.freedesktop.DBus");
+    const std::string prefs = served.prefs(), missing = prefs + "missing.plist";
+    const auto walk = [](Args snmp) {
+        snmp.insert(snmp.begin(), {"walk", "--model", "T48Q", "--user", "alice", "--"});
+        return snmp;
     };
-    const Case cases[] = {
-        {kServed, {"exist", served.prefs()}, 0, "TRUE\n", ""},
+    enum Bus { kServed, kBare, kNoBus };
+    const struct {
+        Bus bus;
+        Args args;
+        int status;
+        std::string out, err, in = "";  // stdout starts with out ("": the JSON holds an error); stderr holds err
+    } cases[] = {
+        {kServed, {"exist", prefs}, 0, "TRUE\n", ""},
         {kServed, {"exist", missing}, 1, "FALSE\n", missing + " does not exist for the helper"},
         {kServed, {"is-admin", "/proc/none/x"}, 1, "FALSE\n", "the helper cannot write /proc/none/x"},
-        {kServed, silent_walk, 1, "iRet=1\n", "the printer did not answer or the walk stopped (iRet=1)"},
-        {kServed, {"walk", "--model", "T48Q", "--user", "alice", "--", "-Z"}, 1, "iRet=-1\n",
-         "the SNMP arguments were refused (iRet=-1)"},
-        {kServed, {"walk", "--model", "T48Q", "--user", "alice", "--", "-V"}, 1, "iRet=-2\n",
-         "the SNMP argument parser stopped after its help or version output, or the pass phrase "
-         "gave no key (iRet=-2)"},
-        {kServed, {"raw", "writeDataToPlistFile_XPC", "file:///tmp/x"}, 1, "",
-         "the helper refused the request: "},
+        {kServed, {"remove", missing}, 1, "FALSE\n", "the helper could not remove " + missing},
+        {kServed, {"write-piece", "rel", "x"}, 1, "FALSE\n", "the helper could not append to the temporary .dummy file of rel"},
+        {kServed, {"finish-piece", "rel"}, 1, "FALSE\n", "the helper could not rename the .dummy file onto rel"},
+        {kServed, {"write-plist", prefs + "w.plist", "-"}, 0, "TRUE\n", "", "<plist/>"},
+        {kServed, {"swap", "2147483647", "", ""}, 0, "TRUE\n", ""},
+        {kServed, {"swap", "--", "-2147483648", "NULL", "NULL"}, 0, "TRUE\n", ""},
+        {kServed, {"--timeout", "86400", "exist", prefs}, 0, "TRUE\n", ""},
+        {kServed, walk({"-v", "1", "-c", "public", "-t", "1", "-r", "0", "127.0.0.1:1"}), 1, "iRet=1\n",
+         "the printer did not answer or the walk stopped (iRet=1)"},
+        {kServed, walk({"-Z"}), 1, "iRet=-1\n", "the SNMP arguments were refused (iRet=-1)"},
+        {kServed, walk({"-V"}), 1, "iRet=-2\n", "the SNMP argument parser stopped after its help or version"},
+        {kServed, {"raw", "writeDataToPlistFile_XPC", "file:///tmp/x"}, 1, "", "the helper refused the request: "},
         // Not UTF-8: the bus refuses to carry it; the JSON still holds it, as U+FFFD.
-        {kServed, {"raw", "tzPListExistProfile_XPC", "/tmp/\xff"}, 1, "",
-         "the call failed: org.freedesktop.DBus.Error.InvalidArgs"},
-        {kBare, {"exist", "/"}, 3, "", kNotProvided},
-        {kBare, {"show", "--user", "alice", "--model", "T48Q"}, 3, "", kNotProvided},
+        {kServed, {"raw", "tzPListExistProfile_XPC", "/tmp/\xff"}, 1, "", "the call failed: org.freedesktop.DBus.Error.InvalidArgs"},
+        {kServed, {"show", "-"}, 1, "", "cannot read standard input as a profile plist", "junk"},
+        {kBare, {"exist", "/"}, 3, "", kNotProvided}, {kBare, {"show", "--user", "u", "--model", "M"}, 3, "", kNotProvided},
         {kNoBus, {"exist", "/"}, 3, "", "no session bus: DBUS_SESSION_BUS_ADDRESS is not set"},
-        {kNoBus, {"show", "--user", "alice", "--model", "T48Q"}, 3, "", "no session bus"},
-        {kServed, {"exist"}, 2, "", "exist takes PATH"},
+        {kNoBus, {"show", "--user", "u", "--model", "M"}, 3, "", "no session bus"},
+        {kServed, {"exist"}, 2, "", "exist takes PATH"}, {kServed, {"exist", "a", "b"}, 2, "", "exist takes PATH"},
         {kServed, {"swap", "two", "a", "b"}, 2, "", "swap's TYPE is a number"},
-        {kServed, {"walk", "--model", "T48Q", "--", "-v", "1"}, 2, "", "walk needs --model and --user"},
+        {kServed, {"swap", "2147483648", "a", "b"}, 2, "", "swap's TYPE is a number"},
+        {kServed, {"--timeout", "0", "exist", "/"}, 2, "", "--timeout takes a number of seconds"},
+        {kServed, {"--timeout", "1x", "exist", "/"}, 2, "", "--timeout takes a number of seconds"},
+        {kServed, {"walk", "--model", "M", "--", "-v"}, 2, "", "walk needs --model and --user"},
+        {kServed, {"walk", "--user", "u", "--model", "", "--"}, 2, "", "--model needs a value"},
+        {kServed, {"walk", "--user"}, 2, "", "--user needs a value"},
         {kServed, {"exist", "--json=yes", "/"}, 2, "", "--json takes no value"},
-        {kServed, {"frobnicate"}, 2, "", "unknown command frobnicate"},
+        {kServed, {"exist", "--frob", "/"}, 2, "", "unknown option --frob"},
+        {kServed, {"raw", "mibwalk_xpc", "x"}, 2, "", "raw takes one of the helper's eight methods"},
+        {kServed, {"show"}, 2, "", "show needs a FILE"},
+        {kServed, {"show", "--user", "u", "f"}, 2, "", "show takes FILE, or --user and --model"},
+        {kServed, {"frobnicate"}, 2, "", "unknown command frobnicate"}, {kServed, {}, 2, "", "no command"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         for (const bool as_json : {false, true}) {
-            std::vector<std::string> argv;
-            if (c.bus == kNoBus)
-                argv = {"env", "-u", "DBUS_SESSION_BUS_ADDRESS", "-u", "XDG_RUNTIME_DIR", kCtl};
-            else
-                argv = {kCtl, "--address", (c.bus == kServed ? served : bare).address()};
+            Args argv = c.bus == kNoBus ? Args{"env", "-u", "DBUS_SESSION_BUS_ADDRESS", "-u", "XDG_RUNTIME_DIR", kCtl}
+                                        : Args{kCtl, "--address", (c.bus == kServed ? served : bare).address()};
             if (as_json) argv.push_back("--json");
             argv.insert(argv.end(), c.args.begin(), c.args.end());
-            const CommandResult got = run_command(argv);
-            const std::string what = c.args[0] + (as_json ? " --json" : "") + " -> " + got.out + got.err;
+            if (!c.in.empty()) argv.insert(argv.begin(), {"sh", "-c", "printf %s \"$0\" | \"$@\"", c.in});
+            const auto got = run_command(argv);
+            const std::string what = ::testing::PrintToString(argv) + " -> " + got.out + got.err;
             EXPECT_EQ(got.status, c.status) << what;
-            if (c.err.empty())
-                EXPECT_EQ(got.err, "") << what;
-            else
-                EXPECT_NE(got.err.find("tzhelperctl: " + c.err), std::string::npos) << what;
-            if (c.status == 2 || c.args[0] == "show") {
-                EXPECT_EQ(got.out, "") << what;
-            } else if (!as_json) {
-                EXPECT_EQ(got.out.substr(0, c.out.size()), c.out) << what;
-            } else {
-                const json out = json::parse(got.out, nullptr, false);
-                ASSERT_FALSE(out.is_discarded()) << what;
-                EXPECT_EQ(out.value("ok", !c.status), c.status == 0) << what;
-                EXPECT_EQ(out.contains("error"), c.out.empty()) << what;
+            EXPECT_EQ(c.err.empty() ? got.err : got.err.find("tzhelperctl: " + c.err) != std::string::npos ? "" : "?", "")
+                << what;
+            if (c.status == 2 || (!c.args.empty() && c.args[0] == "show") || !as_json) {
+                EXPECT_EQ(got.out.substr(0, c.out.size() + (c.out.empty() || as_json)), c.out) << what;
+                continue;
             }
+            const json out = json::parse(got.out, nullptr, false);
+            ASSERT_TRUE(out.is_object()) << what;
+            EXPECT_EQ(out.value("ok", !c.status), c.status == 0) << what;
+            EXPECT_EQ(out.contains("error"), c.out.empty()) << what;
         }
     }
+    EXPECT_EQ(tz::test::read_file(prefs + "w.plist"), "<plist/>");
 }
 
 TEST(Tzhelperctl, EveryCommandHasItsOwnHelp) {
-    for (const char* command : {"is-admin", "swap", "exist", "remove", "write-plist", "write-piece",
-                                "finish-piece", "walk", "raw", "show"}) {
-        const CommandResult got = run_command({kCtl, command, "--help"});
-        EXPECT_EQ(got.status, 0) << command << ": " << got.err;
-        EXPECT_EQ(got.out.rfind(std::string("Usage: tzhelperctl [OPTIONS] ") + command + " ", 0), 0u)
-            << got.out;
+    for (const std::string command : {"is-admin", "swap", "exist", "remove", "write-plist", "write-piece",
+                                      "finish-piece", "walk", "raw", "show"}) {
+        const auto got = run_command({kCtl, command, "--help"});
+        EXPECT_EQ(got.status, 0) << got.err;
+        EXPECT_EQ(got.out.rfind("Usage: tzhelperctl [OPTIONS] " + command + " ", 0), 0u) << got.out;
         EXPECT_NE(got.out.find("\nExample:\n  "), std::string::npos) << got.out;
     }
     EXPECT_EQ(run_command({kCtl, "--version"}).out, "tzhelperctl " TZ_VERSION "\n");
@@ -119,81 +119,91 @@ TEST(Tzhelperctl, EveryCommandHasItsOwnHelp) {
 
 TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
     PrivateBus bus;
-    const std::string user = "bob";
-    const auto walk = [&] {
-        tz::test::SnmpAgent agent(tz::test::printer_table(6));
-        return run_command({kCtl, "--address", bus.address(), "--json", "walk", "--model", "T48Q", "--user",
-                            user, "--", "-v", "1", "-c", "public", "-t", "1", "-r", "0", agent.peer(),
-                            tz::test::kProfileTable});
+    const auto run = [&](int rows, Args args) {
+        tz::test::SnmpAgent agent(tz::test::printer_table(rows));
+        args.insert(args.begin(), {kCtl, "--address", bus.address()});
+        if (rows > 0) args.insert(args.end(), {"walk", "--model", "T48Q", "--user", "bob", "--", "-v", "1", "-c",
+                                               "public", agent.peer(), tz::test::kProfileTable});
+        return run_command(args);
     };
-    const CommandResult first = walk();
-    ASSERT_EQ(first.status, 0) << first.err;
-    const json added = json::parse(first.out);
+    const json added = json::parse(run(6, {"--json"}).out)["summary"];
     // Classes 1 and 2 go to RGB, 3 to SIM and DST.
-    EXPECT_EQ(added["summary"]["RGB"]["added"].size(), 4u);
-    EXPECT_EQ(added["summary"]["SIM"]["added"].size(), 2u);
-    EXPECT_EQ(added["summary"]["DST"]["added"][0],
-              json({{"FileName", "PRF00003.ICC"}, {"Location", 5}, {"ProfileName", "Profile 3"}, {"InMenu", 2}}));
-
-    const CommandResult shown = run_command(
-        {kCtl, "--address", bus.address(), "show", "--json", "--user", user, "--model", "T48Q"});
-    ASSERT_EQ(shown.status, 0) << shown.err;
-    const json tables = json::parse(shown.out);
-    EXPECT_EQ(tables["categories"]["RGB"]["iNum"], 4);
-    EXPECT_EQ(tables["categories"]["SIM"]["entries"][1]["FileName"], "PRF00006.ICC");
-
-    // Unchanged when the printer reports the same; a text summary says so.
-    tz::test::SnmpAgent agent(tz::test::printer_table(6));
-    const CommandResult again =
-        run_command({kCtl, "--address", bus.address(), "walk", "--model", "T48Q", "--user", user, "--", "-v",
-                     "1", "-c", "public", agent.peer(), tz::test::kProfileTable});
-    EXPECT_EQ(again.out, "iRet=0\nRGB: no change\nSIM: no change\nDST: no change\n") << again.err;
-    EXPECT_EQ(again.err, "") << "no progress line when stderr is not a terminal";
+    EXPECT_EQ(added["RGB"]["added"].size(), 4u);
+    EXPECT_EQ(added["DST"]["added"],
+              json::parse(R"([{"FileName": "PRF00003.ICC", "Location": 5, "ProfileName": "Profile 3", "InMenu": 2},
+                              {"FileName": "PRF00006.ICC", "Location": 4, "ProfileName": "Profile 6", "InMenu": 2}])"));
+    const json tables = json::parse(run(0, {"show", "--json", "--user", "bob", "--model", "T48Q"}).out)["categories"];
+    EXPECT_EQ(tables["RGB"]["iNum"], 4);
+    EXPECT_EQ(tables["SIM"]["entries"][1]["FileName"], "PRF00006.ICC");
+    // Row 6 is gone from the printer: kept, and marked so; no progress line when stderr is not a terminal.
+    const std::string remarked = "0 added, 0 dropped, 1 re-marked\n  re-marked  PRF00006.ICC  location 4   "
+                                 "\"Profile 6\"           InMenu 2 -> 1\n";
+    const auto again = run(5, {});
+    EXPECT_EQ(again.out + again.err, "iRet=0\nRGB: no change\nSIM: " + remarked + "DST: " + remarked);
 }
 
-TEST(HelperClient, ReadsTheHelpersPropertiesAndReportsItsOwnWalksProgress) {
+// Another caller's walk of 3 rows waits for a long one (the agent's whole tree), hearing its progress, and
+// must count only its own: 6 variables a row, the final count last.
+TEST(HelperClient, ReportsItsOwnWalksProgressOnly) {
     PrivateBus bus;
     tz::client::BusError error;
-    auto client = tz::client::HelperClient::connect(bus.address(), &error);
-    ASSERT_TRUE(client) << error.message;
-    EXPECT_EQ(client->preferences_directory().reply, bus.prefs());
-    EXPECT_EQ(client->version().reply, TZ_VERSION);
-    const auto unknown = client->property("Colour");
-    ASSERT_FALSE(unknown.ok());
-    EXPECT_EQ(unknown.error->name, "org.freedesktop.DBus.Error.UnknownProperty");
-
-    // A long walk (the agent's whole tree) is under way when a second caller
-    // walks a printer of 3 rows: that walk waits its turn, hearing the first
-    // one's progress, and must count only its own: 6 variables a row, the
-    // final count last.
-    auto other = tz::client::HelperClient::connect(bus.address(), &error);
-    ASSERT_TRUE(other) << error.message;
+    auto first = tz::client::HelperClient::connect(bus.address(), &error);
+    auto second = tz::client::HelperClient::connect(bus.address(), &error);
+    ASSERT_TRUE(first && second) << error.message;
     tz::test::SnmpAgent agent(tz::test::printer_table(3));
-    const auto walk = [&](tz::client::HelperClient& walker, const std::string& root,
-                          const std::function<void(uint32_t)>& progress) {
-        return walker
-            .mib_walk(tz::client::walk_request("T48Q", "alice",
-                                               {"snmpwalk", "-v", "2c", "-c", "public", agent.peer(), root}),
-                      progress)
-            .reply;
-    };
     std::vector<uint32_t> long_counts, counts;
     std::promise<void> under_way;
-    auto long_walk = std::async(std::launch::async, [&] {
-        return walk(*client, "1.3.6.1", [&](uint32_t variables) {
-            if (long_counts.empty()) under_way.set_value();
-            long_counts.push_back(variables);
-        });
-    });
+    const auto walk = [&](tz::client::HelperClient& walker, const std::string& root, std::vector<uint32_t>& seen) {
+        const Args arguments = {"snmpwalk", "-v", "2c", "-c", "public", agent.peer(), root};
+        return walker.mib_walk(tz::client::walk_request("T48Q", "alice", arguments), [&](uint32_t variables) {
+            if (seen.empty() && &seen == &long_counts) under_way.set_value();
+            seen.push_back(variables);
+        }).reply;
+    };
+    auto long_walk = std::async(std::launch::async, [&] { return walk(*first, "1.3.6.1", long_counts); });
     under_way.get_future().wait();
-    EXPECT_EQ(walk(*other, tz::test::kProfileTable, [&](uint32_t variables) { counts.push_back(variables); }),
-              "iRet=0");
+    EXPECT_EQ(walk(*second, tz::test::kProfileTable, counts), "iRet=0");
     EXPECT_EQ(long_walk.get(), "iRet=0");
-    ASSERT_FALSE(counts.empty());
-    EXPECT_EQ(counts.back(), 18u);
-    EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end())) << ::testing::PrintToString(counts);
+    EXPECT_TRUE(!counts.empty() && counts.back() == 18u && std::is_sorted(counts.begin(), counts.end()))
+        << ::testing::PrintToString(counts);
     EXPECT_GT(long_counts.back(), 18u);
-    EXPECT_EQ(client->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
+    EXPECT_EQ(first->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
+}
+
+// Slots (slot:InMenu:FILE@LOCATION) before and after; changes "+FILE@LOC:NEW", "-FILE@LOC:OLD", "~FILE@LOC:OLD>NEW".
+TEST(WalkSummary, NamesProfilesAddedDroppedAndReMarkedByFileNameAndLocation) {
+    const auto table = [](std::initializer_list<std::tuple<int, int, const char*, int>> slots) {
+        ProfileTable t{};
+        t.iNum = 500;  // the comparison looks at the slots only
+        for (const auto& [slot, in_menu, file, location] : slots) t.Entry[slot] = tz::test::entry(1, in_menu, file, location);
+        return t;
+    };
+    const struct {
+        ProfileTable before, after;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {table({{0, 2, "A", 4}}), table({{7, 2, "A", 4}}), {}},
+        {table({{0, 2, "A", 4}, {1, 3, "B", 4}}), table({{0, 4, "A", 4}, {1, 2, "C", 4}}), {"+C@4:2", "-B@4:3", "~A@4:2>4"}},
+        {table({{0, 2, "A", 4}}), table({{0, 2, "A", 5}}), {"+A@5:2", "-A@4:2"}},
+        {table({{0, 0, "A", 4}, {499, 2, "B", 4}}), table({{0, 2, "A", 4}, {499, 0, "B", 4}}), {"+A@4:2", "-B@4:2"}},
+        {table({{0, 2, "A", 4}, {1, 3, "A", 4}}), table({{0, 3, "A", 4}}), {"-A@4:3", "~A@4:2>3"}},
+    };
+    for (const auto& c : cases) {
+        const tz::ctl::CategoryChanges changes = tz::ctl::compare_profiles(c.before, c.after);
+        std::vector<std::string> got;
+        const auto at = [](const tz::ctl::ProfileChange& p) { return p.file_name + "@" + std::to_string(p.location) + ":"; };
+        for (const auto& p : changes.added) got.push_back("+" + at(p) + std::to_string(p.new_in_menu));
+        for (const auto& p : changes.dropped) got.push_back("-" + at(p) + std::to_string(p.old_in_menu));
+        for (const auto& p : changes.remarked)
+            got.push_back("~" + at(p) + std::to_string(p.old_in_menu) + ">" + std::to_string(p.new_in_menu));
+        EXPECT_EQ(got, c.expected) << ::testing::PrintToString(c.expected);
+    }
+    // A full text field has no terminator: all 32 bytes are read.
+    ProfileTable before = table({{0, 2, "", 4}});
+    std::memset(before.Entry[0].FileName, 'X', 32);
+    std::memset(before.Entry[0].ProfileName, 'Y', 32);
+    const auto dropped = tz::ctl::compare_profiles(before, table({})).dropped;
+    EXPECT_EQ(dropped.size() == 1 ? dropped[0].file_name + dropped[0].profile_name : "", std::string(32, 'X') + std::string(32, 'Y'));
 }
 
 }  // namespace

@@ -1,33 +1,23 @@
-// The C bridge the macOS front calls: every operation reaches the right core
-// operation and answers as it does, a request with a missing marker comes
-// back as the range outcome naming the marker, the request's length (not a
-// terminator) bounds it, and the UTF-16 conversion keeps fields apart.
+// The C bridge the macOS front calls: each function reaches its own core
+// operation, a missing marker comes back as the range outcome, the length
+// (not a terminator) bounds a request, and the UTF-16 conversion.
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "folder_text.h"
 #include "request.h"
-#include "temp_dir.h"
 #include "tz_service_bridge.h"
 
 namespace tz::test {
 namespace {
 
-using Operation = TZBridgeResult (*)(const char*, size_t);
-using tz::protocol::swap_request;
-using tz::protocol::walk_request;
-using tz::protocol::write_request;
+using Bridge = TZBridgeResult (*)(const char*, size_t);
 
-TZBridgeResult call(Operation operation, const std::string& request) {
-    return operation(request.data(), request.size());
-}
-
-// The reply of a request that must be answered.
-std::string reply(Operation operation, const std::string& request) {
-    const TZBridgeResult result = call(operation, request);
-    EXPECT_EQ(result.outcome, TZ_BRIDGE_REPLY) << request << ": " << result.text;
-    return result.text;
+std::string outcome(const TZBridgeResult& result) {
+    return (result.outcome == TZ_BRIDGE_REPLY ? "" : result.outcome == TZ_BRIDGE_RANGE_EXCEPTION ? "range: " : "none: ") +
+           std::string(result.text);
 }
 
 std::string utf8(const std::u16string& text) {
@@ -37,130 +27,63 @@ std::string utf8(const std::u16string& text) {
     return out;
 }
 
-class Bridge : public ::testing::Test {
-protected:
-    std::string url(const std::string& name) const { return "file://" + dir.file(name); }
-    TempDir dir;
-};
-
-TEST_F(Bridge, FileOperationsReachTheirOwnCoreOperation) {
-    // A folder opens for reading but not for writing, and only an empty one
-    // can be removed: the three path operations answer differently on it.
-    std::filesystem::create_directory(dir.file("full"));
-    write_file(dir.file("full/inside"), "x");
-    std::filesystem::create_directory(dir.file("empty"));
-
-    EXPECT_EQ(reply(TZBridge_tzPListIsAdminProfile_XPC, dir.file("full")), "FALSE");
-    EXPECT_EQ(reply(TZBridge_tzPListExistProfile_XPC, dir.file("full")), "TRUE");
-    EXPECT_EQ(reply(TZBridge_tzPListRemove_XPC, dir.file("full")), "FALSE");
-    EXPECT_EQ(reply(TZBridge_tzPListIsAdminProfile_XPC, dir.file("empty")), "FALSE");
-    EXPECT_EQ(reply(TZBridge_tzPListExistProfile_XPC, dir.file("empty")), "TRUE");
-    EXPECT_TRUE(exists(dir.file("empty")));
-    EXPECT_EQ(reply(TZBridge_tzPListRemove_XPC, dir.file("empty")), "TRUE");
-    EXPECT_FALSE(exists(dir.file("empty")));
-
-    // The probe of a new path answers TRUE and leaves nothing behind.
-    EXPECT_EQ(reply(TZBridge_tzPListIsAdminProfile_XPC, dir.file("new")), "TRUE");
-    EXPECT_FALSE(exists(dir.file("new")));
-    EXPECT_EQ(reply(TZBridge_tzPListExistProfile_XPC, dir.file("new")), "FALSE");
-
-    // Swap type 2 saves the current file as the previous copy.
-    write_file(dir.file("current"), "current profile");
-    write_file(dir.file("previous"), "old");
-    EXPECT_EQ(reply(TZBridge_tzPListSwapProfile_XPC, swap_request(2, dir.file("current"), dir.file("previous"))),
-              "TRUE");
-    EXPECT_EQ(read_file(dir.file("previous")), "current profile");
-}
-
-TEST_F(Bridge, WritesReachTheirOwnCoreOperation) {
-    EXPECT_EQ(reply(TZBridge_writeDictionaryToPlistFile_XPC, write_request(url("one.plist"), "<plist/>")), "TRUE");
-    EXPECT_EQ(read_file(dir.file("one.plist")), "<plist/>");
-    EXPECT_FALSE(exists(dir.file("one.plist.dummy")));
-
-    EXPECT_EQ(reply(TZBridge_writeDataToPlistFile_XPC, write_request(url("two.plist"), "AB")), "TRUE");
-    EXPECT_EQ(reply(TZBridge_writeDataToPlistFile_XPC, write_request(url("two.plist"), "CD")), "TRUE");
-    EXPECT_FALSE(exists(dir.file("two.plist")));
-    EXPECT_EQ(reply(TZBridge_writeDataToPlistFileRename_XPC, url("two.plist")), "TRUE");
-    EXPECT_EQ(read_file(dir.file("two.plist")), "ABCD");
-    EXPECT_FALSE(exists(dir.file("two.plist.dummy")));
-
-    EXPECT_EQ(reply(TZBridge_writeDataToPlistFileRename_XPC, "not a url"), "FALSE");
-}
-
-TEST_F(Bridge, MissingMarkerGivesTheRangeOutcomeNamingItAndTouchesNothing) {
-    write_file(dir.file("a.plist"), "kept");
-    for (const Operation op : {TZBridge_writeDictionaryToPlistFile_XPC, TZBridge_writeDataToPlistFile_XPC}) {
-        const TZBridgeResult result = call(op, url("a.plist") + "<plist/>");
-        EXPECT_EQ(result.outcome, TZ_BRIDGE_RANGE_EXCEPTION);
-        EXPECT_NE(std::string(result.text).find(":AddURL:END"), std::string::npos) << result.text;
-    }
-    EXPECT_EQ(read_file(dir.file("a.plist")), "kept");
-    EXPECT_FALSE(exists(dir.file("a.plist.dummy")));
-}
-
-TEST_F(Bridge, TooManyWalkArgumentsAreRefusedWithoutAWalk) {
-    // More arguments than the walk takes: refused before any SNMP work, with
-    // the parser's "refused" result.
-    const std::string request = walk_request("ModelX", "alice", std::vector<std::string>(512, "-v"));
-    EXPECT_EQ(reply(TZBridge_mibwalk_XPC, request), "iRet=-1");
-}
-
-TEST_F(Bridge, RequestIsBoundedByItsLengthNotByATerminator) {
-    write_file(dir.file("short"), "");
-    // Only the first bytes belong to the request: "short", not "shorter".
-    const std::string longer = dir.file("shorter");
-    EXPECT_EQ(TZBridge_tzPListRemove_XPC(longer.data(), longer.size() - 2).outcome, TZ_BRIDGE_REPLY);
-    EXPECT_FALSE(exists(dir.file("short")));
-
-    // A NUL inside the text is written like any other byte.
-    const std::string text("a\0b", 3);
-    EXPECT_EQ(reply(TZBridge_writeDictionaryToPlistFile_XPC, write_request(url("nul"), text)), "TRUE");
-    EXPECT_EQ(read_file(dir.file("nul")), text);
-
-    // No request at all is an empty path.
-    const TZBridgeResult none = TZBridge_tzPListExistProfile_XPC(nullptr, 0);
-    EXPECT_EQ(none.outcome, TZ_BRIDGE_REPLY);
-    EXPECT_STREQ(none.text, "FALSE");
-}
-
-TEST(BridgeUTF16, EncodesEachUnitAsUTF8) {
-    EXPECT_EQ(utf8(u"A/\u00e9\u20ac"), "A/\xC3\xA9\xE2\x82\xAC");
-    EXPECT_EQ(utf8(u"\U0001F600!"), "\xF0\x9F\x98\x80!");   // a surrogate pair
-    EXPECT_EQ(utf8(u"\uFFFF\u0800\u07FF\u0080\u007F"), "\xEF\xBF\xBF\xE0\xA0\x80\xDF\xBF\xC2\x80\x7F");
-    EXPECT_EQ(utf8(u""), "");
-    EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
-}
-
-TEST(BridgeUTF16, LoneSurrogatesKeepTheirThreeByteForm) {
-    const auto lone = [](std::vector<unsigned short> units) {
-        std::string out(3 * units.size(), '\0');
-        out.resize(TZBridge_UTF8FromUTF16(units.data(), units.size(), out.data()));
-        return out;
+TEST(Bridge, EachFunctionReachesItsOwnOperation) {
+    const std::string nul("a\0b", 3), range = "range: request: missing marker before \":AddURL:END\"";
+    const auto W = [](const std::string& name, const std::string& text) {
+        return protocol::write_request("file://@" + name, text);
     };
-    EXPECT_EQ(lone({0xD83D}), "\xED\xA0\xBD");                 // high at the end
-    EXPECT_EQ(lone({0xDE00, 'x'}), "\xED\xB8\x80x");           // low without a high
-    EXPECT_EQ(lone({0xD83D, 'x'}), "\xED\xA0\xBDx");           // high not followed by a low
-    EXPECT_EQ(lone({0xD83D, 0xD83D, 0xDE00}), "\xED\xA0\xBD\xF0\x9F\x98\x80");
-    // The worst case fills exactly 3 bytes a unit (the buffer is sized so).
-    EXPECT_EQ(lone({0xDC00, 0xDC00, 0xDC00, 0xDC00}).size(), 12u);
+    const struct {
+        Bridge bridge;
+        std::string before, request, reply, after;
+    } rows[] = {
+        // A folder opens for reading but not for writing; only an empty one can be removed.
+        {TZBridge_tzPListIsAdminProfile_XPC, "d/", "@d", "FALSE", "d/"},
+        {TZBridge_tzPListIsAdminProfile_XPC, "", "@new", "TRUE", ""},
+        {TZBridge_tzPListExistProfile_XPC, "d/", "@d", "TRUE", "d/"},
+        {TZBridge_tzPListRemove_XPC, "d/;d/f=x", "@d", "FALSE", "d/;d/f=x"},
+        {TZBridge_tzPListRemove_XPC, "d/", "@d", "TRUE", ""},
+        {TZBridge_tzPListSwapProfile_XPC, "c=cur;p=old", protocol::swap_request(2, "@c", "@p"), "TRUE", "c=cur;p=cur"},
+        {TZBridge_writeDictionaryToPlistFile_XPC, "", W("t", nul), "TRUE", "t=" + nul},
+        {TZBridge_writeDataToPlistFile_XPC, "t.dummy=AB", W("t", "CD"), "TRUE", "t.dummy=ABCD"},
+        {TZBridge_writeDataToPlistFileRename_XPC, "t.dummy=AB", "file://@t", "TRUE", "t=AB"},
+        {TZBridge_writeDataToPlistFileRename_XPC, "", "not a url", "FALSE", ""},
+        {TZBridge_writeDictionaryToPlistFile_XPC, "t=kept", "file://@t<plist/>", range, "t=kept"},
+        {TZBridge_writeDataToPlistFile_XPC, "", "file://@t<plist/>", range, ""},
+        // More arguments than the walk takes: refused before any SNMP work.
+        {TZBridge_mibwalk_XPC, "", protocol::walk_request("M", "u", std::vector<std::string>(512, "-v")), "iRet=-1",
+         ""},
+    };
+    for (const auto& row : rows) {
+        TempDir dir;
+        build(dir, row.before);
+        const std::string request = at_folder(row.request, dir);
+        EXPECT_EQ(outcome(row.bridge(request.data(), request.size())), row.reply) << request;
+        EXPECT_EQ(listing(dir), row.after) << request;
+    }
+    TempDir dir;
+    build(dir, "short=");
+    const std::string longer = dir.file("shorter");  // only "short" belongs to the request
+    EXPECT_EQ(outcome(TZBridge_tzPListRemove_XPC(longer.data(), longer.size() - 2)), "TRUE");
+    EXPECT_EQ(outcome(TZBridge_tzPListExistProfile_XPC(nullptr, 0)), "FALSE");
 }
 
-TEST_F(Bridge, LoneSurrogateSpoilsOnlyTheFieldThatHoldsIt) {
-    // Swap type 1 drops the previous copy; the current path is not needed, so
-    // a current path without a UTF-8 form must not stop it.
-    const std::string prefix = dir.prefix();   // ASCII: a temporary folder
-    const std::u16string folder(prefix.begin(), prefix.end());
-    const std::string previous = dir.file("pr\u00e9c\u00e9dent");
-    write_file(previous, "old");
-    const std::u16string request = u"1:ARG_iSwapType" + folder + u"no\xD800where" +
-                                   u":ARG_cFooCurrentString" + folder + u"pr\u00e9c\u00e9dent" +
-                                   u":ARG_cFooPrevString";
-    EXPECT_EQ(reply(TZBridge_tzPListSwapProfile_XPC, utf8(request)), "TRUE");
-    EXPECT_FALSE(exists(previous));
-
-    // A path that holds one has no UTF-8 form: no file is probed.
-    const std::u16string spoiled = folder + u"new\xDFFF";
-    EXPECT_EQ(reply(TZBridge_tzPListIsAdminProfile_XPC, utf8(spoiled)), "FALSE");
+TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
+    const struct {
+        std::u16string units;
+        std::string bytes;
+    } rows[] = {
+        {u"", ""},
+        {u"\x7F\x80\x7FF\x800\xFFFF", "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF"},
+        {u"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+        {u"\U0001F600!", "\xF0\x9F\x98\x80!"},
+        {u"\xD83D", "\xED\xA0\xBD"},                        // high at the end
+        {u"\xDC00\xDC00", "\xED\xB0\x80\xED\xB0\x80"},      // low without a high
+        {u"\xD7FF\xDC00", "\xED\x9F\xBF\xED\xB0\x80"},      // just below the highs
+        {u"\xD800\xE000", "\xED\xA0\x80\xEE\x80\x80"},      // just above the lows
+        {u"\xD83D\xD83D\xDE00", "\xED\xA0\xBD\xF0\x9F\x98\x80"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(utf8(row.units), row.bytes) << ::testing::PrintToString(std::vector<int>(row.units.begin(), row.units.end()));
+    EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
 }
 
 }  // namespace

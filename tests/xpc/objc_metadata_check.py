@@ -1,28 +1,19 @@
 #!/usr/bin/python3
-"""Checks the Objective-C metadata of the XPC front on a machine without the SDK.
-
-  objc_metadata_check.py check|mutations CLANG OBJDUMP SOURCE_DIR
-
-Compiles the front's .mm sources for a macOS target against the project's declarations header
-into Mach-O objects, never linked, and reads them back through llvm-objdump. "mutations" does so
-with deliberately wrong copies of the front and exits 1 unless each is rejected for the expected reason.
-"""
+# objc_metadata_check.py check|mutations CLANG OBJDUMP SOURCE_DIR: compiles the XPC front's .mm sources for a
+# macOS target (no SDK, never linked) and checks its Objective-C metadata as llvm-objdump reads it back.
+# "mutations" checks deliberately wrong copies of the front and fails unless each is rejected as expected.
 import re, shutil, subprocess, sys, tempfile
 from pathlib import Path
 
 SUFFIX = "5E1A9C07_4B2D_4E8F_A613_7D0C2B9E4F18"
 PROTOCOL, SERVICE = "TZ_XPC_Protocol" + SUFFIX, "TZmacServiceXPC" + SUFFIX
-# The protocol's methods, as its table declares them, in its order.
-SELECTORS = re.findall(r'^inline constexpr Method k\w+\{"(\w+)"',
-                       (Path(__file__).resolve().parents[2] / "Helper/XPCService/Source/protocol/methods.h")
-                       .read_text(), re.M)
+SELECTORS = re.findall(r'^inline constexpr Method k\w+\{"(\w+)"', (Path(__file__).resolve().parents[2] /
+                       "Helper/XPCService/Source/protocol/methods.h").read_text(), re.M)  # the table's order
 METHODS = [(s + ":reply:", "v32@0:8@16@?24") for s in SELECTORS]
 EXTENDED = ['v32@0:8@"NSString"16@?<v@?@"NSString">24'] * len(SELECTORS)
-CLASSES = [("service class", SERVICE, METHODS, PROTOCOL),
-           ("delegate", "TZmacXPCServiceDelegate" + SUFFIX,
-            [("listener:shouldAcceptNewConnection:", "c32@0:8@16@24")], "NSXPCListenerDelegate")]
-# No host headers: the front must get along with its own declarations and the
-# compiler's builtin <stddef.h>, and must not see the C++ standard library.
+CLASSES = [("service class", SERVICE, METHODS, PROTOCOL), ("delegate", "TZmacXPCServiceDelegate" + SUFFIX,
+           [("listener:shouldAcceptNewConnection:", "c32@0:8@16@24")], "NSXPCListenerDelegate")]
+# No host headers: the front gets along with its own declarations and the compiler's <stddef.h>, no C++ library.
 COMPILE = ["--target=x86_64-apple-macosx11.0", "-fobjc-runtime=macosx-11.0", "-fblocks", "-fobjc-arc",
            "-nostdlibinc", "-nostdinc++", "-DTZ_XPC_DECLARATIONS_ONLY", "-c"]
 DECL = "- (void)%s:(NSString *)request reply:(void (^)(NSString *reply))reply;\n"
@@ -32,11 +23,9 @@ MUTATIONS = [  # (file, text, its replacement, the complaint the check must make
      "protocol methods"),
     ("tz_xpc_service.h", DECL % SELECTORS[5], DECL.replace("NSString *reply", "NSData *reply") % SELECTORS[5],
      "protocol extended types"),
-    ("tz_xpc_service.mm", "- (void)tzPListExistProfile_XPC", "- (BOOL)tzPListExistProfile_XPC",
-     "service class methods"),
+    ("tz_xpc_service.mm", "- (void)tzPListExistProfile_XPC", "- (BOOL)tzPListExistProfile_XPC", "service class methods"),
     ("tz_xpc_service.mm", IMPL, IMPL[:-1] + " {\n    int requests;\n}\n", "service class ivars"),
-    ("tz_xpc_service.h", "<%s>\n@end" % PROTOCOL, "<%s>\n@property int count;\n@end" % PROTOCOL,
-     "service class properties"),
+    ("tz_xpc_service.h", "<%s>\n@end" % PROTOCOL, "<%s>\n@property int count;\n@end" % PROTOCOL, "service class properties"),
 ]
 
 
@@ -45,9 +34,9 @@ def dump(objdump, obj, *args, pattern=None):
     return re.findall(pattern, out, re.M) if pattern else out
 
 
+# [(the protocol's kinds of records, its extended types)] if `obj` emits the protocol, else []. The types run to
+# the next symbol of their section, as section-relative pointers to strings in __objc_methtype.
 def protocol_records(objdump, obj):
-    """[(the protocol's kinds of records, its extended types)] if `obj` emits the protocol, else []. The types
-    run to the next symbol of their section, as section-relative pointers to strings in __objc_methtype."""
     symbols = [(int(a, 16), s, n) for a, s, n in dump(objdump, obj, "-t", pattern=r"^(\w{16}) .{7} (\S+) (.*)$")]
     own = {n[9:-len(PROTOCOL) - 1]: a for a, _, n in symbols  # __OBJC_$_<kind>_<protocol>
            if n.startswith("__OBJC_$_") and n.endswith("_" + PROTOCOL)}
@@ -63,8 +52,7 @@ def protocol_records(objdump, obj):
     return [(sorted(own), [strings.get(p) for p in pointers])]
 
 
-def check(objects, objdump):
-    """The problems found in the objects; [] when all is well."""
+def check(objects, objdump):  # the problems found in the objects
     classes, protocols, problems = {}, [], []
     between = lambda text, start, end: text.split(start, 1)[1].split(end, 1)[0] if start in text else ""
     for obj in objects:
@@ -73,8 +61,7 @@ def check(objects, objdump):
             name, _, block = block.partition("\n")
             classes[name] = block.split("\nMeta Class\n")  # the class, then its metaclass
         protocols += protocol_records(objdump, obj)
-    expect = lambda what, got, wanted: problems.extend(
-        [] if got == wanted else ["%s: %s, expected %s" % (what, got, wanted)])
+    expect = lambda what, got, wanted: problems.extend([] if got == wanted else ["%s: %s, expected %s" % (what, got, wanted)])
     field = lambda text, key, at=0: [v.split()[at] for v in re.findall(r"^\s*%s (.*)$" % key, text, re.M)]
     methods = lambda text, opened_by, closed_by: re.findall(
         r"name 0x\w+ (\S+)\n\s*types 0x\w+ (\S+)", between(text, " %s " % opened_by, " %s " % closed_by))
@@ -88,10 +75,9 @@ def check(objects, objdump):
         expect(label + " class methods", methods(meta, "baseMethods", "baseProtocols"), [])
         expect(label + " ivars", field(block, "ivars"), ["0x0"])
         expect(label + " properties", field(block, "baseProperties"), ["0x0"])
-    block = classes.get(SERVICE, [""])[0]
-    expect("protocol methods", methods(block, "instanceMethods", "classMethods"), METHODS)
-    # Every object that emits the protocol: no optional or class methods, adopted protocols or properties,
-    # read from its symbols, as the dump prints 0x0 for those fields of a protocol whatever they hold.
+    expect("protocol methods", methods(classes.get(SERVICE, [""])[0], "instanceMethods", "classMethods"), METHODS)
+    # Each object that emits the protocol: no optional or class methods, adopted protocols or properties, read
+    # from its symbols, as the dump prints 0x0 for those fields of a protocol whatever they hold.
     for kinds, types in protocols or [(None, None)]:
         expect("protocol records", kinds, ["PROTOCOL_INSTANCE_METHODS", "PROTOCOL_METHOD_TYPES"])
         expect("protocol extended types", types, EXTENDED)
@@ -105,8 +91,7 @@ def main(mode, clang, objdump, front):
             sources = Path(shutil.copytree(front, Path(tmp, "xpc")) if name else front)
             if name:
                 (sources / name).write_text((sources / name).read_text().replace(old, new))
-            flags = ["-w"] if name else ["-Wall", "-Wextra", "-Werror"]
-            flags += ["-I", sources, "-I", Path(front).resolve().parent]  # the bridge header, beside the core
+            flags = (["-w"] if name else ["-Wall", "-Wextra", "-Werror"]) + ["-I", sources, "-I", Path(front).resolve().parent]
             for source in sorted(sources.glob("*.mm")):
                 subprocess.run([clang, *COMPILE, *flags, source, "-o", Path(tmp, source.stem + ".o")], check=True)
             problems = check(sorted(Path(tmp).glob("*.o")), objdump)
@@ -118,4 +103,5 @@ def main(mode, clang, objdump, front):
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]) if len(sys.argv) == 5 and sys.argv[1] in ("check", "mutations") else __doc__)
+    sys.exit(main(*sys.argv[1:]) if len(sys.argv) == 5 and sys.argv[1] in ("check", "mutations") else
+             "usage: objc_metadata_check.py check|mutations CLANG OBJDUMP SOURCE_DIR")

@@ -1,0 +1,207 @@
+// The operations on real files, as one table of {folder before, operation,
+// request, reply, folder after}, and the walk request against a real snmpd.
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "as_unprivileged.h"
+#include "folder_text.h"
+#include "profile_tables.h"
+#include "request.h"
+#include "service_call.h"
+#include "snmp_agent.h"
+#include "stderr_capture.h"
+#include "tz_writes.h"
+
+namespace tz::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const Operation kProbe = &Service::tzPListIsAdminProfile_XPC, kSwap = &Service::tzPListSwapProfile_XPC,
+                kExist = &Service::tzPListExistProfile_XPC, kRemove = &Service::tzPListRemove_XPC,
+                kPlist = &Service::writeDictionaryToPlistFile_XPC, kPiece = &Service::writeDataToPlistFile_XPC,
+                kFinish = &Service::writeDataToPlistFileRename_XPC;
+
+std::string S(int32_t type, const char* current = "@cur", const char* previous = "@prev") {
+    return protocol::swap_request(type, current, previous);
+}
+std::string W(const std::string& name, const std::string& text) {
+    return protocol::write_request("file://@" + name, text);
+}
+
+struct Row {
+    const char* what;
+    std::string before;
+    Operation operation;
+    std::string request;  // '@' stands for the folder with its '/'
+    const char* reply;
+    std::string after;
+    bool as_nobody = false;  // in a folder of mode 0755: permission bits stop root, not nobody
+};
+
+TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
+    std::string big;  // several copy blocks, a zero byte in the second
+    for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
+    big[70000] = '\0';
+    const std::string dummy_ab = "t.plist=old;t.plist.dummy=AB", kept = "kept/;kept/p=";
+    const Row rows[] = {
+        {"probe of a new file leaves none", "", kProbe, "@new", "TRUE", ""},
+        {"probe keeps a file", "f=keep me", kProbe, "@f", "TRUE", "f=keep me"},
+        {"probe of a folder", "d/", kProbe, "@d", "FALSE", "d/"},
+        {"probe never creates folders", "", kProbe, "@no/x", "FALSE", ""},
+        {"probe of a path without UTF-8 form", "", kProbe, "@bad\xff", "FALSE", ""},
+        {"probe of a read-only file", "f(444)=ro", kProbe, "@f", "FALSE", "f(444)=ro", true},
+        {"probe in an unwritable folder", "", kProbe, "@new", "FALSE", "", true},
+        {"exist of a read-only file", "f(444)=ro", kExist, "@f", "TRUE", "f(444)=ro", true},
+        {"exist of a folder", "d/", kExist, "@d", "TRUE", "d/"},
+        {"exist of nothing", "", kExist, "@f", "FALSE", ""},
+        {"exist of a path without UTF-8 form", "bad\xff=x", kExist, "@bad\xff", "FALSE", "bad\xff=x"},
+        {"remove a file", "f=x;g=y", kRemove, "@f", "TRUE", "g=y"},
+        {"remove nothing", "", kRemove, "@f", "FALSE", ""},
+        {"remove a full folder", "d/;d/f=x", kRemove, "@d", "FALSE", "d/;d/f=x"},
+        {"remove an empty folder", "d/", kRemove, "@d", "TRUE", ""},
+        {"swap 2 copies in blocks, afresh", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE",
+         "cur=" + big + ";prev=" + big},
+        {"swap 2 of a folder copies nothing", "d/;prev=old", kSwap, S(2, "@d"), "TRUE", "d/;prev="},
+        {"swap 2 of no current", "prev=old", kSwap, S(2), "TRUE", "prev="},
+        {"swap 0 restores the previous copy", "cur=c;prev=p", kSwap, S(0), "TRUE", "cur=p"},
+        {"swap 0 without a previous copy", "cur=c", kSwap, S(0), "TRUE", ""},
+        {"swap 1 drops the previous copy", "cur=c;prev=p", kSwap, S(1), "TRUE", "cur=c"},
+        {"swap of an unknown type", "cur=c;prev=p", kSwap, S(3), "TRUE", "cur=c;prev=p"},
+        {"swap 1 with a current path without UTF-8 form", "prev=p", kSwap, S(1, "@no\xff"), "TRUE", ""},
+        {"swap of no paths", "cur=c;prev=p", kSwap, S(0, "", ""), "TRUE", "cur=c;prev=p"},
+        {"write replaces", "t.plist=<plist>longer</plist>", kPlist, W("t.plist", "<a>:AddURL:END</a>"), "TRUE",
+         "t.plist=<a>:AddURL:END</a>"},
+        {"write of text without UTF-8 form", "", kPlist, W("t.plist", "\xff"), "FALSE", ""},
+        {"write decodes the URL", "", kPlist, W("caf%C3%A9%20menu", "x"), "TRUE", "caf\xc3\xa9 menu=x"},
+        {"write to localhost", "", kPlist, "FILE://localhost@b:AddURL:ENDy", "TRUE", "b=y"},
+        {"write to a URL without authority", "", kPlist, "file:@c:AddURL:ENDz", "TRUE", "c=z"},
+        {"write drops a trailing slash", "", kPlist, W("t.plist/", "x"), "TRUE", "t.plist=x"},
+        {"write into a missing folder", "", kPlist, W("no/a", "x"), "FALSE", ""},
+        {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
+        {"write onto a full disk", "t.plist->/dev/full", kPlist, W("t.plist", "x"), "FALSE", "t.plist->/dev/full"},
+        {"write in an unwritable folder", "", kPlist, W("t.plist", "x"), "FALSE", "", true},
+        {"piece in an unwritable folder", "t.plist.dummy(777)=AB", kPiece, W("t.plist", "CD"), "FALSE",
+         "t.plist.dummy(777)=AB", true},
+        {"a piece is appended, the target untouched", dummy_ab, kPiece, W("t.plist", "CD\xc3\xa9"), "TRUE",
+         "t.plist=old;t.plist.dummy=ABCD\xc3\xa9"},
+        {"an empty piece starts the file", "", kPiece, W("t.plist", ""), "TRUE", "t.plist.dummy="},
+        {"old pieces without UTF-8 form are dropped", "t.plist.dummy=\xff\xfe", kPiece, W("t.plist", "new"),
+         "TRUE", "t.plist.dummy=new"},
+        {"a piece without UTF-8 form", dummy_ab, kPiece, W("t.plist", "\xc3"), "FALSE", dummy_ab},
+        {"a chain of links ending nowhere", "kept/;t.plist.dummy->a;a->kept/p", kPiece, W("t.plist", "AB"),
+         "TRUE", "a->kept/p;" + kept + "AB;t.plist.dummy->a"},
+        {"a link's target is appended to", kept + "AB;t.plist.dummy->kept/p", kPiece, W("t.plist", "CD"), "TRUE",
+         kept + "ABCD;t.plist.dummy->kept/p"},
+        {"a piece onto a full disk", "t.dummy->/dev/full", kPiece, W("t", "x"), "FALSE", "t.dummy->/dev/full"},
+        {"a device behind the pieces is not read", "t.dummy->/dev/zero", kPiece, W("t", "x"), "TRUE",
+         "t.dummy->/dev/zero"},
+        {"a piece into a missing folder", "", kPiece, W("no/a", "x"), "FALSE", ""},
+        {"finish renames the pieces onto the target", dummy_ab, kFinish, "file://@t.plist", "TRUE", "t.plist=AB"},
+        {"finish without pieces deletes the target", "t.plist=old", kFinish, "file://@t.plist", "TRUE", ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        TempDir dir;
+        ::umask(002);
+        build(dir, row.before);
+        const std::string request = at_folder(row.request, dir);
+        if (row.as_nobody) {
+            fs::permissions(dir.path(), fs::perms{0755});
+            EXPECT_EQ(run_unprivileged([&] { return call(row.operation, request) == row.reply ? 0 : 1; }), 0);
+        } else {
+            EXPECT_EQ(call(row.operation, request), row.reply);
+        }
+        EXPECT_EQ(listing(dir), row.after);
+    }
+}
+
+TEST(Service, WritesRefuseWhatIsNotAFileUrl) {
+    TempDir dir;
+    for (const std::string bad : {"file://@with space", "@bare", "file://otherhost@c", "file:relative",
+                                  "file://@caf\xc3\xa9", "file://@nul%00byte", "files://@x"}) {
+        const std::string url = at_folder(bad, dir);
+        EXPECT_EQ(call(kPlist, protocol::write_request(url, "z")), "FALSE") << url;
+        EXPECT_EQ(call(kPiece, protocol::write_request(url, "z")), "FALSE") << url;
+        EXPECT_EQ(call(kFinish, url), "FALSE") << url;
+    }
+    EXPECT_EQ(listing(dir), "");
+    // The exported function writes any bytes.
+    const std::string bytes("bin\0\xff", 5), url = "file://" + dir.file("t");
+    EXPECT_EQ(writeDictionaryToPlistFile_XPC(url.c_str(), bytes.data(), bytes.size()), 1);
+    EXPECT_EQ(read_file(dir.file("t")), bytes);
+    EXPECT_EQ(writeDictionaryToPlistFile_XPC((url + " x").c_str(), "x", 1), 0);
+    EXPECT_EQ(writeDictionaryToPlistFile_XPC(nullptr, "x", 1), 0);
+    // The probe sets the umask for good.
+    ::umask(022);
+    call(kProbe, dir.file("t"));
+    EXPECT_EQ(::umask(022), 002u);
+}
+
+std::string walk(const Service& service, const std::string& user, const std::vector<std::string>& arguments) {
+    return call(&Service::mibwalk_XPC, protocol::walk_request("ModelX", user, arguments), service);
+}
+
+// The request's paths lead the walk to the user's file, which it rebuilds
+// from the device and the entries already there; 511 arguments walk, 512 not.
+TEST(WalkRequest, RebuildsTheUsersFileWithAtMost511Arguments) {
+    const ProfilePaths paths;
+    const Service service(paths.dir.prefix());
+    Tables before, after;
+    Tables::add(before.sim, entry(2, 6, "OWN.ICC", 4, 3));
+    ASSERT_EQ(before.write(), 0);
+    SnmpAgent agent(printer_table(3));
+    std::vector<std::string> arguments = {"snmpwalk", "-v1", "-c", "public", "-t", "0.2", "-r", "0",
+                                          agent.peer(), kProfileTable};
+    arguments.insert(arguments.begin() + 1, 511 - arguments.size(), "-v1");
+    EXPECT_EQ(walk(service, "alice", arguments), "iRet=0");
+    paths.point();
+    ASSERT_EQ(after.read(), 0);
+    EXPECT_EQ(after.rgb.iNum, 2);
+    EXPECT_STREQ(after.sim.Entry[0].FileName, "OWN.ICC");
+    EXPECT_EQ(after.dst.Entry[0].IndexOnDevice, 3);
+    EXPECT_STREQ(after.dst.Entry[0].ProfileName, "Profile 3");
+
+    ASSERT_EQ(::unlink(paths.current.c_str()), 0);
+    arguments.insert(arguments.begin() + 1, "-v1");
+    EXPECT_EQ(walk(service, "alice", arguments), "iRet=-1");
+    EXPECT_FALSE(exists(paths.current));
+}
+
+TEST(WalkRequest, RepliesThenLogsOneLine) {
+    TempDir folder;
+    ::openlog("walk-request-test", LOG_PERROR, LOG_USER);  // log lines to stderr too, in order
+    StderrCapture capture;
+    Service(folder.prefix()).mibwalk_XPC(protocol::walk_request("M", "u", {"snmpwalk", "-V"}),
+                                         [](const std::string& reply) { std::fprintf(stderr, "<%s>", reply.c_str()); });
+    const std::string got = capture.finish();
+    ::closelog();
+    const std::size_t reply_at = got.find("<iRet=-2>"), log_at = got.find("xpc - mibwalk_XPC - iRet=-2");
+    EXPECT_TRUE(reply_at < log_at && log_at != std::string::npos) << got;
+    EXPECT_EQ(got.find("iRet", got.find('\n', log_at)), std::string::npos) << "one reply, one line: " << got;
+}
+
+TEST(WalkRequestDeathTest, PathsAreTakenLiterallyAndEndTheProcessWhenTooLong) {
+    TempDir parent;
+    const std::string odd = parent.file("100%s%n%d") + "/";
+    fs::create_directory(odd);
+    EXPECT_EQ(walk(Service(odd), "alice", {"snmpwalk"}), "iRet=-1");
+    EXPECT_TRUE(exists(odd + "alice-ModelX-profile.plist"));
+
+    // The spool path, 6 longer than the current one, must fit in 255 bytes.
+    TempDir folder;
+    const Service service(folder.prefix());
+    const std::size_t fixed = folder.prefix().size() + std::strlen("-ModelX-profile.spool.plist");
+    EXPECT_DEATH(walk(service, std::string(256 - fixed, 'u'), {"snmpwalk"}), "");
+    EXPECT_EQ(walk(service, std::string(255 - fixed, 'u'), {"snmpwalk"}), "iRet=-1");
+}
+
+}  // namespace
+}  // namespace tz::test
