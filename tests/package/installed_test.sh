@@ -1,27 +1,10 @@
 #!/usr/bin/env bash
-# The Debian packages as an administrator installs them and as users use them.
-#
-#   tests/package/installed_test.sh      (as root, on a machine that may be
-#                                        changed for the duration: CI's)
-#
-# 1. builds the packages from a copy of the tree (dpkg-buildpackage) and
-#    checks them with lintian (no errors);
-# 2. installs them with dpkg -i: the service, the client library and its
-#    development files; the lpadmin group and the shared preferences folder
-#    are made by the packages' own maintainer scripts;
-# 3. adds two users, one in lpadmin and one not, and for each runs a session
-#    bus with the distribution's session configuration (dbus-run-session), so
-#    the installed activation file starts the installed service; through the
-#    installed tzhelperctl it checks exist, the "is admin" probe in the shared
-#    folder (TRUE for the member, FALSE for the other), a walk of the sample
-#    printer that writes <user>-T48Q-profile.plist there (member only), and
-#    that the PreferencesDirectory property names that folder;
-# 4. builds a program against the installed library through pkg-config;
-# 5. verifies the installed user unit with systemd-analyze;
-# 6. purges the packages, removes the users (and the lpadmin group when the
-#    test made it), and checks that nothing of the packages is left.
-#
-# Everything it starts or adds is undone on every way out.
+# The Debian packages as an administrator installs them and as users use them
+# (as root, on a machine that may be changed: CI's). Builds and lintians the
+# packages, installs them with dpkg -i, checks exist, the probe, a walk and the
+# PreferencesDirectory property as a member of lpadmin and as another user on
+# their own session buses, builds against the .pc file, verifies the user unit,
+# purges, and checks that nothing is left. Everything is undone on every way out.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 root=$PWD
