@@ -135,6 +135,9 @@ TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
     const json tables = json::parse(run(0, {"show", "--json", "--user", "bob", "--model", "T48Q"}).out)["categories"];
     EXPECT_EQ(tables["RGB"]["iNum"], 4);
     EXPECT_EQ(tables["SIM"]["entries"][1]["FileName"], "PRF00006.ICC");
+    const std::string text = run(0, {"show", "--user", "bob", "--model", "T48Q"}).out;  // three tables, DST last
+    const size_t dst = text.find("DST (iNum 2)\n");
+    EXPECT_TRUE(text.rfind("RGB (iNum 4)\n", 0) == 0 && dst != std::string::npos && text.find("(iNum", dst + 5) == std::string::npos) << text;
     // Row 6 is gone from the printer: kept, and marked so; no progress line when stderr is not a terminal.
     const std::string remarked = "0 added, 0 dropped, 1 re-marked\n  re-marked  PRF00006.ICC  location 4   "
                                  "\"Profile 6\"           InMenu 2 -> 1\n";
@@ -168,6 +171,14 @@ TEST(HelperClient, ReportsItsOwnWalksProgressOnly) {
         << ::testing::PrintToString(counts);
     EXPECT_GT(long_counts.back(), 18u);
     EXPECT_EQ(first->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
+}
+
+// A bus that cannot be reached gives no client and, when asked for, the reason.
+TEST(HelperClient, ConnectingToNoBusSaysWhy) {
+    tz::client::BusError error;
+    EXPECT_EQ(tz::client::HelperClient::connect("unix:path=/nonexistent/bus", &error), nullptr);
+    EXPECT_FALSE(error.name.empty() || error.message.empty());
+    EXPECT_EQ(tz::client::HelperClient::connect("unix:path=/nonexistent/bus", nullptr), nullptr);
 }
 
 // Slots (slot:InMenu:FILE@LOCATION) before and after; changes "+FILE@LOC:NEW", "-FILE@LOC:OLD", "~FILE@LOC:OLD>NEW".
