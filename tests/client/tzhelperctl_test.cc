@@ -171,6 +171,10 @@ TEST(HelperClient, ReportsItsOwnWalksProgressOnly) {
         << ::testing::PrintToString(counts);
     EXPECT_GT(long_counts.back(), 18u);
     EXPECT_EQ(first->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
+    first->set_walk_timeout(std::chrono::seconds(1));  // the agent is silent for 3 s: the call's own timeout ends it
+    const Args silent = {"snmpwalk", "-v", "1", "-c", "public", "-t", "3", "-r", "0", "127.0.0.1:1", "1.3"};
+    const auto late = first->mib_walk(tz::client::walk_request("T48Q", "alice", silent), [](uint32_t) {});
+    EXPECT_EQ(late.error.value_or(tz::client::BusError{}).name, "org.freedesktop.DBus.Error.NoReply");
 }
 
 // A bus that cannot be reached gives no client and, when asked for, the reason.
