@@ -14,19 +14,14 @@ namespace tz::test {
 inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name, int32_t location = 4,
                           int32_t profile_class = 1, const char* name = "") {
     ProfileEntry e{};
-    e.IndexOnDevice = index;
-    e.InMenu = in_menu;
-    e.ProfileClass = profile_class;
+    e.IndexOnDevice = index, e.InMenu = in_menu, e.ProfileClass = profile_class, e.Location = location;
     std::strncpy(e.FileName, file_name, sizeof e.FileName - 1);
     std::strncpy(e.ProfileName, name, sizeof e.ProfileName - 1);
-    e.Location = location;
     return e;
 }
 
 template <typename T>
-bool same_bytes(const T& a, const T& b) {
-    return std::memcmp(&a, &b, sizeof(T)) == 0;
-}
+bool same_bytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
 
 // The three categories, zeroed.
 struct Tables {
@@ -36,8 +31,8 @@ struct Tables {
     int32_t write() const { return TZPListWriteProfile_All(&rgb, &sim, &dst); }
 };
 
-// A temporary folder the store's path globals point into while it lives.
-// The walk request points them elsewhere: point() points them back.
+// A temporary folder the store's path globals point into while it lives;
+// point() points them back after a walk request moved them.
 class ProfilePaths {
 public:
     ProfilePaths() { point(); }
@@ -46,9 +41,7 @@ public:
         TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
         TZ_PLIST_PROFILE_SPOOL_PATH = spool.c_str();
     }
-    ~ProfilePaths() {
-        TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr;
-    }
+    ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
     ProfilePaths(const ProfilePaths&) = delete;
     ProfilePaths& operator=(const ProfilePaths&) = delete;
 
@@ -58,8 +51,7 @@ public:
     const std::string spool = dir.file("alice-ModelX-profile.spool.plist");
 };
 
-// Runs `code` with Debian's python3 and `args`; its stdout, with a note
-// appended when it failed.
+// Runs `code` with Debian's python3 and `args`: its stdout, with a note appended when it failed.
 inline std::string run_python(const std::string& code, const std::string& args) {
     TempDir dir;
     write_file(dir.file("script.py"), code);
