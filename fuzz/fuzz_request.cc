@@ -16,16 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto piece = [&](std::optional<std::string_view> f, std::string_view marker) {
         check(!f || (f->data() >= r.data() && f->data() + f->size() <= r.data() + r.size() && f->find(marker) == f->npos));
     };
-    auto guarded = [](auto cut) {
-        try {
-            cut();
-        } catch (const std::out_of_range&) {  // a request that ends without a reply
-        }
-    };
+    auto guarded = [](auto cut) { try { cut(); } catch (const std::out_of_range&) {} };  // a request without a reply
     guarded([&] { const Swap swap = cut_swap(r); piece(swap.current, kSwapCurrent), piece(swap.previous, ""); });
     guarded([&] {
-        const Write write = cut_write(r);
-        check(write.url.size() + kAddUrl.size() + write.text.size() == r.size() && write.url.find(kAddUrl) == r.npos);
+        const Write w = cut_write(r);
+        check(w.url.size() + kAddUrl.size() + w.text.size() == r.size() && w.url.find(kAddUrl) == r.npos);
     });
     guarded([&] { const WalkNames names = cut_walk_names(r); piece(names.model, ""), piece(names.user, ""); });
     guarded([&] { for (const std::string_view argument : cut_walk_arguments(r)) piece(argument, kArg); });

@@ -1,6 +1,5 @@
-// The spool on arbitrary variables: any OID length, sub-identifiers, type and value length, most starting
-// with a device column's OID so that rows and values are reached. The address sanitizer catches a write
-// outside the spool.
+// The spool on arbitrary variables (OID, type, value), most under a device column so that rows and values
+// are reached; the address sanitizer catches a write outside the spool.
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 
@@ -20,8 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0, extra = byte() % 24; i < extra; ++i) name.push_back((shape & 2) ? byte() % 12 : word());
     if (name.empty()) name.push_back(0);
     netsnmp_variable_list var{};
-    var.name = name.data(), var.name_length = name.size();
-    var.type = static_cast<u_char>((shape & 4) ? ((shape & 8) ? ASN_OCTET_STR : ASN_INTEGER) : byte());
+    var.name = name.data(), var.name_length = name.size(), var.type = (shape & 4) ? ((shape & 8) ? ASN_OCTET_STR : ASN_INTEGER) : byte();
     long integer = static_cast<int32_t>(word());
     std::vector<u_char> bytes(data, data + size);  // the rest is the value
     if (var.type == ASN_OCTET_STR) var.val.string = bytes.data(), var.val_len = bytes.size();

@@ -14,8 +14,7 @@ using Items = std::vector<std::pair<std::string, std::string>>;
 
 // A tree as Python's json.dumps(sort_keys=True, ensure_ascii=False) writes it; values not modelled are "?".
 std::string json(const TZDictionary& dict) {
-    auto quoted = [](std::string_view text) {
-        std::string out = "\"";
+    auto quoted = [](std::string_view text, std::string out = "\"") {
         for (char c : text) out += c == '\r' ? "\\r" : c == '\n' ? "\\n" : c == '"' ? "\\\"" : std::string{c};
         return out + "\"";
     };
@@ -26,13 +25,9 @@ std::string json(const TZDictionary& dict) {
                 : v.kind == plist::Kind::Dict  ? json(*v.dict) : "\"?\"");
     return out + "}";
 }
-std::string json_of(const std::string& bytes) {
-    const DictRef root = plist::parse(bytes);
-    return root ? json(*root) : "refused";
-}
+std::string json_of(const std::string& bytes) { const DictRef root = plist::parse(bytes); return root ? json(*root) : "refused"; }
 std::string v(const std::string& body) { return "<plist><dict><key>v</key>" + body + "</dict></plist>"; }
-std::string be(uint64_t value, int bytes) {
-    std::string out;
+std::string be(uint64_t value, int bytes, std::string out = "") {
     for (int s = 8 * (bytes - 1); s >= 0; s -= 8) out += static_cast<char>(value >> s);
     return out;
 }
@@ -60,10 +55,9 @@ std::string chain(uint32_t n, int refs = 1, bool cycle = false, bool dicts = fal
     o.push_back(cycle ? "\xA1" + be(4, 4) : dicts ? "\xD0" : "\xA0");
     return bplist(o);
 }
-std::string xml_dicts(int n) {
-    std::string open, close;
-    for (int i = 0; i < n; ++i) open += "<dict><key>a</key>", close += "</dict>";
-    return "<plist>" + open + "<dict/>" + close + "</plist>";
+std::string xml_dicts(int n, std::string open = "<plist>", std::string close = "</plist>") {
+    for (int i = 0; i < n; ++i) open += "<dict><key>a</key>", close = "</dict>" + close;
+    return open + "<dict/>" + close;
 }
 
 TEST(CodecValues, XmlReadSkippedAndRefused) {
@@ -172,10 +166,6 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     write_file(path, "<plist><dict>");
     ASSERT_EQ(::truncate(path.c_str(), 100 << 20), 0);  // sparse, 100 MB
     EXPECT_FALSE(plist::read_file(path.c_str()) || plist::read_file(dir.path().c_str()));
-    write_file(path, v("<string>" + std::string(8 << 20, 'x') + "</string>"));  // large, acceptable
-    char field[32];
-    ReadDictionaryStringEntry(plist::read_file(path.c_str()).get(), "v", field);
-    EXPECT_EQ(std::string(field), std::string(31, 'x'));
 }
 
 }  // namespace

@@ -31,20 +31,15 @@ struct Tables {
     int32_t write() const { return TZPListWriteProfile_All(&rgb, &sim, &dst); }
 };
 
-// A temporary folder the store's path globals point into while it lives;
-// point() points them back after a walk request moved them.
-class ProfilePaths {
-public:
+// A temporary folder the store's path globals point into while it lives; point() points them back.
+struct ProfilePaths {
     ProfilePaths() { point(); }
+    ProfilePaths(const ProfilePaths&) = delete;
+    ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
     void point() const {
-        TZ_PLIST_PROFILE_PATH = current.c_str();
-        TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
+        TZ_PLIST_PROFILE_PATH = current.c_str(), TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
         TZ_PLIST_PROFILE_SPOOL_PATH = spool.c_str();
     }
-    ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
-    ProfilePaths(const ProfilePaths&) = delete;
-    ProfilePaths& operator=(const ProfilePaths&) = delete;
-
     TempDir dir;
     const std::string current = dir.file("alice-ModelX-profile.plist");
     const std::string previous = dir.file("alice-ModelX-profile.prev.plist");
@@ -58,8 +53,7 @@ inline std::string run_python(const std::string& code, const std::string& args) 
     FILE* pipe = ::popen(("/usr/bin/python3 " + dir.file("script.py") + " " + args).c_str(), "r");
     std::string out;
     char buffer[4096];
-    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, got);
+    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, got);
     if (pipe == nullptr || ::pclose(pipe) != 0) out += "\n(python failed)";
     return out;
 }
