@@ -41,8 +41,7 @@ std::string bplist(const std::vector<std::string>& objects) {
 std::string binary_dict(const Items& items) {
     std::vector<std::string> objects{std::string(1, static_cast<char>(0xD0 + items.size()))};
     for (size_t r = 1; r <= 2 * items.size(); ++r) objects[0] += be(r, 4);
-    for (const bool keys : {true, false})
-        for (const auto& [key, value] : items) objects.push_back(keys ? key : value);
+    for (const bool keys : {true, false}) for (const auto& [key, value] : items) objects.push_back(keys ? key : value);
     return bplist(objects);
 }
 // {"a": x, "b": [x]}, x a chain of n arrays, each referring `refs` times to the next (or the last back to x);
@@ -60,7 +59,7 @@ std::string xml_dicts(int n, std::string open = "<plist>", std::string close = "
     return open + "<dict/>" + close;
 }
 
-TEST(CodecValues, XmlReadSkippedAndRefused) {
+TEST(CodecValues, XmlReadSkippedAndRefusedAndUtf8Validation) {
     std::string utf16 = "\xFF\xFE";
     for (char c : "<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + v("<string>x</string>")) utf16 += std::string{c, '\0'};
     Items rows = {
@@ -86,9 +85,6 @@ TEST(CodecValues, XmlReadSkippedAndRefused) {
                                   "<dict><key>\xC3</key><integer>1</integer></dict>", "<dict><key>k<b/></key><integer>1</integer></dict>"})
         rows.emplace_back(v(malformed), "refused");
     for (const auto& [bytes, expected] : rows) EXPECT_EQ(json_of(bytes), expected) << bytes;
-}
-
-TEST(CodecValues, Utf8Validation) {
     const char* good[] = {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"};
     const char* bad[] = {"\xC3", "\xC1\xBF", "\xC0\xAF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
                          "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xC3\xC0", "\xE2\x82\xC0", "\xE9"};
@@ -116,17 +112,15 @@ TEST(CodecParity, PlistlibReadsWhatIsWrittenAndWritesWhatIsRead) {
         "\\\"q\\\" 'a'\", \"kept\": \"\xEF\xBF\xBD \xEF\xB7\x90 \xF4\x8F\xBF\xBF\", \"max\": 9223372036854775807, "
         "\"min\": -9223372036854775808, \"nothing\": {}}}";
     TempDir dir;
-    const std::string ours = dir.file("o.plist"), b = dir.file("b.plist"), w = dir.file("w.plist");
+    const std::string ours = dir.file("o.plist"), b = dir.file("b.plist");
     ASSERT_TRUE(plist::write_file(ours.c_str(), *root));
     EXPECT_EQ(json_of(read_file(ours)), expected);
     EXPECT_EQ(run_python(R"(import json, plistlib, sys
 tree = plistlib.load(open(sys.argv[1], 'rb'))
 print(json.dumps(tree, sort_keys=True, ensure_ascii=False), end='')
 plistlib.dump(tree, open(sys.argv[2], 'wb'), fmt=plistlib.FMT_BINARY)
-plistlib.dump({'a': 1, 'n': {'big': 2**64 - 1, 'k': -3}}, open(sys.argv[3], 'wb'), fmt=plistlib.FMT_BINARY)
-)", ours + " " + b + " " + w), expected);
+)", ours + " " + b), expected);
     EXPECT_EQ(json_of(read_file(b)), expected);
-    EXPECT_EQ(json_of(read_file(w)), R"({"a": 1, "n": {"big": "?", "k": -3}})");
 
     const std::string xml = read_file(ours), bytes = read_file(b);  // cut or damaged: refused, or read safely
     for (size_t cut = 0; cut < xml.rfind("</plist>"); ++cut) EXPECT_FALSE(plist::parse(xml.substr(0, cut)));

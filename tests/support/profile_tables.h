@@ -1,5 +1,4 @@
-// Profile tables for tests: entries, zeroed tables, the store's path globals
-// pointed into a temporary folder, and Python run on a file.
+// Profile tables for tests: entries, zeroed tables, the path globals in a temporary folder, and Python.
 #pragma once
 
 #include <cstdio>
