@@ -81,8 +81,8 @@ TEST(CodecValues, XmlReadSkippedAndRefusedAndUtf8Validation) {
         rows.emplace_back(v(other), R"({"v": "?"})");
     for (const char* malformed : {"", "<key>a</key>", "<integer>1</integer><integer>2</integer>", "<integer>1</integer></plist>",
                                   "<dict><key>x</key></dict>", "<string>caf\xE9</string>", "<string>\xF4\x90\x80\x80</string>",
-                                  "<string>&#xD800;</string>", "<string>&#x110000;</string>",
-                                  "<dict><key>\xC3</key><integer>1</integer></dict>", "<dict><key>k<b/></key><integer>1</integer></dict>"})
+                                  "<string>&#xD800;</string>", "<string>&#x110000;</string>", "<dict><key>\xC3</key><integer>1</integer></dict>",
+                                  "<dict><key>k<b/></key><integer>1</integer></dict>"})
         rows.emplace_back(v(malformed), "refused");
     for (const auto& [bytes, expected] : rows) EXPECT_EQ(json_of(bytes), expected) << bytes;
     const char* good[] = {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"};
@@ -127,10 +127,12 @@ plistlib.dump(tree, open(sys.argv[2], 'wb'), fmt=plistlib.FMT_BINARY)
     for (size_t cut = 0; cut < bytes.size(); ++cut) (void)plist::parse(bytes.substr(0, cut));
     for (size_t at = bytes.size() - 40; at < bytes.size(); ++at) (void)plist::parse(bytes.substr(0, at) + '\xFF' + bytes.substr(at + 1));
     EXPECT_FALSE(plist::write_file(dir.file("no/such.plist").c_str(), *root) || plist::write_file("/dev/full", *root));
+    ASSERT_EQ(::truncate(ours.c_str(), 100 << 20), 0);  // sparse, 100 MB
+    EXPECT_FALSE(plist::read_file(ours.c_str()) || plist::read_file(dir.path().c_str()));
 }
 
 // libplist keeps the low 64 bits of a 16-byte integer: one outside int64 is skipped, the rest read.
-TEST(CodecBinary, WideIntegersAreSkippedAndBadKeysRefused) {
+TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
     const auto wide = [](uint64_t high, uint64_t low) { return "\x14" + be(high, 8) + be(low, 8); };
     const std::string a = "\x51" "a", five = "\x10\x05";
     for (const auto& [value, read] : {std::pair{wide(0, ~0ull), "\"?\""}, {wide(0, 1ull << 63), "\"?\""},
@@ -143,9 +145,8 @@ TEST(CodecBinary, WideIntegersAreSkippedAndBadKeysRefused) {
         {{{"\x10\x75", five}}, "refused"}, {{{std::string("\x51\0", 2), five}}, "refused"},  // keys libplist aborts on
         {{{std::string("\x62\0a\0\0", 5), five}}, "refused"}, {{{a, "\x14"}}, "refused"}};  // the last cut short
     for (const auto& [items, expected] : rows) EXPECT_EQ(json_of(binary_dict(items)), expected) << expected;
-}
 
-TEST(CodecBadFiles, NestingAndSizeAreBounded) {
+    // Nesting and size are bounded.
     EXPECT_TRUE(plist::parse(xml_dicts(63)) && !plist::parse(xml_dicts(64)) && !plist::parse(xml_dicts(100000)));
     std::string arrays = "<plist><dict><key>a</key>";
     for (int i = 0; i < 200000; ++i) arrays += i < 100000 ? "<array>" : "</array>";
@@ -155,11 +156,6 @@ TEST(CodecBadFiles, NestingAndSizeAreBounded) {
     EXPECT_TRUE(unknown(json_of(chain(63, 1, false, true))) == 1 && unknown(json_of(chain(64, 1, false, true))) == 2);
     // Refused before libplist, whose reader recurses once per level and expands shared objects.
     for (const std::string& bytes : {chain(127), chain(1000000), chain(60, 2), chain(5, 1, true)}) EXPECT_FALSE(plist::parse(bytes));
-    TempDir dir;
-    const std::string path = dir.file("huge.plist");
-    write_file(path, "<plist><dict>");
-    ASSERT_EQ(::truncate(path.c_str(), 100 << 20), 0);  // sparse, 100 MB
-    EXPECT_FALSE(plist::read_file(path.c_str()) || plist::read_file(dir.path().c_str()));
 }
 
 }  // namespace
