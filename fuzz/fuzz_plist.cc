@@ -6,13 +6,11 @@
 
 #include "plist_codec.h"
 
+using namespace tz::plist;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const tz::plist::DictRef ours = tz::plist::parse(std::string(reinterpret_cast<const char*>(data), size));
-    if (!ours) return 0;
-    const tz::plist::DictRef again = tz::plist::parse(tz::plist::to_xml(*ours));
-    if (!again) __builtin_trap();
-    const std::string xml = tz::plist::to_xml(*again);
-    const tz::plist::DictRef third = tz::plist::parse(xml);
-    if (!third || tz::plist::to_xml(*third) != xml) __builtin_trap();
+    const DictRef ours = parse(std::string(reinterpret_cast<const char*>(data), size)), again = ours ? parse(to_xml(*ours)) : ours;
+    const DictRef third = again ? parse(to_xml(*again)) : again;
+    if (ours && !(again && third && to_xml(*third) == to_xml(*again))) __builtin_trap();
     return 0;
 }

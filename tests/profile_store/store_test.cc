@@ -1,6 +1,7 @@
 // The profile store on files: reads, writes, the mapping, the tidy passes and the library file functions.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
 
 #include "profile_tables.h"
@@ -40,26 +41,25 @@ ProfileTable& fill(ProfileTable& t, const std::vector<ProfileEntry>& rows, int32
 std::unique_ptr<ProfileTable> table(const std::vector<ProfileEntry>& rows = {}, int32_t count = 0) {
     return std::make_unique<ProfileTable>(fill(*std::make_unique<ProfileTable>(), rows, count));
 }
-const std::vector<ProfileEntry> kOld(5, entry(1, 1, "OLD", 5, 2, "old"));
 
 void write_doc(const Doc& d) { write_file(TZ_PLIST_PROFILE_PATH, "<plist>" + dict_xml(d) + "</plist>"); }
 struct Store : ::testing::Test, ProfilePaths, Tables {};
 
 TEST_F(Store, ReadChecksPresenceBeforeAnyTableIsWritten) {
-    const ProfileTable before = fill(rgb, kOld, 5);
+    const ProfileTable before = fill(rgb, std::vector<ProfileEntry>(5, entry(1, 1, "OLD", 5, 2, "old")), 5);
     EXPECT_EQ(read(), -1);  // no file
     const Doc full = doc({{"RGB", {{0, entry(3, 2, "A")}}}, {"SIM", {}}, {"DST", {}}});
     std::vector<std::string> cuts{"RGB", "SIM", "DST"};
     for (const char* field : kFields) cuts.push_back(std::string("DST/") + field);
     for (const std::string& cut : cuts) {  // missing, or of another type
         Doc d = full;
-        for (auto it = d.lower_bound(cut); it != d.end() && it->first.rfind(cut, 0) == 0;) it = d.erase(it);
+        d.erase(d.lower_bound(cut), d.lower_bound(cut + "0"));  // the entry and everything under it
         for (const char* value : {"", "<true/>"}) {
             if (*value) d[cut] = value;
             write_doc(d);
-            const int32_t category = cut == "RGB" ? 0 : cut == "SIM" ? 1 : 2;
-            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, category) == -1 &&
-                        TZPListReadProfile_Dict_Pap(&rgb, category) == -1 && same_bytes(rgb, before)) << cut << value;
+            const int32_t c = cut == "RGB" ? 0 : cut == "SIM" ? 1 : 2;
+            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, c) == -1 && TZPListReadProfile_Dict_Pap(&rgb, c) == -1 &&
+                        same_bytes(rgb, before)) << cut << value;
         }
     }
 }
@@ -77,16 +77,14 @@ TEST_F(Store, ReadValuesCountCheckAndCategoryReads) {
              {"ProfileName/ProfileName0001", "<string>" + name + "</string>"}})
         d["RGB/" + path] = value;
     d.erase("RGB/ProfileName/ProfileName0000");
-    d["SIM/iNum"] = "<integer>5</integer>";  // in use 0, 1, 7: the slots from 3 on are cleared
-    d["DST/iNum"] = "<integer>2</integer>";  // agrees: the gap stays
+    d["SIM/iNum"] = "<integer>5</integer>", d["DST/iNum"] = "<integer>2</integer>";  // SIM: 0, 1, 7 in use; DST agrees
     d["SIM/InMenu/InMenu0500"] = d["SIM/InMenu/InMenu7"] = "<integer>3</integer>";  // no slot keys
     write_doc(d);
-    fill(rgb, {entry(8, 0, "KEEP", 6, 2, "kept"), entry(0, 0, "", 0, 9, "xx"), entry(0, 0, "", 0, 7)}, 0);
-    ASSERT_EQ(read(), 0);
+    ASSERT_EQ((fill(rgb, {entry(8, 0, "KEEP", 6, 2, "kept"), entry(0, 0, "", 0, 9, "xx"), entry(0, 0, "", 0, 7)}, 0), read()), 0);
     EXPECT_TRUE(same_bytes(rgb.Entry[0], entry(8, 2, "KEEP", 6, 2, "kept")));
     EXPECT_TRUE(same_bytes(rgb.Entry[1], entry(INT32_MIN, 1, "B", INT32_MAX, 9, name.substr(0, 31).c_str())));
     EXPECT_TRUE(rgb.Entry[2].ProfileClass == 7 && rgb.iNum == 3);  // no "iNum": the count check sets it
-    EXPECT_TRUE(sim.iNum == 3 && same_bytes(sim.Entry[7], ProfileEntry{}) && dst.iNum == 2 && dst.Entry[7].InMenu == 1);
+    EXPECT_TRUE(sim.iNum == 3 && same_bytes(sim.Entry[7], ProfileEntry{}) && dst.iNum == 2 && dst.Entry[7].InMenu == 1);  // the gap stays
 
     // The category reads need only their category; the Pap read drops file slots marked 2 and stores 4 as 6.
     rgb = {}, sim = {};
@@ -96,8 +94,7 @@ TEST_F(Store, ReadValuesCountCheckAndCategoryReads) {
 
     d = doc({{"RGB", {{0, entry(1, 1, "F0")}, {1, entry(2, 2, "F1")}, {2, entry(3, 4, "F2")}, {3, entry(4, 3, "F3")},
                           {4, entry(5, 6, "F4")}}}});
-    d["RGB/FileName/FileName0005"] = "<string>F5</string>";  // no InMenu: keeps the table's
-    d["RGB/iNum"] = "<integer>5</integer>";
+    d["RGB/FileName/FileName0005"] = "<string>F5</string>", d["RGB/iNum"] = "<integer>5</integer>";  // slot 5 has no InMenu
     write_doc(d);
     rgb.Entry[4].InMenu = 9, rgb.Entry[499] = entry(0, 1, "LAST");  // not written: the count check clears it
     ASSERT_EQ(TZPListReadProfile_Dict_Pap(&rgb, TZ_CATEGORY_RGB), 0);
@@ -121,9 +118,8 @@ TEST_F(Store, WriteRoundTripsCategoryWriteAndTheFile) {
         ASSERT_EQ(TZPListWriteProfile_All(r.get(), s.get(), d.get()), 0);
         std::unique_ptr<ProfileTable> outs[] = {table(), table(), table()};
         ASSERT_EQ(TZPListWriteProfile_Dict(x.get(), c, outs[0].get(), outs[1].get(), outs[2].get()) + read(), 0);
-        const ProfileTable* expected[] = {r.get(), s.get(), d.get()};
-        expected[c] = x.get();
-        for (int t = 0; t < 3; ++t) EXPECT_TRUE(same_bytes(*outs[t], *expected[t]) && same_bytes(*tables[t], *expected[t]));
+        for (int t = 0; t < 3; ++t)
+            EXPECT_TRUE(same_bytes(*outs[t], t == c ? *x : *std::array{r.get(), s.get(), d.get()}[t]) && same_bytes(*tables[t], *outs[t]));
     }
     const std::string before = read_file(current);
     EXPECT_TRUE(TZPListWriteProfile_Dict(x.get(), 3, nullptr, nullptr, nullptr) == -1 && read_file(current) == before);
@@ -143,9 +139,8 @@ TEST_F(Store, WriteRoundTripsCategoryWriteAndTheFile) {
 
 TEST(Mapping, DeviceEntriesFirstThenTheNewTable) {
     const std::vector<ProfileEntry> cur = {
-        entry(1, 2, "DEV"), entry(2, 1, "USER"),                         // not device-marked: dropped
-        entry(3, 4, "BOTH"),                                              // the new table's copy wins
-        entry(4, 2, "EXCL"), entry(5, 2, "EXCL", 5),                      // excluded; another Location is not
+        entry(1, 2, "DEV"), entry(2, 1, "USER"), entry(3, 4, "BOTH"),  // USER not device-marked; BOTH: the new copy wins
+        entry(4, 2, "EXCL"), entry(5, 2, "EXCL", 5),                   // excluded; another Location is not
         entry(6, 2, "DEV"), entry(7, 4, "NEXT"), entry(8, 2, "PAST")};  // duplicates kept; beyond iNum
     const auto current = table(cur, 7), result = table(), exclusion = table({entry(0, 0, "EXCL"), entry(0, 0, "DEV")}, 1);
     const auto fresh = table({entry(0, 1, "NEW"), entry(0, 3, "BOTH", 4, 2, "new copy"), entry(0, 1, "NEXT")}, 2);
@@ -162,17 +157,15 @@ TEST(Mapping, DeviceEntriesFirstThenTheNewTable) {
 
 TEST_F(Store, PapWriteAndTheFileDictionaries) {
     fill(rgb, {entry(1, 2, "R-DEV"), entry(0, 1, "R-USER"), entry(2, 4, "R-DEV4")}, 3);
-    fill(sim, {entry(3, 2, "S-DEV")}, 1);
-    ASSERT_EQ(write(), 0);
+    ASSERT_EQ((fill(sim, {entry(3, 2, "S-DEV")}, 1), write()), 0);
     TZDictionary *cats[3] = {}, *f[6] = {};
     ASSERT_EQ(TZPListMappingGetMainDict_FromPlist(&cats[0], &cats[1], &cats[2]), 0);
-    int32_t count = -7;
+    int32_t count = -7, mark = 0;
     ASSERT_EQ(TZPListMappingGetSubDict(cats[1], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &count), 0);
-    EXPECT_EQ(count, 1);
     char name[32] = {};
     ReadDictionaryStringEntry(f[4], "FileName0000", name);  // FileName is the 5th
-    ReadDictionaryIntEntry(f[1], "InMenu0000", &count);
-    EXPECT_TRUE(count == 2 && !strcmp(name, "S-DEV") && TZDictionaryGetCount(cats[1]) == 7);
+    ReadDictionaryIntEntry(f[1], "InMenu0000", &mark);
+    EXPECT_TRUE(count == 1 && mark == 2 && !strcmp(name, "S-DEV") && TZDictionaryGetCount(cats[1]) == 7);
     EXPECT_TRUE(TZDictionaryContainsKey(cats[1], "iNum") && !TZDictionaryContainsKey(cats[1], "iNum0") &&
                 TZDictionaryGetDictionary(cats[1], "InMenu") && !TZDictionaryGetDictionary(cats[1], "iNum"));
     EXPECT_EQ(TZPListMappingGetSubDict(f[0], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &count), -1);
@@ -217,8 +210,7 @@ TEST(TidyPasses, CleanPaddingAndSalvage) {
 
 TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
     EXPECT_TRUE(TZPListIsAdminProfile() == 1 && !exists(current) && TZPListExistProfile() == 0);  // probe file gone
-    write_file(current, "current");
-    EXPECT_EQ(TZPListExistProfile(), 1);
+    EXPECT_EQ((write_file(current, "current"), TZPListExistProfile()), 1);
     TZPListSwapProfile(2);  // current copied to previous
     EXPECT_EQ(read_file(previous), "current");
     TZPListSwapProfile((write_file(previous, "previous"), 0));  // previous becomes current
@@ -227,8 +219,7 @@ TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
     for (int selector : {0, 1, 4, -1}) EXPECT_EQ(TZPListRemove(selector), 0);
     EXPECT_TRUE(TZPListRemove(2) == 1 && !exists(previous) && exists(current));
     EXPECT_TRUE(TZPListRemove(3) == 1 && TZPListRemove(3) == 0);
-    const std::string elsewhere = dir.file("no/such.plist");  // a folder that is not there
-    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = elsewhere.c_str();
+    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = "/nonexistent-tz-folder/x.plist";  // a folder that is not there
     EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + TZPListRemove(3) + TZPListRemove(2), 0);
     EXPECT_TRUE(write() == -1 && TZPListWriteProfile_All_Pap(&rgb, &sim, &dst, &rgb, &sim, &dst) == -1);
 }

@@ -19,8 +19,7 @@ inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name,
     return e;
 }
 
-template <typename T>
-bool same_bytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
+template <typename T> bool same_bytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
 
 // The three categories, zeroed.
 struct Tables {
