@@ -43,9 +43,9 @@ std::string binary_dict(const Items& items) {
     for (const bool keys : {true, false}) for (const auto& [key, value] : items) objects.push_back(keys ? key : value);
     return bplist(objects);
 }
-// {"a": x, "b": [x]}, x a chain of n arrays (or dicts) each referring `refs` times to the next, or the last to x.
-std::string chain(uint32_t n, int refs = 1, bool cycle = false, bool dicts = false) {
-    std::vector<std::string> o{"\xD2" + be(1, 4) + be(2, 4) + be(4, 4) + be(3, 4), "\x51" "a", "\x51" "b", "\xA1" + be(4, 4)};
+// {"a": x, "b": [x]} or the reverse; x: n arrays (or dicts), each referring `refs` times to the next, the last to x if cyclic.
+std::string chain(uint32_t n, int refs = 1, bool cycle = false, bool dicts = false, bool wrapped_first = false) {
+    std::vector<std::string> o{"\xD2" + be(1, 4) + be(2, 4) + be(wrapped_first ? 3 : 4, 4) + be(wrapped_first ? 4 : 3, 4), "\x51" "a", "\x51" "b", "\xA1" + be(4, 4)};
     for (uint32_t i = 0; i + 1 < n; ++i)
         for (int r = 0; r < refs; ++r)
             (r ? o.back() : o.emplace_back(dicts ? "\xD1" + be(1, 4) : std::string(1, static_cast<char>(0xA0 + refs)))) += be(5 + i, 4);
@@ -145,7 +145,7 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
     std::string arrays = "<plist><dict><key>a</key>";
     for (int i = 0; i < 200000; ++i) arrays += i < 100000 ? "<array>" : "</array>";
     EXPECT_EQ(json_of(arrays + "</dict></plist>"), R"({"a": "?"})");  // arrays are not descended
-    EXPECT_EQ(json_of(chain(126)), R"({"a": "?", "b": "?"})");
+    for (const std::string& bytes : {chain(126), chain(126, 1, false, false, true)}) EXPECT_EQ(json_of(bytes), R"({"a": "?", "b": "?"})");
     const auto unknown = [](const std::string& text) { return std::count(text.begin(), text.end(), '?'); };  // "b" is one
     EXPECT_TRUE(unknown(json_of(chain(63, 1, false, true))) == 1 && unknown(json_of(chain(64, 1, false, true))) == 2);
     // Refused before libplist, whose reader recurses once per level and expands shared objects.
