@@ -52,9 +52,9 @@ std::string chain(uint32_t n, int refs = 1, bool cycle = false, bool dicts = fal
     o.push_back(cycle ? "\xA1" + be(4, 4) : dicts ? "\xD0" : "\xA0");
     return bplist(o);
 }
-std::string xml_dicts(int n, std::string open = "<plist>", std::string close = "</plist>") {
-    for (int i = 0; i < n; ++i) open += "<dict><key>a</key>", close = "</dict>" + close;
-    return open + "<dict/>" + close;
+std::string xml_dicts(int n, std::string open = "<plist>", std::string close = "") {
+    for (int i = 0; i < n; ++i) open += "<dict><key>a</key>", close += "</dict>";
+    return open + "<dict/>" + close + "</plist>";
 }
 
 TEST(CodecValues, XmlReadSkippedAndRefusedAndUtf8Validation) {
