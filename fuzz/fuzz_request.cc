@@ -1,7 +1,5 @@
-// Request cutting on arbitrary bytes, for each of the eight request formats:
-// the first byte picks the operation, the rest is the request. Cutting must
-// either give fields that are pieces of the request in order, or throw the
-// range exception; nothing else. No file is touched.
+// Request cutting on arbitrary bytes: each cutter gives pieces of the request that hold no marker, or throws
+// the range exception; a file URL gives an absolute path or none. No file is touched.
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -9,87 +7,23 @@
 
 #include "file_url.h"
 #include "request.h"
-#include "utf8.h"
-
-namespace {
 
 using namespace tz::protocol;
 
-void check(bool condition) {
-    if (!condition) __builtin_trap();
-}
-
-// `field` must be a view inside `request`.
-void check_inside(std::string_view request, std::string_view field) {
-    check(field.data() >= request.data() &&
-          field.data() + field.size() <= request.data() + request.size());
-}
-
-void cut_plain(std::string_view request) {
-    (void)tz::is_valid_utf8(request);
-}
-
-void cut_swap_request(std::string_view request) {
-    const Swap swap = cut_swap(request);
-    if (swap.current) {
-        check_inside(request, *swap.current);
-        check(swap.current->find(kSwapCurrent) == std::string_view::npos);
-    }
-    if (swap.previous) check_inside(request, *swap.previous);
-}
-
-void cut_write_request(std::string_view request) {
-    const Write write = cut_write(request);
-    check(write.url.size() + kAddUrl.size() + write.text.size() == request.size());
-    check(write.url.find(kAddUrl) == std::string_view::npos);
-    (void)tz::file_url_path(write.url);
-}
-
-void cut_rename_request(std::string_view request) {
-    if (const auto path = tz::file_url_path(request)) check(!path->empty() && (*path)[0] == '/');
-}
-
-void cut_walk_request(std::string_view request) {
-    const WalkNames names = cut_walk_names(request);
-    if (names.model) check_inside(request, *names.model);
-    if (names.user) check_inside(request, *names.user);
-    std::size_t total = 0;
-    for (const std::string_view argument : cut_walk_arguments(request)) {
-        check_inside(request, argument);
-        check(argument.find(kArg) == std::string_view::npos);
-        total += argument.size() + kArg.size();
-    }
-    check(total <= request.size());
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0) return 0;
-    const std::string_view request(reinterpret_cast<const char*>(data) + 1, size - 1);
-    try {
-        switch (data[0] % 8) {
-            case 0:  // is-admin
-            case 2:  // exist
-            case 3:  // remove
-                cut_plain(request);
-                break;
-            case 1:
-                cut_swap_request(request);
-                break;
-            case 4:  // one-shot write
-            case 5:  // piecewise write
-                cut_write_request(request);
-                break;
-            case 6:
-                cut_rename_request(request);
-                break;
-            case 7:
-                cut_walk_request(request);
-                break;
-        }
-    } catch (const std::out_of_range&) {
-        // a request that ends without a reply
-    }
+    const std::string_view r(reinterpret_cast<const char*>(data), size);
+    auto check = [](bool condition) { if (!condition) __builtin_trap(); };
+    auto piece = [&](std::optional<std::string_view> f, std::string_view marker) {
+        check(!f || (f->data() >= r.data() && f->data() + f->size() <= r.data() + r.size() && f->find(marker) == f->npos));
+    };
+    auto guarded = [](auto cut) { try { cut(); } catch (const std::out_of_range&) {} };  // a request without a reply
+    guarded([&] { const Swap swap = cut_swap(r); piece(swap.current, kSwapCurrent), piece(swap.previous, kSwapPrevious); });
+    guarded([&] {
+        const Write w = cut_write(r);
+        check(w.url.size() + kAddUrl.size() + w.text.size() == r.size() && w.url.find(kAddUrl) == r.npos);
+    });
+    guarded([&] { const WalkNames names = cut_walk_names(r); piece(names.model, kModelName), piece(names.user, kUserName); });
+    guarded([&] { for (const std::string_view argument : cut_walk_arguments(r)) piece(argument, kArg); });
+    if (const auto path = tz::file_url_path(r)) check(!path->empty() && (*path)[0] == '/');
     return 0;
 }

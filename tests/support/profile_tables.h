@@ -1,5 +1,4 @@
-// Profile tables for tests: entries, zeroed tables, the store's path globals
-// pointed into a temporary folder, and Python run on a file.
+// Profile tables for tests: entries, zeroed tables, the path globals in a temporary folder, and Python.
 #pragma once
 
 #include <cstdio>
@@ -14,19 +13,13 @@ namespace tz::test {
 inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name, int32_t location = 4,
                           int32_t profile_class = 1, const char* name = "") {
     ProfileEntry e{};
-    e.IndexOnDevice = index;
-    e.InMenu = in_menu;
-    e.ProfileClass = profile_class;
+    e.IndexOnDevice = index, e.InMenu = in_menu, e.ProfileClass = profile_class, e.Location = location;
     std::strncpy(e.FileName, file_name, sizeof e.FileName - 1);
     std::strncpy(e.ProfileName, name, sizeof e.ProfileName - 1);
-    e.Location = location;
     return e;
 }
 
-template <typename T>
-bool same_bytes(const T& a, const T& b) {
-    return std::memcmp(&a, &b, sizeof(T)) == 0;
-}
+template <typename T> bool same_bytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
 
 // The three categories, zeroed.
 struct Tables {
@@ -36,38 +29,29 @@ struct Tables {
     int32_t write() const { return TZPListWriteProfile_All(&rgb, &sim, &dst); }
 };
 
-// A temporary folder the store's path globals point into while it lives.
-// The walk request points them elsewhere: point() points them back.
-class ProfilePaths {
-public:
+// A temporary folder the store's path globals point into while it lives; point() points them back.
+struct ProfilePaths {
     ProfilePaths() { point(); }
+    ProfilePaths(const ProfilePaths&) = delete;
+    ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
     void point() const {
-        TZ_PLIST_PROFILE_PATH = current.c_str();
-        TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
+        TZ_PLIST_PROFILE_PATH = current.c_str(), TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
         TZ_PLIST_PROFILE_SPOOL_PATH = spool.c_str();
     }
-    ~ProfilePaths() {
-        TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr;
-    }
-    ProfilePaths(const ProfilePaths&) = delete;
-    ProfilePaths& operator=(const ProfilePaths&) = delete;
-
     TempDir dir;
     const std::string current = dir.file("alice-ModelX-profile.plist");
     const std::string previous = dir.file("alice-ModelX-profile.prev.plist");
     const std::string spool = dir.file("alice-ModelX-profile.spool.plist");
 };
 
-// Runs `code` with Debian's python3 and `args`; its stdout, with a note
-// appended when it failed.
+// Runs `code` with Debian's python3 and `args`: its stdout, with a note appended when it failed.
 inline std::string run_python(const std::string& code, const std::string& args) {
     TempDir dir;
     write_file(dir.file("script.py"), code);
     FILE* pipe = ::popen(("/usr/bin/python3 " + dir.file("script.py") + " " + args).c_str(), "r");
     std::string out;
     char buffer[4096];
-    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, got);
+    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, got);
     if (pipe == nullptr || ::pclose(pipe) != 0) out += "\n(python failed)";
     return out;
 }

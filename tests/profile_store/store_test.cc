@@ -1,0 +1,228 @@
+// The profile store on files: reads, writes, the mapping, the tidy passes and the library file functions.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <map>
+
+#include "profile_tables.h"
+
+namespace tz::test {
+namespace {
+
+const char* const kFields[] = {"IndexOnDevice", "InMenu", "ProfileClass", "FileName", "ProfileName", "Location"};
+// A hand-made file: "RGB/InMenu/InMenu0007" -> "<integer>3</integer>"; a path ending in '/' an empty dictionary.
+using Doc = std::map<std::string, std::string>;
+std::string dict_xml(const Doc& doc, const std::string& prefix = "") {
+    std::string out = "<dict>";
+    for (auto it = doc.lower_bound(prefix); it != doc.end() && it->first.rfind(prefix, 0) == 0;) {
+        const std::string rest = it->first.substr(prefix.size()), key = rest.substr(0, rest.find('/'));
+        if (!rest.empty()) out += "<key>" + key + "</key>" + (key == rest ? it->second : dict_xml(doc, prefix + key + "/"));
+        do ++it; while (key != rest && it != doc.end() && it->first.rfind(prefix + key + "/", 0) == 0);
+    }
+    return out + "</dict>";
+}
+Doc doc(const std::map<std::string, std::map<int, ProfileEntry>>& categories) {
+    Doc d;
+    for (const auto& [name, slots] : categories)
+        for (int f = 0; f < 6; ++f) {
+            d[name + "/" + kFields[f] + "/"] = "";
+            for (const auto& [n, e] : slots) {
+                const int32_t numbers[] = {e.IndexOnDevice, e.InMenu, e.ProfileClass, 0, 0, e.Location};
+                d[name + "/" + kFields[f] + "/" + kFields[f] + std::to_string(10000 + n).substr(1)] =
+                    f == 3 || f == 4 ? "<string>" + std::string(f == 3 ? e.FileName : e.ProfileName) + "</string>"
+                                     : "<integer>" + std::to_string(numbers[f]) + "</integer>";
+            }
+        }
+    return d;
+}
+ProfileTable& fill(ProfileTable& t, const std::vector<ProfileEntry>& rows, int32_t count) {
+    return std::copy(rows.begin(), rows.end(), t.Entry), t.iNum = count, t;
+}
+std::unique_ptr<ProfileTable> table(const std::vector<ProfileEntry>& rows = {}, int32_t count = 0) {
+    return std::make_unique<ProfileTable>(fill(*std::make_unique<ProfileTable>(), rows, count));
+}
+
+void write_doc(const Doc& d) { write_file(TZ_PLIST_PROFILE_PATH, "<plist>" + dict_xml(d) + "</plist>"); }
+struct Store : ::testing::Test, ProfilePaths, Tables {};
+
+TEST_F(Store, ReadChecksPresenceBeforeAnyTableIsWritten) {
+    const ProfileTable before = fill(rgb, std::vector<ProfileEntry>(5, entry(1, 1, "OLD", 5, 2, "old")), 5);
+    EXPECT_EQ(read(), -1);  // no file
+    const Doc full = doc({{"RGB", {{0, entry(3, 2, "A")}}}, {"SIM", {}}, {"DST", {}}});
+    std::vector<std::string> cuts{"RGB", "SIM", "DST"};
+    for (const char* field : kFields) cuts.push_back(std::string("DST/") + field);
+    for (const std::string& cut : cuts) {  // missing, or of another type
+        Doc d = full;
+        d.erase(d.lower_bound(cut), d.lower_bound(cut + "0"));  // the entry and everything under it
+        for (const char* value : {"", "<true/>"}) {
+            if (*value) d[cut] = value;
+            write_doc(d);
+            const int32_t c = cut == "RGB" ? 0 : cut == "SIM" ? 1 : 2;
+            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, c) == -1 && TZPListReadProfile_Dict_Pap(&rgb, c) == -1 &&
+                        same_bytes(rgb, before)) << cut << value;
+        }
+    }
+}
+
+// Values missing or of another type, or outside 32 bits, leave the field; texts are cut at 31 bytes.
+TEST_F(Store, ReadValuesCountCheckAndCategoryReads) {
+    const std::string name = std::string(30, 'n') + "\xC3\xA9" + "tail";
+    Doc d = doc({{"RGB", {{0, entry(3, 2, "A")}, {1, entry(INT32_MIN, 1, "B", INT32_MAX)}, {2, entry(5, 1, "C")}}},
+                 {"SIM", {{0, entry(1, 1, "A")}, {1, entry(2, 1, "B")}, {7, entry(8, 1, "H")}}},
+                 {"DST", {{0, entry(1, 1, "A")}, {7, entry(8, 1, "H")}}}});
+    for (const auto& [path, value] : Doc{
+             {"IndexOnDevice/IndexOnDevice0000", "<string>12</string>"}, {"FileName/FileName0000", "<integer>7</integer>"},
+             {"Location/Location0000", "<integer>4294967301</integer>"}, {"ProfileClass/ProfileClass0000", "<true/>"},
+             {"ProfileClass/ProfileClass0001", "<integer>2147483648</integer>"}, {"ProfileClass/ProfileClass0002", "<integer>-2147483649</integer>"},
+             {"ProfileName/ProfileName0001", "<string>" + name + "</string>"}})
+        d["RGB/" + path] = value;
+    d.erase("RGB/ProfileName/ProfileName0000");
+    d["SIM/iNum"] = "<integer>5</integer>", d["DST/iNum"] = "<integer>2</integer>";  // SIM: 0, 1, 7 in use; DST agrees
+    d["SIM/InMenu/InMenu0500"] = d["SIM/InMenu/InMenu7"] = "<integer>3</integer>";  // no slot keys
+    write_doc(d);
+    ASSERT_EQ((fill(rgb, {entry(8, 0, "KEEP", 6, 2, "kept"), entry(0, 0, "", 0, 9, "xx"), entry(0, 0, "", 0, 7)}, 0), read()), 0);
+    EXPECT_TRUE(same_bytes(rgb.Entry[0], entry(8, 2, "KEEP", 6, 2, "kept")));
+    EXPECT_TRUE(same_bytes(rgb.Entry[1], entry(INT32_MIN, 1, "B", INT32_MAX, 9, name.substr(0, 31).c_str())));
+    EXPECT_TRUE(rgb.Entry[2].ProfileClass == 7 && rgb.iNum == 3);  // no "iNum": the count check sets it
+    EXPECT_TRUE(sim.iNum == 3 && same_bytes(sim.Entry[7], ProfileEntry{}) && dst.iNum == 2 && dst.Entry[7].InMenu == 1);  // the gap stays
+
+    // The category reads need only their category; the Pap read drops file slots marked 2 and stores 4 as 6.
+    rgb = {}, sim = {};
+    write_doc(doc({{"SIM", {{0, entry(5, 1, "S")}}}}));
+    for (int32_t selector : {0, 2, 3, -1}) EXPECT_EQ(TZPListReadProfile_Dict(&rgb, selector), -1);
+    EXPECT_TRUE(same_bytes(rgb, ProfileTable{}) && TZPListReadProfile_Dict(&rgb, TZ_CATEGORY_SIM) == 0 && rgb.Entry[0].IndexOnDevice == 5);
+
+    d = doc({{"RGB", {{0, entry(1, 1, "F0")}, {1, entry(2, 2, "F1")}, {2, entry(3, 4, "F2")}, {3, entry(4, 3, "F3")},
+                          {4, entry(5, 6, "F4")}}}});
+    d["RGB/FileName/FileName0005"] = "<string>F5</string>", d["RGB/iNum"] = "<integer>5</integer>";  // slot 5 has no InMenu
+    write_doc(d);
+    rgb.Entry[4].InMenu = 9, rgb.Entry[499] = entry(0, 1, "LAST");  // not written: the count check clears it
+    ASSERT_EQ(TZPListReadProfile_Dict_Pap(&rgb, TZ_CATEGORY_RGB), 0);
+    const char *files[] = {"F0", "F2", "F3", "F4", "F5"}, *marks = "16369";
+    for (int n = 0; n < 5; ++n) EXPECT_TRUE(rgb.Entry[n].InMenu == marks[n] - '0' && !strcmp(rgb.Entry[n].FileName, files[n]));
+    EXPECT_TRUE(rgb.iNum == 6 && rgb.Entry[499].FileName[0] == '\0');
+}
+
+std::unique_ptr<ProfileTable> sample(int count, const char* prefix) {
+    auto t = table({}, count);
+    for (int n = 0; n < count; ++n)
+        t->Entry[n] = entry(n % 7 ? n + 1 : INT32_MIN, 1 + n % 6, (prefix + std::to_string(n)).c_str(), 4 + n % 2,
+                            n % 3, ("Profil \xC3\xA9 & <" + std::to_string(n) + ">").c_str());
+    return t;
+}
+
+TEST_F(Store, WriteRoundTripsCategoryWriteAndTheFile) {
+    const auto r = sample(500, "R"), s = sample(3, "S"), d = sample(4, "D"), x = sample(1, "X");
+    ProfileTable* tables[] = {&rgb, &sim, &dst};
+    for (int32_t c : {TZ_CATEGORY_RGB, TZ_CATEGORY_SIM, TZ_CATEGORY_DST}) {
+        ASSERT_EQ(TZPListWriteProfile_All(r.get(), s.get(), d.get()), 0);
+        std::unique_ptr<ProfileTable> outs[] = {table(), table(), table()};
+        ASSERT_EQ(TZPListWriteProfile_Dict(x.get(), c, outs[0].get(), outs[1].get(), outs[2].get()) + read(), 0);
+        for (int t = 0; t < 3; ++t)
+            EXPECT_TRUE(same_bytes(*outs[t], t == c ? *x : *std::array{r.get(), s.get(), d.get()}[t]) && same_bytes(*tables[t], *outs[t]));
+    }
+    const std::string before = read_file(current);
+    EXPECT_TRUE(TZPListWriteProfile_Dict(x.get(), 3, nullptr, nullptr, nullptr) == -1 && read_file(current) == before);
+    write_file(current, "<plist><dict><key>RGB</key>");  // damaged: the other two are written back empty
+    ASSERT_EQ(TZPListWriteProfile_Dict(d.get(), TZ_CATEGORY_DST, nullptr, nullptr, nullptr), 0);
+    EXPECT_TRUE(read() == 0 && same_bytes(rgb, ProfileTable{}) && same_bytes(dst, *d));
+
+    // Every slot is written whatever iNum says, iNum as it stands; a text that is not UTF-8 is left out.
+    fill(rgb, {entry(1, 1, "A", 4, 1, "bad \xC3\x28"), entry(2, 1, "B"), {}, {}, {}, entry(6, 1, "F")}, 2);
+    ASSERT_EQ(write(), 0);
+    const std::string file = read_file(current);
+    EXPECT_TRUE(file.find("<key>InMenu0499</key>") != file.npos && file.find("InMenu0500") == file.npos);
+    EXPECT_GT(file.find("<key>ProfileName0000</key>", file.find("<key>RGB</key>")), file.find("<key>SIM</key>"));
+    std::strcpy(rgb.Entry[0].ProfileName, "caller");
+    EXPECT_TRUE(read() == 0 && !strcmp(rgb.Entry[0].ProfileName, "caller") && rgb.iNum == 3);
+}
+
+TEST(Mapping, DeviceEntriesFirstThenTheNewTable) {
+    const std::vector<ProfileEntry> cur = {
+        entry(1, 2, "DEV"), entry(2, 1, "USER"), entry(3, 4, "BOTH"),  // USER not device-marked; BOTH: the new copy wins
+        entry(4, 2, "EXCL"), entry(5, 2, "EXCL", 5),                   // excluded; another Location is not
+        entry(6, 2, "DEV"), entry(7, 4, "NEXT"), entry(8, 2, "PAST")};  // duplicates kept; beyond iNum
+    const auto current = table(cur, 7), result = table(), exclusion = table({entry(0, 0, "EXCL"), entry(0, 0, "DEV")}, 1);
+    const auto fresh = table({entry(0, 1, "NEW"), entry(0, 3, "BOTH", 4, 2, "new copy"), entry(0, 1, "NEXT")}, 2);
+    exclusion->Entry[0].FileName[20] = 'z';  // bytes after the terminator do not count
+    TZPListMapping_Pap(fresh.get(), current.get(), result.get(), exclusion.get());
+    const ProfileEntry expected[] = {cur[0], cur[4], cur[5], cur[6], fresh->Entry[0], fresh->Entry[1]};
+    for (int i = 0; i < 6; ++i) EXPECT_TRUE(same_bytes(result->Entry[i], expected[i])) << i;
+    EXPECT_EQ(result->iNum, 6);
+    for (int i = 0; i < 500; ++i) fresh->Entry[i] = entry(0, 1, ("N" + std::to_string(i)).c_str());
+    fresh->iNum = 500;  // at most 500: the device entries first
+    TZPListMapping_Pap(fresh.get(), current.get(), result.get(), table().get());
+    EXPECT_TRUE(result->iNum == 500 && !strcmp(result->Entry[499].FileName, "N493"));
+}
+
+TEST_F(Store, PapWriteAndTheFileDictionaries) {
+    fill(rgb, {entry(1, 2, "R-DEV"), entry(0, 1, "R-USER"), entry(2, 4, "R-DEV4")}, 3);
+    ASSERT_EQ((fill(sim, {entry(3, 2, "S-DEV")}, 1), write()), 0);
+    TZDictionary *cats[3] = {}, *f[6] = {};
+    ASSERT_EQ(TZPListMappingGetMainDict_FromPlist(&cats[0], &cats[1], &cats[2]), 0);
+    int32_t count = -7, mark = 0;
+    ASSERT_EQ(TZPListMappingGetSubDict(cats[1], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &count), 0);
+    char name[32] = {};
+    ReadDictionaryStringEntry(f[4], "FileName0000", name);  // FileName is the 5th
+    ReadDictionaryIntEntry(f[1], "InMenu0000", &mark);
+    EXPECT_TRUE(count == 1 && mark == 2 && !strcmp(name, "S-DEV") && TZDictionaryGetCount(cats[1]) == 7);
+    EXPECT_TRUE(TZDictionaryContainsKey(cats[1], "iNum") && !TZDictionaryContainsKey(cats[1], "iNum0") &&
+                TZDictionaryGetDictionary(cats[1], "InMenu") && !TZDictionaryGetDictionary(cats[1], "iNum"));
+    EXPECT_EQ(TZPListMappingGetSubDict(f[0], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &count), -1);
+    for (TZDictionary* c : cats) TZDictionaryRelease(TZDictionaryRetain(c)), TZDictionaryRelease(c);
+    write_file(previous, "<plist><dict><key>RGB</key><dict/><key>DST</key><dict/></dict></plist>");
+    for (const std::string& path : {previous, current + "x"})  // no SIM; no file
+        EXPECT_EQ((TZ_PLIST_PROFILE_PATH = path.c_str(), TZPListMappingGetMainDict_FromPlist(&cats[0], &cats[1], &cats[2])), -1);
+    TZDictionaryRelease(cats[0]), point();
+
+    const auto mine = table({entry(9, 3, "R-DEV4", 4, 3, "from caller")}, 1), none = table();
+    const auto exclusion = table({entry(0, 0, "S-DEV")}, 1), r = table();
+    ASSERT_EQ(TZPListWriteProfile_All_Pap(mine.get(), none.get(), none.get(), exclusion.get(), none.get(), none.get()), 0);
+    ASSERT_EQ(read(), 0);  // excluding S-DEV from RGB has no effect on SIM
+    EXPECT_TRUE(rgb.iNum == 2 && !strcmp(rgb.Entry[0].FileName, "R-DEV") && same_bytes(rgb.Entry[1], mine->Entry[0]));
+    EXPECT_TRUE(sim.iNum == 1 && !strcmp(sim.Entry[0].FileName, "S-DEV"));
+    TZ_PLIST_PROFILE_PATH = previous.c_str();  // without a file each result is a copy of its new table
+    EXPECT_EQ(TZPListMappingProfile_All_Pap(mine.get(), none.get(), none.get(), r.get(), &sim, &dst, none.get(),
+                                            none.get(), none.get()), 0);
+    EXPECT_TRUE(same_bytes(*r, *mine));
+}
+
+TEST(TidyPasses, CleanPaddingAndSalvage) {
+    ProfileTable t{};  // clean keeps states 3 and 4 without a device row, and does not recount
+    const std::vector<ProfileEntry> in = {entry(0, 4, "A", 5, 2, "Alpha"), entry(0, 2, "B"), entry(0, 0, "C"),
+                                          entry(0, 2, ""), entry(7, 1, "E"), entry(0, 3, "F")};
+    TZPListCleanProfile_Dict(&fill(t, in, 1));
+    const ProfileEntry cleaned[] = {entry(501, 3, "A", 5, 2, "Alpha"), {}, {}, in[3], in[4], entry(501, 3, "F")};
+    for (int i = 0; i < 6; ++i) EXPECT_TRUE(same_bytes(t.Entry[i], cleaned[i]) && t.iNum == -1) << i;
+
+    t = {};  // padding compacts in order, leaves ProfileClass behind, and moves no free slot
+    const ProfileEntry c = entry(1, 1, "C", 4, 11), f = entry(2, 2, "F", 4, 12), j = entry(3, 3, "J", 5, 13);
+    fill(t, {entry(0, 0, "STALE"), {}, c, {}, {}, f, {}, {}, {}, {}, {}, {}, entry(0, 0, "TAIL", 0, 0)}, 42).Entry[499] = j;
+    TZPListPaddingProfile_Dict(&t);
+    EXPECT_TRUE(same_bytes(t.Entry[0], c) && same_bytes(t.Entry[1], f) && same_bytes(t.Entry[2], j));
+    EXPECT_TRUE(same_bytes(t.Entry[5], entry(0, 0, "", 0, 12)) && same_bytes(t.Entry[499], entry(0, 0, "", 0, 13)));
+    EXPECT_TRUE(!strcmp(t.Entry[12].FileName, "TAIL") && t.iNum == 42);
+
+    t = {};  // salvage: named device rows in state 3 become 6
+    TZPListSalvage_Dict(&fill(t, {entry(0, 3, "KEEP"), entry(9, 3, "DEV"), entry(8, 4, "DEV4"), entry(5, 3, "")}, 4));
+    EXPECT_TRUE(t.Entry[0].InMenu == 3 && t.Entry[1].InMenu == 6 && t.Entry[2].InMenu == 4 && t.Entry[3].InMenu == 3);
+}
+
+TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
+    EXPECT_TRUE(TZPListIsAdminProfile() == 1 && !exists(current) && TZPListExistProfile() == 0);  // probe file gone
+    EXPECT_EQ((write_file(current, "current"), TZPListExistProfile()), 1);
+    TZPListSwapProfile(2);  // current copied to previous
+    EXPECT_EQ(read_file(previous), "current");
+    TZPListSwapProfile((write_file(previous, "previous"), 0));  // previous becomes current
+    EXPECT_TRUE(read_file(current) == "previous" && !exists(previous));
+    write_file(previous, "p");
+    for (int selector : {0, 1, 4, -1}) EXPECT_EQ(TZPListRemove(selector), 0);
+    EXPECT_TRUE(TZPListRemove(2) == 1 && !exists(previous) && exists(current));
+    EXPECT_TRUE(TZPListRemove(3) == 1 && TZPListRemove(3) == 0);
+    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = "/nonexistent-tz-folder/x.plist";  // a folder that is not there
+    EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + TZPListRemove(3) + TZPListRemove(2), 0);
+    EXPECT_TRUE(write() == -1 && TZPListWriteProfile_All_Pap(&rgb, &sim, &dst, &rgb, &sim, &dst) == -1);
+}
+
+}  // namespace
+}  // namespace tz::test
