@@ -34,6 +34,7 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
     sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
         ->callMethod("ReloadConfig").onInterface("org.freedesktop.DBus");
     const std::string prefs = served.prefs(), missing = prefs + "missing.plist";
+    const std::string longest = prefs + std::string(254 - prefs.size(), 'a');
     const auto walk = [](Args snmp) {
         snmp.insert(snmp.begin(), {"walk", "--model", "T48Q", "--user", "alice", "--"});
         return snmp;
@@ -62,6 +63,9 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
         {kServed, {"raw", "writeDataToPlistFile_XPC", "file:///tmp/x"}, 1, "", "the helper refused the request: "},
         // Not UTF-8: the bus refuses to carry it; the JSON still holds it, as U+FFFD.
         {kServed, {"raw", "tzPListExistProfile_XPC", "/tmp/\xff"}, 1, "", "the call failed: org.freedesktop.DBus.Error.InvalidArgs"},
+        {kServed, {"show", missing}, 1, "", "cannot read " + missing + ": No such file or directory"},
+        {kServed, {"show", longest}, 1, "", "cannot read " + longest + ": No such file"},
+        {kServed, {"show", longest + "a"}, 1, "", "the path " + longest + "a is too long (at most 254 bytes)"},
         {kServed, {"show", "-"}, 1, "", "cannot read standard input as a profile plist", "junk"},
         {kBare, {"exist", "/"}, 3, "", kNotProvided}, {kBare, {"show", "--user", "u", "--model", "M"}, 3, "", kNotProvided},
         {kNoBus, {"exist", "/"}, 3, "", "no session bus: DBUS_SESSION_BUS_ADDRESS is not set"},
