@@ -222,6 +222,8 @@ TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
     TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = "/nonexistent-tz-folder/x.plist";  // a folder that is not there
     EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + TZPListRemove(3) + TZPListRemove(2), 0);
     EXPECT_TRUE(write() == -1 && TZPListWriteProfile_All_Pap(&rgb, &sim, &dst, &rgb, &sim, &dst) == -1);
+    TZ_PLIST_PROFILE_PATH = nullptr;  // unset: no path to probe
+    EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile(), 0);
 }
 
 }  // namespace
