@@ -119,6 +119,9 @@ TEST(Tzhelperctl, EveryCommandHasItsOwnHelp) {
         EXPECT_NE(got.out.find("\nExample:\n  "), std::string::npos) << got.out;
     }
     EXPECT_EQ(run_command({kCtl, "--version"}).out, "tzhelperctl " TZ_VERSION "\n");
+    // No room for the copy of standard input (a file-size limit of 0): show fails and says so.
+    const auto full = run_command({"bash", "-c", "set -o pipefail; printf junk | (ulimit -f 0; trap '' XFSZ; exec \"$0\" show -) 2>&1 | cat", kCtl});
+    EXPECT_EQ(full.out + std::to_string(full.status), "tzhelperctl: cannot copy standard input to a temporary file\n1");
 }
 
 TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
