@@ -31,17 +31,17 @@ std::string be(uint64_t value, int bytes, std::string out = "") {
     for (int s = 8 * (bytes - 1); s >= 0; s -= 8) out += static_cast<char>(value >> s);
     return out;
 }
-// A binary list of the given objects, object 0 the root; references and offsets four bytes wide.
-std::string bplist(const std::vector<std::string>& objects, std::string out = "bplist00", std::string table = "") {
-    for (const std::string& o : objects) table += be(out.size(), 4), out += o;
-    return out + table + std::string(6, '\0') + "\x04\x04" + be(objects.size(), 8) + be(0, 8) + be(out.size(), 8);
+// A binary list of the given objects, object 0 the root; references and offsets `w` bytes wide.
+std::string bplist(const std::vector<std::string>& objects, int w = 4, std::string out = "bplist00", std::string table = "") {
+    for (const std::string& o : objects) table += be(out.size(), w), out += o;
+    return out + table + std::string(6, '\0') + be(w, 1) + be(w, 1) + be(objects.size(), 8) + be(0, 8) + be(out.size(), 8);
 }
 // One dictionary, its keys and values given as objects ("\x51u" is "u", "\x10\x05" the integer 5).
-std::string binary_dict(const Items& items) {
+std::string binary_dict(const Items& items, int w = 4) {
     std::vector<std::string> objects{std::string(1, static_cast<char>(0xD0 + items.size()))};
-    for (size_t r = 1; r <= 2 * items.size(); ++r) objects[0] += be(r, 4);
+    for (size_t r = 1; r <= 2 * items.size(); ++r) objects[0] += be(r, w);
     for (const bool keys : {true, false}) for (const auto& [key, value] : items) objects.push_back(keys ? key : value);
-    return bplist(objects);
+    return bplist(objects, w);
 }
 // {"a": x, "b": [x]} or the reverse; x: n arrays (or dicts), each referring `refs` times to the next, the last to x if cyclic.
 std::string chain(uint32_t n, int refs = 1, bool cycle = false, bool dicts = false, bool wrapped_first = false) {
@@ -140,6 +140,12 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
         {{{"\x10\x75", five}}, "refused"}, {{{std::string("\x51\0", 2), five}}, "refused"},  // keys libplist aborts on
         {{{std::string("\x62\0a\0\0", 5), five}}, "refused"}, {{{a, "\x14"}}, "refused"}};  // the last cut short
     for (const auto& [items, expected] : rows) EXPECT_EQ(json_of(binary_dict(items)), expected) << expected;
+    for (const int w : {1, 8}) EXPECT_EQ(json_of(binary_dict({{a, five}}, w)), R"({"a": 5})") << w;  // widths 1 to 8
+    for (const size_t width_byte : {26, 25}) {
+        std::string nine = binary_dict({{a, five}}, 8);
+        nine[nine.size() - width_byte] = 9;
+        EXPECT_EQ(json_of(nine), "refused") << width_byte;
+    }
 
     EXPECT_TRUE(plist::parse(xml_dicts(63)) && !plist::parse(xml_dicts(64)) && !plist::parse(xml_dicts(100000)));
     std::string arrays = "<plist><dict><key>a</key>";
