@@ -22,8 +22,7 @@ struct Gate {
     bool wait(std::chrono::milliseconds limit = 30s) const { return opened.wait_for(limit) == std::future_status::ready; }
 };
 
-// Four threads post to two strands each while slow jobs make the pool grow;
-// destruction runs every job posted.
+// Four threads post to two strands each while slow jobs make the pool grow; destruction runs every job posted.
 TEST(WorkerPool, JobsOfOneStrandRunInOrderAndNeverTwoAtOnce) {
     struct Line {
         std::shared_ptr<WorkerPool::Strand> strand = make_strand();

@@ -1,5 +1,4 @@
-// A private session bus (dbus-daemon in a temporary folder, every user may connect) on which tzhelperd
-// (TZHELPERD_PATH) is activatable with --preferences-dir prefs/ and --idle-exit; commands run for their output.
+// A private session bus (any user may connect) on which TZHELPERD_PATH is activatable; commands run for output.
 #pragma once
 
 #include <fcntl.h>
@@ -10,7 +9,6 @@
 
 #include <thread>
 
-#include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
@@ -21,8 +19,7 @@ extern char** environ;
 
 namespace tz::test {
 
-// Starts `argv` (argv[0] looked up in PATH), stdin from /dev/null, stdout and
-// stderr to the files `out` and `err` ("" keeps ours), `fd3` as fd 3 if given.
+// Starts `argv` (PATH lookup), stdin /dev/null, stdout/stderr to files `out`/`err` ("" keeps ours), `fd3` as fd 3.
 inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err, int fd3 = -1) {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -34,9 +31,9 @@ inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out,
     if (!err.empty()) posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
     pid_t pid = -1;
-    const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? pid : -1;
+    return pid;
 }
 
 struct CommandResult {
@@ -44,13 +41,16 @@ struct CommandResult {
     std::string out, err;
 };
 
+// The exit status of child `pid`, -1 when it did not exit normally.
+inline int wait_status(pid_t pid) {
+    int status = 0;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 inline CommandResult run_command(const std::vector<std::string>& argv) {
     const TempDir dir;
-    CommandResult result;
-    const pid_t pid = spawn(argv, dir.file("out"), dir.file("err"));
-    int status = 0;
-    if (pid <= 0 || ::waitpid(pid, &status, 0) != pid) return result;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(dir.file("out")), read_file(dir.file("err"))};
+    const int status = wait_status(spawn(argv, dir.file("out"), dir.file("err")));
+    return {status, read_file(dir.file("out")), read_file(dir.file("err"))};
 }
 
 // Waits until process `pid` (not only a child) has ended; false after `limit`.
@@ -64,8 +64,7 @@ inline bool wait_for_exit(pid_t pid, std::chrono::milliseconds limit) {
 class PrivateBus {
 public:
     explicit PrivateBus(int idle_exit_seconds = 1) {
-        std::filesystem::create_directory(dir_.path() / "services");
-        std::filesystem::create_directory(dir_.path() / "prefs");
+        for (const char* sub : {"services", "prefs"}) std::filesystem::create_directory(dir_.path() / sub);
         for (const std::string& folder : {dir_.path().string(), prefs()}) ::chmod(folder.c_str(), 0755);
         std::string config = read_file(TZ_SESSION_BUS_CONF);
         for (std::size_t at; (at = config.find("@DIR@")) != std::string::npos;) config.replace(at, 5, dir_.path().string());
@@ -98,8 +97,7 @@ public:
             sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
                 ->callMethod("GetConnectionUnixProcessID").onInterface("org.freedesktop.DBus")
                 .withArguments(std::string(tz::bus::kBusName)).storeResultsTo(pid);
-        } catch (const sdbus::Error&) {
-        }
+        } catch (const sdbus::Error&) {}
         return static_cast<pid_t>(pid);
     }
 
@@ -118,11 +116,11 @@ private:
     std::string address_;
 };
 
-// A client on `bus`; the test fails when it cannot be made.
+// A client on `bus`; throws (failing the test) when it cannot be made.
 inline std::unique_ptr<tz::client::HelperClient> connect(const PrivateBus& bus) {
     tz::client::BusError error;
     auto client = tz::client::HelperClient::connect(bus.address(), &error);
-    if (!client) ADD_FAILURE() << error.name << ": " << error.message;
+    if (!client) throw std::runtime_error("cannot connect: " + error.name + ": " + error.message);
     return client;
 }
 

@@ -1,6 +1,4 @@
-// A UDP relay between walks and an SNMP agent, so that a test picks the moment something happens in a walk:
-// hold(true) keeps every request until hold(false); cut_after(n, action) runs `action` after n answers and
-// passes nothing more. Each socket a walk sends from gets its own towards the agent.
+// A UDP relay between walks and an SNMP agent (one socket towards it per walk socket), to time events in a walk.
 #pragma once
 
 #include <arpa/inet.h>
@@ -20,8 +18,7 @@ namespace tz::test {
 class UdpRelay {
 public:
     explicit UdpRelay(uint16_t agent_port) : agent_(loopback(agent_port)), front_(bound_socket()) {
-        sockaddr_in own{};
-        socklen_t len = sizeof own;
+        sockaddr_in own{}; socklen_t len = sizeof own;
         if (::getsockname(front_, reinterpret_cast<sockaddr*>(&own), &len) != 0 || ::pipe2(stop_, O_CLOEXEC) != 0)
             throw std::runtime_error("cannot set up a relay");
         peer_ = "127.0.0.1:" + std::to_string(ntohs(own.sin_port));
@@ -43,10 +40,7 @@ public:
         for (const auto& [back, packet] : held_) ::send(back, packet.data(), packet.size(), 0);
         held_.clear();
     }
-    std::size_t requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
+    std::size_t requests() const { std::lock_guard lock(mutex_); return requests_; }
     // The first of `relays` asked since hold(true), or -1 after a minute.
     static int first_asked(const std::vector<const UdpRelay*>& relays) {
         for (int tick = 0; tick < 30'000; ++tick, std::this_thread::sleep_for(std::chrono::milliseconds(2)))
@@ -54,16 +48,14 @@ public:
                 if (relays[i]->requests() > 0) return static_cast<int>(i);
         return -1;
     }
+    // After `answers` answers: runs `action` and passes nothing more.
     void cut_after(std::size_t answers, std::function<void()> action) {
         std::lock_guard lock(mutex_);
-        limit_ = answers;
-        action_ = std::move(action);
+        limit_ = answers, action_ = std::move(action);
     }
 
 private:
-    static sockaddr_in loopback(uint16_t port) {
-        return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    }
+    static sockaddr_in loopback(uint16_t port) { return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}}; }
     static int bound_socket() {
         const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         const sockaddr_in addr = loopback(0);
@@ -80,8 +72,7 @@ private:
             if (fds[0].revents != 0) return;
             std::function<void()> action;
             std::lock_guard lock(mutex_);
-            sockaddr_in from{};
-            socklen_t len = sizeof from;
+            sockaddr_in from{}; socklen_t len = sizeof from;
             const ssize_t got = (fds[1].revents & POLLIN) ? ::recvfrom(front_, packet, sizeof packet, 0,
                                                                        reinterpret_cast<sockaddr*>(&from), &len) : 0;
             if (got > 0 && answers_ < limit_) {
