@@ -1,12 +1,8 @@
-// The operations on real files, as one table of {folder before, operation,
-// request, reply, folder after}, and the walk request against a real snmpd.
+// The operations on real files as {folder before, operation, request, reply, folder after}, and the walk request.
 #include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -29,28 +25,20 @@ const Operation kProbe = &Service::tzPListIsAdminProfile_XPC, kSwap = &Service::
                 kPlist = &Service::writeDictionaryToPlistFile_XPC, kPiece = &Service::writeDataToPlistFile_XPC,
                 kFinish = &Service::writeDataToPlistFileRename_XPC;
 
-std::string S(int32_t type, const char* current = "@cur", const char* previous = "@prev") {
-    return protocol::swap_request(type, current, previous);
-}
-std::string W(const std::string& name, const std::string& text) {
-    return protocol::write_request("file://@" + name, text);
-}
+std::string S(int t, const char* c = "@cur", const char* p = "@prev") { return protocol::swap_request(t, c, p); }
+std::string W(const std::string& n, const std::string& t) { return protocol::write_request("file://@" + n, t); }
 
+// '@' in a request stands for the folder and its '/'; as_nobody runs it in a folder of mode 0755 as nobody.
 struct Row {
-    const char* what;
-    std::string before;
-    Operation operation;
-    std::string request;  // '@' stands for the folder with its '/'
-    const char* reply;
-    std::string after;
-    bool as_nobody = false;  // in a folder of mode 0755: permission bits stop root, not nobody
+    const char* what; std::string before; Operation operation; std::string request; const char* reply;
+    std::string after; bool as_nobody = false;
 };
 
 TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     std::string big;  // several copy blocks, a zero byte in the second
     for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
     big[70000] = '\0';
-    const std::string dummy_ab = "t.plist=old;t.plist.dummy=AB", kept = "kept/;kept/p=";
+    const std::string dummy_ab = "t=old;t.dummy=AB";
     const Row rows[] = {
         {"probe of a new file leaves none", "", kProbe, "@new", "TRUE", ""},
         {"probe keeps a file", "f=keep me", kProbe, "@f", "TRUE", "f=keep me"},
@@ -67,8 +55,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"remove nothing", "", kRemove, "@f", "FALSE", ""},
         {"remove a full folder", "d/;d/f=x", kRemove, "@d", "FALSE", "d/;d/f=x"},
         {"remove an empty folder", "d/", kRemove, "@d", "TRUE", ""},
-        {"swap 2 copies in blocks, afresh", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE",
-         "cur=" + big + ";prev=" + big},
+        {"swap 2 copies in blocks", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE", "cur=" + big + ";prev=" + big},
         {"swap 2 of a folder copies nothing", "d/;prev=old", kSwap, S(2, "@d"), "TRUE", "d/;prev="},
         {"swap 2 of no current", "prev=old", kSwap, S(2), "TRUE", "prev="},
         {"swap 0 restores the previous copy", "cur=c;prev=p", kSwap, S(0), "TRUE", "cur=p"},
@@ -77,8 +64,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"swap of an unknown type", "cur=c;prev=p", kSwap, S(3), "TRUE", "cur=c;prev=p"},
         {"swap 1 with a current path without UTF-8 form", "prev=p", kSwap, S(1, "@no\xff"), "TRUE", ""},
         {"swap of no paths", "cur=c;prev=p", kSwap, S(0, "", ""), "TRUE", "cur=c;prev=p"},
-        {"write replaces", "t.plist=<plist>longer</plist>", kPlist, W("t.plist", "<a>:AddURL:END</a>"), "TRUE",
-         "t.plist=<a>:AddURL:END</a>"},
+        {"write replaces", "t=" + big, kPlist, W("t", "<a>:AddURL:END</a>"), "TRUE", "t=<a>:AddURL:END</a>"},
         {"write of text without UTF-8 form", "", kPlist, W("t.plist", "\xff"), "FALSE", ""},
         {"write decodes the URL", "", kPlist, W("caf%C3%A9%20menu", "x"), "TRUE", "caf\xc3\xa9 menu=x"},
         {"write to localhost", "", kPlist, "FILE://localhost@b:AddURL:ENDy", "TRUE", "b=y"},
@@ -88,24 +74,18 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
         {"write onto a full disk", "t.plist->/dev/full", kPlist, W("t.plist", "x"), "FALSE", "t.plist->/dev/full"},
         {"write in an unwritable folder", "", kPlist, W("t.plist", "x"), "FALSE", "", true},
-        {"piece in an unwritable folder", "t.plist.dummy(777)=AB", kPiece, W("t.plist", "CD"), "FALSE",
-         "t.plist.dummy(777)=AB", true},
-        {"a piece is appended, the target untouched", dummy_ab, kPiece, W("t.plist", "CD\xc3\xa9"), "TRUE",
-         "t.plist=old;t.plist.dummy=ABCD\xc3\xa9"},
-        {"an empty piece starts the file", "", kPiece, W("t.plist", ""), "TRUE", "t.plist.dummy="},
-        {"old pieces without UTF-8 form are dropped", "t.plist.dummy=\xff\xfe", kPiece, W("t.plist", "new"),
-         "TRUE", "t.plist.dummy=new"},
-        {"a piece without UTF-8 form", dummy_ab, kPiece, W("t.plist", "\xc3"), "FALSE", dummy_ab},
-        {"a chain of links ending nowhere", "kept/;t.plist.dummy->a;a->kept/p", kPiece, W("t.plist", "AB"),
-         "TRUE", "a->kept/p;" + kept + "AB;t.plist.dummy->a"},
-        {"a link's target is appended to", kept + "AB;t.plist.dummy->kept/p", kPiece, W("t.plist", "CD"), "TRUE",
-         kept + "ABCD;t.plist.dummy->kept/p"},
+        {"piece in an unwritable folder", "t.dummy(777)=AB", kPiece, W("t", "CD"), "FALSE", "t.dummy(777)=AB", true},
+        {"a piece is appended", dummy_ab, kPiece, W("t", "CD\xc3\xa9"), "TRUE", "t=old;t.dummy=ABCD\xc3\xa9"},
+        {"an empty piece starts the file", "", kPiece, W("t", ""), "TRUE", "t.dummy="},
+        {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
+        {"a piece without UTF-8 form", dummy_ab, kPiece, W("t", "\xc3"), "FALSE", dummy_ab},
+        {"links ending nowhere", "k/;t.dummy->a;a->k/p", kPiece, W("t", "AB"), "TRUE", "a->k/p;k/;k/p=AB;t.dummy->a"},
+        {"a link's target grows", "k/;k/p=AB;t.dummy->k/p", kPiece, W("t", "CD"), "TRUE", "k/;k/p=ABCD;t.dummy->k/p"},
         {"a piece onto a full disk", "t.dummy->/dev/full", kPiece, W("t", "x"), "FALSE", "t.dummy->/dev/full"},
-        {"a device behind the pieces is not read", "t.dummy->/dev/zero", kPiece, W("t", "x"), "TRUE",
-         "t.dummy->/dev/zero"},
+        {"pieces on a device are not read", "t.dummy->/dev/zero", kPiece, W("t", "x"), "TRUE", "t.dummy->/dev/zero"},
         {"a piece into a missing folder", "", kPiece, W("no/a", "x"), "FALSE", ""},
-        {"finish renames the pieces onto the target", dummy_ab, kFinish, "file://@t.plist", "TRUE", "t.plist=AB"},
-        {"finish without pieces deletes the target", "t.plist=old", kFinish, "file://@t.plist", "TRUE", ""},
+        {"finish renames the pieces onto the target", dummy_ab, kFinish, "file://@t", "TRUE", "t=AB"},
+        {"finish without pieces deletes the target", "t=old", kFinish, "file://@t", "TRUE", ""},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
@@ -113,12 +93,10 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         ::umask(002);
         build(dir, row.before);
         const std::string request = at_folder(row.request, dir);
-        if (row.as_nobody) {
-            fs::permissions(dir.path(), fs::perms{0755});
-            EXPECT_EQ(run_unprivileged([&] { return call(row.operation, request) == row.reply ? 0 : 1; }), 0);
-        } else {
-            EXPECT_EQ(call(row.operation, request), row.reply);
-        }
+        std::string got = "not that, as nobody";
+        const auto replies = [&] { return (got = call(row.operation, request)) == row.reply ? 0 : 1; };
+        if (row.as_nobody) fs::permissions(dir.path(), fs::perms{0755});
+        EXPECT_EQ(row.as_nobody ? run_unprivileged(replies) : replies(), 0) << got << ", expected " << row.reply;
         EXPECT_EQ(listing(dir), row.after);
     }
 }
@@ -127,9 +105,8 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrl) {
     TempDir dir;
     for (const std::string bad : {"file://@with space", "@bare", "file://otherhost@c", "file:relative",
                                   "file://@caf\xc3\xa9", "file://@nul%00byte", "files://@x"}) {
-        const std::string url = at_folder(bad, dir);
-        EXPECT_EQ(call(kPlist, protocol::write_request(url, "z")), "FALSE") << url;
-        EXPECT_EQ(call(kPiece, protocol::write_request(url, "z")), "FALSE") << url;
+        const std::string url = at_folder(bad, dir), request = protocol::write_request(url, "z");
+        for (const Operation write : {kPlist, kPiece}) EXPECT_EQ(call(write, request), "FALSE") << url;
         EXPECT_EQ(call(kFinish, url), "FALSE") << url;
     }
     EXPECT_EQ(listing(dir), "");
@@ -149,8 +126,7 @@ std::string walk(const Service& service, const std::string& user, const std::vec
     return call(&Service::mibwalk_XPC, protocol::walk_request("ModelX", user, arguments), service);
 }
 
-// The request's paths lead the walk to the user's file, which it rebuilds
-// from the device and the entries already there; 511 arguments walk, 512 not.
+// The walk rebuilds the user's file from the device and the entries already there; 512 arguments do not walk.
 TEST(WalkRequest, RebuildsTheUsersFileWithAtMost511Arguments) {
     const ProfilePaths paths;
     const Service service(paths.dir.prefix());
@@ -169,7 +145,7 @@ TEST(WalkRequest, RebuildsTheUsersFileWithAtMost511Arguments) {
     EXPECT_EQ(after.dst.Entry[0].IndexOnDevice, 3);
     EXPECT_STREQ(after.dst.Entry[0].ProfileName, "Profile 3");
 
-    ASSERT_EQ(::unlink(paths.current.c_str()), 0);
+    ASSERT_TRUE(fs::remove(paths.current));
     arguments.insert(arguments.begin() + 1, "-v1");
     EXPECT_EQ(walk(service, "alice", arguments), "iRet=-1");
     EXPECT_FALSE(exists(paths.current));
@@ -198,7 +174,7 @@ TEST(WalkRequestDeathTest, PathsAreTakenLiterallyAndEndTheProcessWhenTooLong) {
     // The spool path, 6 longer than the current one, must fit in 255 bytes.
     TempDir folder;
     const Service service(folder.prefix());
-    const std::size_t fixed = folder.prefix().size() + std::strlen("-ModelX-profile.spool.plist");
+    const std::size_t fixed = folder.prefix().size() + sizeof "-ModelX-profile.spool.plist" - 1;
     EXPECT_DEATH(walk(service, std::string(256 - fixed, 'u'), {"snmpwalk"}), "");
     EXPECT_EQ(walk(service, std::string(255 - fixed, 'u'), {"snmpwalk"}), "iRet=-1");
 }

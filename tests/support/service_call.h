@@ -1,11 +1,7 @@
-// Calls one operation of tz::Service and returns its single reply; the test
-// fails when the operation replies more or less than once.
+// Calls one operation of tz::Service and returns its reply; the test fails unless it replies exactly once.
 #pragma once
 
 #include <gtest/gtest.h>
-
-#include <string>
-#include <string_view>
 
 #include "service.h"
 
@@ -16,10 +12,7 @@ using Operation = void (Service::*)(std::string_view, const Service::Reply&) con
 inline std::string call(Operation operation, std::string_view request, const Service& service = Service()) {
     int replies = 0;
     std::string reply;
-    (service.*operation)(request, [&](const std::string& text) {
-        ++replies;
-        reply = text;
-    });
+    (service.*operation)(request, [&](const std::string& text) { reply = text, ++replies; });
     EXPECT_EQ(replies, 1) << "for request " << request;
     return reply;
 }

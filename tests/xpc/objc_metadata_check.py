@@ -1,7 +1,6 @@
 #!/usr/bin/python3
-# objc_metadata_check.py check|mutations CLANG OBJDUMP SOURCE_DIR: compiles the XPC front's .mm sources for a
-# macOS target (no SDK, never linked) and checks its Objective-C metadata as llvm-objdump reads it back.
-# "mutations" checks deliberately wrong copies of the front and fails unless each is rejected as expected.
+# objc_metadata_check.py check|mutations CLANG OBJDUMP SOURCE_DIR: checks the Objective-C metadata of the XPC front
+# compiled for macOS (no SDK, never linked); "mutations" fails unless each wrong copy below is rejected as expected.
 import re, shutil, subprocess, sys, tempfile
 from pathlib import Path
 
@@ -34,8 +33,7 @@ def dump(objdump, obj, *args, pattern=None):
     return re.findall(pattern, out, re.M) if pattern else out
 
 
-# [(the protocol's kinds of records, its extended types)] if `obj` emits the protocol, else []. The types run to
-# the next symbol of their section, as section-relative pointers to strings in __objc_methtype.
+# [(the protocol's kinds of records, its extended types: pointers to __objc_methtype up to the next symbol)] or [].
 def protocol_records(objdump, obj):
     symbols = [(int(a, 16), s, n) for a, s, n in dump(objdump, obj, "-t", pattern=r"^(\w{16}) .{7} (\S+) (.*)$")]
     own = {n[9:-len(PROTOCOL) - 1]: a for a, _, n in symbols  # __OBJC_$_<kind>_<protocol>
@@ -76,8 +74,7 @@ def check(objects, objdump):  # the problems found in the objects
         expect(label + " ivars", field(block, "ivars"), ["0x0"])
         expect(label + " properties", field(block, "baseProperties"), ["0x0"])
     expect("protocol methods", methods(classes.get(SERVICE, [""])[0], "instanceMethods", "classMethods"), METHODS)
-    # Each object that emits the protocol: no optional or class methods, adopted protocols or properties, read
-    # from its symbols, as the dump prints 0x0 for those fields of a protocol whatever they hold.
+    # Each emitted protocol, its records read from the symbols: the dump prints 0x0 for those fields of a protocol.
     for kinds, types in protocols or [(None, None)]:
         expect("protocol records", kinds, ["PROTOCOL_INSTANCE_METHODS", "PROTOCOL_METHOD_TYPES"])
         expect("protocol extended types", types, EXTENDED)
@@ -89,8 +86,7 @@ def main(mode, clang, objdump, front):
     for name, old, new, complaint in MUTATIONS if mode == "mutations" else [(None,) * 4]:
         with tempfile.TemporaryDirectory() as tmp:
             sources = Path(shutil.copytree(front, Path(tmp, "xpc")) if name else front)
-            if name:
-                (sources / name).write_text((sources / name).read_text().replace(old, new))
+            if name: (sources / name).write_text((sources / name).read_text().replace(old, new))
             flags = (["-w"] if name else ["-Wall", "-Wextra", "-Werror"]) + ["-I", sources, "-I", Path(front).resolve().parent]
             for source in sorted(sources.glob("*.mm")):
                 subprocess.run([clang, *COMPILE, *flags, source, "-o", Path(tmp, source.stem + ".o")], check=True)
