@@ -1,5 +1,4 @@
-// Helpers for the discovery tests: variables handed to the spool, walks with
-// command-line arguments, and the scripted agent (scripted_agent.py).
+// Discovery test helpers: variables handed to the spool, walks with arguments, the scripted agent.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -25,7 +24,7 @@ inline void spool(const std::string& dotted, u_char type, const void* value, siz
     vSpoolPlist(name, 0, var, 0);
     snmp_free_varbind(var);
 }
-inline void spool_int(const std::string& name, long value) { spool(name, ASN_INTEGER, &value, sizeof value); }
+inline void spool_int(const std::string& name, long value, size_t cut = 0) { spool(name, ASN_INTEGER, &value, sizeof value, cut); }
 inline void spool_text(const std::string& name, const std::string& s) { spool(name, ASN_OCTET_STR, s.data(), s.size()); }
 
 // Fills spool row `row` from the six columns; index < 0 leaves the index cell out.
@@ -36,21 +35,18 @@ inline void spool_row(int row, int index, int source, const std::string& file, i
     spool_text(cell(3, row), profile), spool_text(cell(4, row), file);
 }
 
-// Runs mib_walk with argv[0] "snmpwalk" and writable copies of `arguments`.
-inline int32_t walk(std::vector<std::string> arguments) {
+inline int32_t walk(std::vector<std::string> arguments) {  // argv[0] "snmpwalk", writable copies
     arguments.insert(arguments.begin(), "snmpwalk");
-    std::vector<char*> argv;
-    for (auto& a : arguments) argv.push_back(a.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv(arguments.size() + 1, nullptr);
+    for (std::size_t i = 0; i < arguments.size(); ++i) argv[i] = arguments[i].data();
     return mib_walk(static_cast<int32_t>(arguments.size()), argv.data());
 }
 
-// Fast failing v1 walk options, then the agent and the root.
-inline std::vector<std::string> v1(const std::string& peer, const std::string& root = kProfileTable) {
+inline std::vector<std::string> v1(const std::string& peer, const std::string& root = kProfileTable) {  // fast failing
     return {"-v1", "-c", "public", "-t", "0.2", "-r", "0", peer, root};
 }
 
-// The scripted agent (the members of its JSON script given) in a child process, and its requests.
+// scripted_agent.py (the members of its JSON script given) in a child process, and its requests.
 class ScriptedAgent {
 public:
     explicit ScriptedAgent(const std::string& script)

@@ -37,23 +37,20 @@ TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
     for (const std::string& name : {cell(6, 1), cell(8, 1), cell(1, 0), cell(1, 501), cell(1, 70000),
                                     std::string("1.3.6.1.4.1.99992.1.1.1.1.6.13.1.1.1.1.1")})
         spool_int(name, 7);
-    long seven = 7;
-    spool(cell(1, 1), ASN_INTEGER, &seven, sizeof seven, 17);  // 17 sub-identifiers: no row
+    spool_int(cell(1, 1), 7, 17);  // 17 sub-identifiers: no row
     EXPECT_TRUE(same_bytes(PlistForSpool, SpoolTable{}));
     for (int r : {1, 2, 5, 500}) spool_row(r, 10 + r, 4 + r, "F" + std::to_string(r) + ".ICC", r % 7, "Name");
     spool_int(cell(1, 1), 1);             // the same cell again counts again
     spool_int(cell(5, 1), 0x100000003L);  // the low 32 bits
     EXPECT_EQ(PlistForSpool.iNum, 5);     // index cells, not the highest row
     const SpoolRecord& r2 = row(2);
-    EXPECT_EQ(std::tuple(r2.IndexOnDevice, r2.SourceType, r2.ProfileClass, r2.DriverAvail, r2.InMenu),
-              std::tuple(12, 6, 2, 1, 0));
+    EXPECT_EQ(std::tuple(r2.IndexOnDevice, r2.SourceType, r2.ProfileClass, r2.DriverAvail, r2.InMenu), std::tuple(12, 6, 2, 1, 0));
     EXPECT_EQ(std::tuple(std::string(r2.FileName), std::string(r2.ProfileName)), std::tuple("F2.ICC", "Name"));
     EXPECT_EQ(std::tuple(row(1).ProfileClass, row(3).IndexOnDevice, row(500).IndexOnDevice), std::tuple(3, 0, 510));
 }
 
 TEST_F(Spool, StringsOverwriteInPlaceUpToAZeroByteAndFillTheFieldAndNoMore) {
-    spool_text(cell(4, 1), "ABCDEF");
-    spool_text(cell(4, 1), "XY");
+    spool_text(cell(4, 1), "ABCDEF"), spool_text(cell(4, 1), "XY");
     EXPECT_STREQ(row(1).FileName, "XYCDEF");  // no terminator written
     spool_text(cell(3, 2), std::string("AB\0CD", 5));
     EXPECT_STREQ(row(2).ProfileName, "AB");
@@ -73,8 +70,7 @@ TEST_F(Spool, DeviceMarksComeOffAfterACompleteWalkAndDropAfterAFailedOne) {
 TEST_F(Spool, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
     spool_row(1, 9, 5, "ABC.ICM", 1, "Device name");
     for (const auto& [in_menu, marked] : {std::pair{1, 2}, {5, 2}, {3, 4}, {6, 4}, {2, 2}, {4, 4}}) {
-        table.Entry[0] = entry(3, in_menu, "ABC.ICM", 5, 2, "Plist name");
-        table.iNum = 1;
+        table.Entry[0] = entry(3, in_menu, "ABC.ICM", 5, 2, "Plist name"), table.iNum = 1;
         vRestructDetail(0, &table);  // keeps the entry's own fields
         EXPECT_TRUE(same_bytes(table.Entry[0], entry(3, marked, "ABC.ICM", 5, 2, "Plist name"))) << in_menu;
         EXPECT_EQ(table.iNum, 1);
@@ -93,9 +89,8 @@ TEST_F(Spool, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
 }
 
 TEST_F(Spool, RebuildAfterACompleteWalkRemarksTakesAcceptedRowsAndDropsRefusedNamesBeforeTheMerge) {
-    Tables::add(before.rgb, entry(6, 1, "A+B.ICC"));  // refused: RGB closes up before new rows come in
-    Tables::add(before.rgb, entry(3, 2, "ABC.ICM", 4, 1, "Plist name"));
-    Tables::add(before.rgb, entry(5, 4, "KEPT.ICM", 5, 2));
+    for (const auto& e : {entry(6, 1, "A+B.ICC"), entry(3, 2, "ABC.ICM", 4, 1, "Plist name"), entry(5, 4, "KEPT.ICM", 5, 2)})
+        Tables::add(before.rgb, e);  // A+B.ICC refused: RGB closes up before new rows come in
     Tables::add(before.sim, entry(1, 1, "TOOLONGEXT.ICCX", 4, 3));
     ASSERT_EQ(before.write(), 0);
     spool_row(1, 3, 4, "ABC.ICM", 1, "Device name");
@@ -111,8 +106,8 @@ TEST_F(Spool, RebuildAfterACompleteWalkRemarksTakesAcceptedRowsAndDropsRefusedNa
     ASSERT_EQ(std::tuple(after.rgb.iNum, after.sim.iNum, after.dst.iNum), std::tuple(3, 1, 1));
     EXPECT_TRUE(same_bytes(after.rgb.Entry[0], before.rgb.Entry[1]));
     EXPECT_EQ(std::tuple(after.rgb.Entry[1].InMenu, std::string(after.rgb.Entry[2].FileName)), std::tuple(4, "NEW.ICM"));
-    EXPECT_EQ(std::tuple(std::string(after.sim.Entry[0].FileName), std::string(after.dst.Entry[0].FileName),
-                         after.dst.Entry[0].InMenu, after.dst.Entry[0].Location),
+    const ProfileEntry &sim = after.sim.Entry[0], &dst = after.dst.Entry[0];
+    EXPECT_EQ(std::tuple(std::string(sim.FileName), std::string(dst.FileName), dst.InMenu, dst.Location),
               std::tuple("SIMDST.ICC", "SIMDST.ICC", 2, 5));
 }
 
@@ -123,8 +118,7 @@ TEST_F(Spool, RebuildAfterAFailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
     vRestructPlistSpool2Current(1);
     ASSERT_EQ(after.read(), 0);
     ASSERT_EQ(after.sim.iNum, 2);
-    EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)));
-    EXPECT_TRUE(same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
+    EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)) && same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
 }
 
 }  // namespace

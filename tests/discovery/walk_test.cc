@@ -1,5 +1,5 @@
-// The walk against snmpd and the scripted agent: each agent walked one request at a time and with
-// requests in flight (the default window and 8) must leave the same behind, byte for byte.
+// The walk against snmpd and the scripted agent: one request at a time and with requests in flight
+// (the default window and 8) each agent must leave the same behind, byte for byte.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,9 +21,7 @@ const std::string kV1 = "-v1 -c public -t 0.2 -r 0", kV2c = "-v2c -c public -t 0
 std::string answer(const std::string& name, const std::string& step, int rows = 12) {
     return R"("rows": )" + std::to_string(rows) + R"(, "answers": {")" + name + "\": " + step + "}";
 }
-std::string variable(const std::string& oid, const std::string& rest = "") {
-    return R"({"oid": ")" + oid + "\"" + rest + "}";
-}
+std::string variable(const std::string& oid, const std::string& rest = "") { return R"({"oid": ")" + oid + "\"" + rest + "}"; }
 
 // Rows 0, 1, 2, 5, 9, 10, 501, 777 whole, row 3 with columns 1 and 4 only, row 7 without column 5.
 std::vector<std::string> gapped_table() {
@@ -36,16 +34,15 @@ std::vector<std::string> gapped_table() {
 
 struct Case {
     const char* name;
-    std::vector<std::string> snmpd;  // snmpd's configuration, unless
-    std::string script;              // the scripted agent's (a fresh one per walk: it counts requests)
-    std::string options, root;
+    std::vector<std::string> snmpd;     // snmpd's configuration, unless the scripted agent's
+    std::string script, options, root;  // (a fresh agent per walk: it counts requests)
     int32_t result, counted;  // at every window; counted: numprinted's growth
 };
 
 std::vector<Case> cases() {
     auto v3 = printer_table(12);
     v3.insert(v3.end(), {"createUser tzuser SHA tzpassword1 AES tzpassword1", "rouser tzuser priv"});
-    const std::string outside = "1.3.6.1.4.1.99992.1";
+    const std::string outside = "1.3.6.1.4.1.99992.1", same3 = variable(cell(1, 3), R"(, "value": 3)");
     return {
         {"snmpd without rows", {}, "", kV1, kT, 0, 0},
         {"snmpd with one row", printer_table(1), "", kV1, kT, 0, 6},
@@ -53,37 +50,34 @@ std::vector<Case> cases() {
         {"snmpd with 500 rows", printer_table(500), "", kV1, kT, 0, 3000},
         {"snmpd with gaps, missing columns, rows outside 1..500", gapped_table(), "", kV1, kT, 0, 55},
         {"snmpd, -C xi: GET of the root counted first", printer_table(2), "", "-Cxi " + kV1, cell(1, 2), 0, 1},
-        {"snmpd, v3 authPriv", v3, "",
-         "-v3 -l authPriv -u tzuser -a SHA -A tzpassword1 -x AES -X tzpassword1 -t 0.5 -r 0", kT, 0, 72},
+        {"snmpd, v3 authPriv", v3, "", "-v3 -l authPriv -u tzuser -a SHA -A tzpassword1 -x AES -X tzpassword1 -t 0.5 -r 0",
+         kT, 0, 72},
         {"no root: MIB-2, left at once", {}, R"("rows": 12)", kV1, "", 0, 0},
         {"the root itself as the first answer", {}, answer(kT, variable(kT, R"(, "value": 1)")), kV1, kT, 1, 1},
-        {"an OID that does not increase", {}, answer(cell(1, 3), variable(cell(1, 3), R"(, "value": 3)")), kV1,
-         kT, 1, 4},
+        {"an OID that does not increase", {}, answer(cell(1, 3), same3), kV1, kT, 1, 4},
         {"an OID that does not increase, -C c: until the agent falls silent", {},
          answer(cell(1, 3), variable(cell(1, 3), R"(, "value": 3, "times": 4)")), "-Cc " + kV1, kT, 1, 7},
         {"endOfMibView inside the subtree", {}, answer(cell(2, 5), variable(cell(2, 6))), kV2c, kT, 0, 18},
-        {"the first answer outside the subtree", {}, answer(kT, variable(outside, R"(, "value": 1)")), kV1, kT,
-         0, 0},
+        {"the first answer outside the subtree", {}, answer(kT, variable(outside, R"(, "value": 1)")), kV1, kT, 0, 0},
         {"an error status", {}, answer(cell(3, 7), R"({"error": 5})"), kV1, kT, 2, 31},
         {"noSuchName halfway", {}, answer(cell(3, 7), R"({"error": 2})"), kV1, kT, 0, 31},
         {"no answer at all", {}, R"("rows": 12, "silent_from": "1")", kV1, kT, 1, 0},
         {"an agent that dies halfway", {}, R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", kV1, kT, 1, 42},
-        {"every third answer late, overtaken by the next ones", {}, R"("rows": 12, "delay_every": [3, 40])",
-         "-v1 -c public -t 1 -r 0", kT, 0, 72},
-        {"every second request dropped", {}, R"("rows": 12, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT,
-         0, 72},
+        {"every third answer late, overtaken", {}, R"("rows": 12, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0", kT, 0, 72},
+        {"every second request dropped", {}, R"("rows": 12, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT, 0, 72},
     };
 }
 
-// Everything a walk leaves behind.
+// Everything a walk leaves behind: sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist.
 struct Observed {
     int32_t result = 0, counted = 0, progress = 0, progress_calls = 0;
-    std::string debug, printed, spool, plist;  // sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist
+    std::string debug, printed, spool, plist;
     std::size_t requests = 0;
     auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed); }
 } seen;
 
-Observed walk_at(const Case& c, const std::string& peer, const ScriptedAgent* scripted, int32_t window) {
+Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
+    const auto scripted = snmpd ? nullptr : std::make_unique<ScriptedAgent>(c.script);
     const ProfilePaths paths;
     for (const int boolean : {1, 2, 3}) netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, boolean, 0);
     std::memset(sDEBUGmsg, 0, sizeof sDEBUGmsg);
@@ -91,16 +85,14 @@ Observed walk_at(const Case& c, const std::string& peer, const ScriptedAgent* sc
     TZSetWalkProgressHook([](int32_t n) { seen.progress = n, ++seen.progress_calls; });
     TZSetWalkWindow(window);
     std::vector<std::string> args;
-    std::istringstream words(c.options + " " + peer + " " + c.root);
+    std::istringstream words(c.options + " " + (snmpd ? snmpd->peer() : scripted->peer()) + " " + c.root);
     for (std::string word; words >> word;) args.push_back(word);
     const int32_t before = numprinted;
     StderrCapture printed(STDOUT_FILENO);
     seen.result = walk(args);
-    seen.printed = printed.finish();
-    seen.counted = numprinted - before;
+    seen.printed = printed.finish(), seen.counted = numprinted - before;
     seen.spool.assign(reinterpret_cast<const char*>(&PlistForSpool), sizeof PlistForSpool);
-    seen.debug.assign(sDEBUGmsg, sizeof sDEBUGmsg);
-    seen.plist = read_file(paths.current);
+    seen.debug.assign(sDEBUGmsg, sizeof sDEBUGmsg), seen.plist = read_file(paths.current);
     seen.requests = scripted ? scripted->requests().size() : 0;
     return seen;
 }
@@ -110,14 +102,10 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
     for (const Case& c : cases()) {
         SCOPED_TRACE(c.name);
         const auto snmpd = c.script.empty() ? std::make_unique<SnmpAgent>(c.snmpd) : nullptr;
-        const auto at = [&](int32_t window) {
-            const auto scripted = snmpd ? nullptr : std::make_unique<ScriptedAgent>(c.script);
-            return walk_at(c, snmpd ? snmpd->peer() : scripted->peer(), scripted.get(), window);
-        };
-        const Observed one = at(1);
+        const Observed one = walk_at(c, snmpd.get(), 1);
         EXPECT_EQ(std::tie(one.result, one.counted, one.progress_calls), std::tie(c.result, c.counted, one.progress));
         for (const int32_t window : {kDefaultWindow, 8}) {
-            const Observed many = at(window);
+            const Observed many = walk_at(c, snmpd.get(), window);
             EXPECT_EQ(many.facts(), one.facts()) << "window " << window;
             EXPECT_TRUE(many.spool == one.spool && many.plist == one.plist) << "window " << window;
             EXPECT_LE(many.requests, 3 * one.requests) << "a lossy agent is flooded: the window must fall back";
@@ -125,7 +113,6 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
     }
 }
 
-// The exact diagnostics, hook calls and requests of the sequential walk.
 TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     const ProfilePaths paths;
     TZSetWalkWindow(-5);  // taken as 1
@@ -133,13 +120,11 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     {
         ScriptedAgent agent(answer(cell(1, 1), variable(cell(1, 1), R"(, "value": 1)"), 1));
         EXPECT_EQ(walk(v1(agent.peer())), 1);
-        // The operands are the raw bytes of the sub-identifier words: 0x01 each.
-        EXPECT_STREQ(sDEBUGmsg, "[SNMP] Error: OID not increasing: \x01 >= \x01");
+        EXPECT_STREQ(sDEBUGmsg, "[SNMP] Error: OID not increasing: \x01 >= \x01");  // raw sub-identifier bytes
         EXPECT_EQ(agent.requests(), (std::vector<std::string>{"getnext " + kT, "getnext " + cell(1, 1)}));
     }
     {
-        // Every second request lost: each name after the first is sent twice (one retry), no more.
-        ScriptedAgent agent(R"("rows": 1, "drop_every": 2)");
+        ScriptedAgent agent(R"("rows": 1, "drop_every": 2)");  // each name after the first sent twice, no more
         EXPECT_EQ(walk({"-v1", "-c", "public", "-t", "0.05", "-r", "1", agent.peer(), kT}), 0);
         std::vector<std::string> expected = {"getnext " + kT};
         for (const int column : {1, 2, 3, 4, 5, 7}) expected.insert(expected.end(), 2, "getnext " + cell(column, 1));
@@ -150,28 +135,22 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     TZSetWalkDebugHook([](const char* text, int32_t n) { heard.emplace_back(text ? text : "", n); });
     EXPECT_EQ(walk({"-Cx", "-V"}), -2);
     const int32_t before = numprinted;
-    std::vector<std::string> args = v1(agent.peer());
-    args.insert(args.begin(), "-Cxip");
-    EXPECT_EQ(walk(args), 0);
+    EXPECT_EQ(walk({"-Cxip", "-v1", "-c", "public", "-t", "0.2", "-r", "0", agent.peer(), kT}), 0);
     EXPECT_EQ(numprinted - before, 6) << "a GET refused with noSuchName counts nothing";
-    // Each walk's diagnostic reaches the hook, a repeated one too; -C p's count comes last.
-    const std::pair<std::string, int32_t> flag{"Unknown flag passed to -C: x\n", 0};
+    const std::pair<std::string, int32_t> flag{"Unknown flag passed to -C: x\n", 0};  // each walk's, repeated too
     EXPECT_EQ(std::count(heard.begin(), heard.end(), flag), 2);
-    EXPECT_EQ(heard.back(), std::make_pair(std::string("[UTIL-MIB] Variables found: "), numprinted));
+    EXPECT_EQ(heard.back(), std::make_pair(std::string("[UTIL-MIB] Variables found: "), numprinted));  // -C p last
     EXPECT_STREQ(sDEBUGmsg, flag.first.c_str());
     const auto requests = agent.requests();
     ASSERT_EQ(requests.size(), 8u);  // the GET, six variables, the end
-    EXPECT_EQ(requests[0], "get " + kT);
-    EXPECT_EQ(requests[2], "getnext " + cell(1, 1));
+    EXPECT_EQ(std::tie(requests[0], requests[2]), std::tuple("get " + kT, "getnext " + cell(1, 1)));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
     const ProfilePaths paths;
     const std::pair<std::vector<std::string>, int32_t> cases[] = {
-        {{"-v1", "-c", "public"}, -1},  // no agent
-        {{"-V"}, -2},
-        // A pass phrase too short to make a key: net-snmp says -3, the walk -2.
-        {{"-v3", "-l", "authNoPriv", "-u", "u", "-a", "MD5", "-A", "short", "127.0.0.1:9"}, -2},
+        {{"-v1", "-c", "public"}, -1}, {{"-V"}, -2},  // no agent; version
+        {{"-v3", "-l", "authNoPriv", "-u", "u", "-a", "MD5", "-A", "short", "127.0.0.1:9"}, -2},  // no key: net-snmp's -3
         {{"-v1", "-c", "public", "127.0.0.1:9", "1.3.not.an.oid"}, 1},
         {{"-v1", "-c", "public", "tcp:127.0.0.1:9", kT}, 1},  // no session
     };

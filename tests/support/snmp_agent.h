@@ -1,7 +1,4 @@
-// A real SNMP agent for tests: Debian's snmpd on a free UDP port of 127.0.0.1 with a generated
-// configuration (community "public", plus the given `override` lines) in a temporary folder. The
-// constructor returns once it answers a GET (else throws with its log); stop() and the destructor
-// end it. It leaves net-snmp's library state in the test process untouched.
+// Debian's snmpd on a free UDP port of 127.0.0.1, community "public" plus the given lines; ready once it answers a GET.
 #pragma once
 
 #include <arpa/inet.h>
@@ -14,7 +11,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -25,32 +21,26 @@
 namespace tz::test {
 
 inline std::string override_integer(std::string_view oid, long n) { return "override " + std::string(oid) + " integer " + std::to_string(n); }
-// TEXT must not hold a quotation mark or a line break.
-inline std::string override_string(std::string_view oid, std::string_view text) {
+inline std::string override_string(std::string_view oid, std::string_view text) {  // no quotation mark, no line break
     return "override " + std::string(oid) + " octet_str \"" + std::string(text) + "\"";
 }
 
-// The printer's profile table and the OID of one cell of it.
 inline const std::string kProfileTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
 inline std::string cell(int column, int row) { return kProfileTable + "." + std::to_string(column) + ".1." + std::to_string(row); }
 
-// One row of the printer's table: columns 1 to 5 and 7 (available).
+// Columns 1 to 5 and 7 (available) of one row of the printer's table.
 inline std::vector<std::string> printer_row(int row, int source, const std::string& file, int cls) {
     return {override_integer(cell(1, row), row), override_integer(cell(2, row), source),
-            override_string(cell(3, row), "Profile " + std::to_string(row)),
-            override_string(cell(4, row), file), override_integer(cell(5, row), cls),
-            override_integer(cell(7, row), 1)};
+            override_string(cell(3, row), "Profile " + std::to_string(row)), override_string(cell(4, row), file),
+            override_integer(cell(5, row), cls), override_integer(cell(7, row), 1)};
 }
 
-// Rows 1 to `rows`: file PRF<r>.ICC, source 5 or 4, class 1, 2, 3 in turn. tests/fixtures/sample-printer and
-// tests/discovery/scripted_agent.py serve the same table.
+// Rows 1 to `rows`: file PRF<r>.ICC, source 5 or 4, class 1, 2, 3 in turn (as sample-printer, scripted_agent.py).
 inline std::vector<std::string> printer_table(int rows) {
     std::vector<std::string> lines;
-    for (int r = 1; r <= rows; ++r) {
-        char file[32];
-        std::snprintf(file, sizeof file, "PRF%05d.ICC", r);
-        for (auto& line : printer_row(r, 4 + r % 2, file, (r - 1) % 3 + 1)) lines.push_back(line);
-    }
+    for (int r = 1; r <= rows; ++r)
+        for (auto& line : printer_row(r, 4 + r % 2, "PRF" + std::to_string(100000 + r).substr(1) + ".ICC", (r - 1) % 3 + 1))
+            lines.push_back(line);
     return lines;
 }
 
@@ -78,8 +68,7 @@ inline uint16_t free_udp_port() {
     const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
                     ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
     ::close(fd);
-    if (!ok) throw std::runtime_error("no free UDP port");
-    return ntohs(addr.sin_port);
+    return ok ? ntohs(addr.sin_port) : throw std::runtime_error("no free UDP port");
 }
 
 class SnmpAgent {
@@ -93,16 +82,11 @@ public:
     }
     ~SnmpAgent() { stop(); }
     SnmpAgent(const SnmpAgent&) = delete;
-
     uint16_t port() const { return port_; }
     std::string peer() const { return "127.0.0.1:" + std::to_string(port_); }
     bool running() const { return pid_ > 0; }
-    void stop() {
-        if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0) ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    void stop() { if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0) ::waitpid(pid_, nullptr, 0); pid_ = -1; }
     std::string log() const { return exists(dir_.file("snmpd.log")) ? read_file(dir_.file("snmpd.log")) : "(none)"; }
-    // For net-snmp's commands: no MIBs, no user configuration, state in the agent's folder.
     std::vector<std::string> client_environment() const { return environment(dir_.file("client"), dir_.file("client")); }
 
 private:
@@ -112,18 +96,15 @@ private:
     // Leaves pid_ at -1 when snmpd exits (port taken) or does not answer 150 GETs of 0.2 s.
     void start(uint16_t port) {
         port_ = port;
-        const pid_t pid = spawn_quiet({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf",
-                                       dir_.file("snmpd.log"), "udp:" + peer()},
-                                      environment(dir_.path().string(), dir_.file("persist")));
+        const pid_t pid = spawn_quiet({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf", dir_.file("snmpd.log"),
+                                       "udp:" + peer()}, environment(dir_.path().string(), dir_.file("persist")));
         for (int i = 0; pid > 0 && i < 150; ++i) {
             if (::waitpid(pid, nullptr, WNOHANG) == pid) return;  // it gave up
             const pid_t get = spawn_quiet({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", peer(),
                                            "1.3.6.1.2.1.1.1.0"}, client_environment());
             int status = 0;
-            if (get > 0 && ::waitpid(get, &status, 0) == get && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-                pid_ = pid;
-                return;
-            }
+            if (get > 0 && ::waitpid(get, &status, 0) == get && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+                return void(pid_ = pid);
         }
         if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
     }
