@@ -135,6 +135,7 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
         EXPECT_EQ(json_of(binary_dict({{a, five}, {"\x51v", value}, {"\x51z", "\x51x"}})), R"({"a": 5, "v": )" + std::string(read) + R"(, "z": "x"})");
     const std::pair<Items, std::string> rows[] = {
         {{{a, wide(~0ull, 1ull << 63)}}, R"({"a": -9223372036854775808})"}, {{{a, wide(0, INT64_MAX)}}, R"({"a": 9223372036854775807})"},
+        {{{a, "\x13" + be(~0ull - 4, 8)}}, R"({"a": -5})"}, {{{"\x5F\x13" + be(15, 8) + "fifteen letters", five}}, R"({"fifteen letters": 5})"},  // 8-byte widths
         {{{a, wide(0, ~0ull)}, {a, "\x10\x07"}}, R"({"a": 7})"},  // each value matched to its own object
         {{{a, "\x10\x07"}, {a, wide(0, ~0ull)}}, R"({"a": "?"})"}, {{{std::string("\x61\0a", 3), five}}, R"({"a": 5})"},
         {{{"\x10\x75", five}}, "refused"}, {{{std::string("\x51\0", 2), five}}, "refused"},  // keys libplist aborts on
