@@ -146,9 +146,11 @@ TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
         ASSERT_EQ(bus.service_pid(), service) << "it never owned the name";
         EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "9", "x"}))),
                   "iRet=-1");
+        EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice",  // a count of 0 is said too
+                  {"snmpwalk", "-v", "1", "-c", "public", "-t", "0.2", "-r", "0", "-Cp", "127.0.0.1:1", "1.3"}))), "iRet=1");
         ASSERT_EQ(::kill(service, SIGTERM), 0);
         EXPECT_EQ(tz::test::wait_status(service), 0);
-        EXPECT_EQ(tz::test::read_file(err), debug ? "<7>tzhelperd: walk: Invalid version specified after -v flag: 9\n"
+        EXPECT_EQ(tz::test::read_file(err), debug ? "<7>tzhelperd: walk: Invalid version specified after -v flag: 9\n<7>tzhelperd: walk: [UTIL-MIB] Variables found: 0\n"
                   : "<4>tzhelperd: the preferences folder " + folder + " does not exist: walks cannot save profiles; "
                     "ask an administrator to create it (group lpadmin, mode 2775)\n");
     }
