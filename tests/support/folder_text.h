@@ -14,8 +14,8 @@
 
 namespace tz::test {
 
-inline void build(const TempDir& dir, const std::string& spec) {
-    std::stringstream in(spec);
+inline void build(const TempDir& dir, const std::string& layout) {
+    std::stringstream in(layout);
     for (std::string item; std::getline(in, item, ';');) {
         const std::size_t arrow = item.find("->"), eq = item.find('='), paren = item.find('(');
         if (arrow < eq) std::filesystem::create_symlink(item.substr(arrow + 2), dir.file(item.substr(0, arrow)));
