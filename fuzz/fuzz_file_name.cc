@@ -8,7 +8,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string name(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
-    if (bJudgement8point3Format(name.c_str()) && (name.empty() || name.size() > 31 || name.find('/') != std::string::npos))
+    if (bJudgement8point3Format(name.c_str()) &&
+        (name.empty() || name.size() > 31 || name.find('/') != std::string::npos))
         __builtin_trap();
     return 0;
 }

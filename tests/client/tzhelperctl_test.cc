@@ -1,6 +1,5 @@
-// tzhelperctl against a real tzhelperd on a private bus (exit status, stderr
-// line and JSON of each outcome, help, a walk's summary), the client
-// library's properties and progress, and the summary's comparison of tables.
+// tzhelperctl against a real tzhelperd on a private bus (exit status, stderr line and JSON of each outcome, help, a
+// walk's summary), the client library's properties and progress, and the summary's comparison of tables.
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -50,7 +49,8 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
         {kServed, {"exist", missing}, 1, "FALSE\n", missing + " does not exist for the helper"},
         {kServed, {"is-admin", "/proc/none/x"}, 1, "FALSE\n", "the helper cannot write /proc/none/x"},
         {kServed, {"remove", missing}, 1, "FALSE\n", "the helper could not remove " + missing},
-        {kServed, {"write-piece", "rel", "x"}, 1, "FALSE\n", "the helper could not append to the temporary .dummy file of rel"},
+        {kServed, {"write-piece", "rel", "x"}, 1, "FALSE\n",
+         "the helper could not append to the temporary .dummy file of rel"},
         {kServed, {"finish-piece", "rel"}, 1, "FALSE\n", "the helper could not rename the .dummy file onto rel"},
         {kServed, {"write-plist", prefs + "w.plist", "-"}, 0, "TRUE\n", "", "<plist/>"},
         {kServed, {"swap", "2147483647", "", ""}, 0, "TRUE\n", ""},
@@ -62,12 +62,14 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
         {kServed, walk({"-V"}), 1, "iRet=-2\n", "the SNMP argument parser stopped after its help or version"},
         {kServed, {"raw", "writeDataToPlistFile_XPC", "file:///tmp/x"}, 1, "", "the helper refused the request: "},
         // Not UTF-8: the bus refuses to carry it; the JSON still holds it, as U+FFFD.
-        {kServed, {"raw", "tzPListExistProfile_XPC", "/tmp/\xff"}, 1, "", "the call failed: org.freedesktop.DBus.Error.InvalidArgs"},
+        {kServed, {"raw", "tzPListExistProfile_XPC", "/tmp/\xff"}, 1, "",
+         "the call failed: org.freedesktop.DBus.Error.InvalidArgs"},
         {kServed, {"show", missing}, 1, "", "cannot read " + missing + ": No such file or directory"},
         {kServed, {"show", longest}, 1, "", "cannot read " + longest + ": No such file"},
         {kServed, {"show", longest + "a"}, 1, "", "the path " + longest + "a is too long (at most 254 bytes)"},
         {kServed, {"show", "-"}, 1, "", "cannot read standard input as a profile plist", "junk"},
-        {kBare, {"exist", "/"}, 3, "", kNotProvided}, {kBare, {"show", "--user", "u", "--model", "M"}, 3, "", kNotProvided},
+        {kBare, {"exist", "/"}, 3, "", kNotProvided},
+        {kBare, {"show", "--user", "u", "--model", "M"}, 3, "", kNotProvided},
         {kNoBus, {"exist", "/"}, 3, "", "no session bus: DBUS_SESSION_BUS_ADDRESS is not set"},
         {kNoBus, {"show", "--user", "u", "--model", "M"}, 3, "", "no session bus"},
         {kServed, {"exist"}, 2, "", "exist takes PATH"}, {kServed, {"exist", "a", "b"}, 2, "", "exist takes PATH"},
@@ -95,8 +97,8 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
             const auto got = run_command(argv);
             const std::string what = ::testing::PrintToString(argv) + " -> " + got.out + got.err;
             EXPECT_EQ(got.status, c.status) << what;
-            EXPECT_EQ(c.err.empty() ? got.err : got.err.find("tzhelperctl: " + c.err) != std::string::npos ? "" : "?", "")
-                << what;
+            EXPECT_EQ(c.err.empty() ? got.err : got.err.find("tzhelperctl: " + c.err) != std::string::npos ? "" : "?",
+                      "") << what;
             if (c.status == 2 || (!c.args.empty() && c.args[0] == "show") || !as_json) {
                 EXPECT_EQ(got.out.substr(0, c.out.size() + (c.out.empty() || as_json)), c.out) << what;
                 continue;
@@ -120,7 +122,9 @@ TEST(Tzhelperctl, EveryCommandHasItsOwnHelp) {
     }
     EXPECT_EQ(run_command({kCtl, "--version"}).out, "tzhelperctl " TZ_VERSION "\n");
     // No room for the copy of standard input (a file-size limit of 0): show fails and says so.
-    const auto full = run_command({"bash", "-c", "set -o pipefail; printf junk | (ulimit -f 0; trap '' XFSZ; exec \"$0\" show -) 2>&1 | cat", kCtl});
+    const auto full = run_command(
+        {"bash", "-c", "set -o pipefail; printf junk | (ulimit -f 0; trap '' XFSZ; exec \"$0\" show -) 2>&1 | cat",
+         kCtl});
     EXPECT_EQ(full.out + std::to_string(full.status), "tzhelperctl: cannot copy standard input to a temporary file\n1");
 }
 
@@ -144,7 +148,8 @@ TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
     EXPECT_EQ(tables["SIM"]["entries"][1]["FileName"], "PRF00006.ICC");
     const std::string text = run(0, {"show", "--user", "bob", "--model", "T48Q"}).out;  // three tables, DST last
     const size_t dst = text.find("DST (iNum 2)\n");
-    EXPECT_TRUE(text.rfind("RGB (iNum 4)\n", 0) == 0 && dst != std::string::npos && text.find("(iNum", dst + 5) == std::string::npos) << text;
+    EXPECT_TRUE(text.rfind("RGB (iNum 4)\n", 0) == 0 && dst != std::string::npos &&
+                text.find("(iNum", dst + 5) == std::string::npos) << text;
     // Row 6 is gone from the printer: kept, and marked so; no progress line when stderr is not a terminal.
     const std::string remarked = "0 added, 0 dropped, 1 re-marked\n  re-marked  PRF00006.ICC  location 4   "
                                  "\"Profile 6\"           InMenu 2 -> 1\n";
@@ -197,7 +202,8 @@ TEST(WalkSummary, NamesProfilesAddedDroppedAndReMarkedByFileNameAndLocation) {
     const auto table = [](std::initializer_list<std::tuple<int, int, const char*, int>> slots) {
         ProfileTable t{};
         t.iNum = 500;  // the comparison looks at the slots only
-        for (const auto& [slot, in_menu, file, location] : slots) t.Entry[slot] = tz::test::entry(1, in_menu, file, location);
+        for (const auto& [slot, in_menu, file, location] : slots)
+            t.Entry[slot] = tz::test::entry(1, in_menu, file, location);
         return t;
     };
     const struct {
@@ -205,7 +211,8 @@ TEST(WalkSummary, NamesProfilesAddedDroppedAndReMarkedByFileNameAndLocation) {
         std::vector<std::string> expected;
     } cases[] = {
         {table({{0, 2, "A", 4}}), table({{7, 2, "A", 4}}), {}},
-        {table({{0, 2, "A", 4}, {1, 3, "B", 4}}), table({{0, 4, "A", 4}, {1, 2, "C", 4}}), {"+C@4:2", "-B@4:3", "~A@4:2>4"}},
+        {table({{0, 2, "A", 4}, {1, 3, "B", 4}}), table({{0, 4, "A", 4}, {1, 2, "C", 4}}),
+         {"+C@4:2", "-B@4:3", "~A@4:2>4"}},
         {table({{0, 2, "A", 4}}), table({{0, 2, "A", 5}}), {"+A@5:2", "-A@4:2"}},
         {table({{0, 0, "A", 4}, {499, 2, "B", 4}}), table({{0, 2, "A", 4}, {499, 0, "B", 4}}), {"+A@4:2", "-B@4:2"}},
         {table({{0, 2, "A", 4}, {1, 3, "A", 4}}), table({{0, 3, "A", 4}}), {"-A@4:3", "~A@4:2>3"}},
@@ -213,7 +220,8 @@ TEST(WalkSummary, NamesProfilesAddedDroppedAndReMarkedByFileNameAndLocation) {
     for (const auto& c : cases) {
         const tz::ctl::CategoryChanges changes = tz::ctl::compare_profiles(c.before, c.after);
         std::vector<std::string> got;
-        const auto at = [](const tz::ctl::ProfileChange& p) { return p.file_name + "@" + std::to_string(p.location) + ":"; };
+        const auto at =
+            [](const tz::ctl::ProfileChange& p) { return p.file_name + "@" + std::to_string(p.location) + ":"; };
         for (const auto& p : changes.added) got.push_back("+" + at(p) + std::to_string(p.new_in_menu));
         for (const auto& p : changes.dropped) got.push_back("-" + at(p) + std::to_string(p.old_in_menu));
         for (const auto& p : changes.remarked)
@@ -225,7 +233,8 @@ TEST(WalkSummary, NamesProfilesAddedDroppedAndReMarkedByFileNameAndLocation) {
     std::memset(before.Entry[0].FileName, 'X', 32);
     std::memset(before.Entry[0].ProfileName, 'Y', 32);
     const auto dropped = tz::ctl::compare_profiles(before, table({})).dropped;
-    EXPECT_EQ(dropped.size() == 1 ? dropped[0].file_name + dropped[0].profile_name : "", std::string(32, 'X') + std::string(32, 'Y'));
+    EXPECT_EQ(dropped.size() == 1 ? dropped[0].file_name + dropped[0].profile_name : "",
+              std::string(32, 'X') + std::string(32, 'Y'));
 }
 
 }  // namespace

@@ -54,14 +54,16 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationAndHelper1R
         EXPECT_EQ(tz::test::exists(row.path), row.content != "-");
         EXPECT_EQ(row.content == "-" || row.content == "?" ? row.content : tz::test::read_file(row.path), row.content);
     }
-    for (const auto& [name, value] : {std::pair{tz::bus::kPreferencesDirectoryProperty, bus.prefs()}, {tz::bus::kVersionProperty, TZ_VERSION}})
+    for (const auto& [name, value] : {std::pair{tz::bus::kPreferencesDirectoryProperty, bus.prefs()},
+                                      {tz::bus::kVersionProperty, TZ_VERSION}})
         EXPECT_EQ(run_command({"busctl", "--address=" + bus.address(), "get-property", std::string(tz::bus::kBusName),
-                               std::string(tz::bus::kObjectPath), std::string(tz::bus::kInterface1), std::string(name)}).out,
-                  "s \"" + value + "\"\n");
+                               std::string(tz::bus::kObjectPath), std::string(tz::bus::kInterface1),
+                               std::string(name)}).out, "s \"" + value + "\"\n");
     // Twelve rows of six columns: the signals name this caller, and the final count comes last.
     auto walker = connect(bus);
     std::vector<uint32_t> counts;
-    EXPECT_EQ(reply_of(walker->mib_walk(walk_of("T48Q", "alice", agent.peer()), [&](uint32_t n) { counts.push_back(n); })), "iRet=0");
+    EXPECT_EQ(reply_of(walker->mib_walk(walk_of("T48Q", "alice", agent.peer()),
+                                        [&](uint32_t n) { counts.push_back(n); })), "iRet=0");
     ASSERT_FALSE(counts.empty());
     EXPECT_EQ(counts.back(), 72u);
 }
@@ -90,12 +92,13 @@ TEST(HelperBus, CallersOfAnotherUserAreDenied) {
     const std::string target = bus.prefs() + "by-nobody.plist", address = bus.address();
     EXPECT_EQ(tz::test::run_unprivileged([&] {
                   auto client = tz::client::HelperClient::connect(address, nullptr);
-                  const auto denied = [](const tz::client::Outcome& o) { return o.error && o.error->name == tz::bus::kAccessDenied; };
+                  const auto denied =
+                      [](const tz::client::Outcome& o) { return o.error && o.error->name == tz::bus::kAccessDenied; };
                   // The second call is refused as the first: what was found out about the caller is kept.
-                  return client && denied(client->write_dictionary(tz::client::write_request(tz::client::file_url(target), "x"))) &&
+                  return client && denied(client->write_dictionary(
+                                       tz::client::write_request(tz::client::file_url(target), "x"))) &&
                                  denied(client->exist("/")) ? 0 : 1;
-              }),
-              0);
+              }), 0);
     EXPECT_FALSE(tz::test::exists(target));
     EXPECT_EQ(reply_of(connect(bus)->exist("/")), "TRUE") << "the service's own user is still served";
 }
@@ -141,16 +144,20 @@ TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
         tz::test::PrivateBus bus;
         const std::string folder = debug ? bus.prefs() : bus.dir().file("missing") + "/", err = bus.dir().file("err");
         const pid_t service = tz::test::spawn({TZHELPERD_PATH, "--address", bus.address(), "--idle-exit", "0",
-                                               "--preferences-dir", folder, debug ? "--debug" : "--idle-exit=0"}, "", err);
-        for (int i = 0; i < 3000 && bus.service_pid() != service; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                                               "--preferences-dir", folder, debug ? "--debug" : "--idle-exit=0"},
+                                              "", err);
+        for (int i = 0; i < 3000 && bus.service_pid() != service; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         ASSERT_EQ(bus.service_pid(), service) << "it never owned the name";
-        EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "9", "x"}))),
-                  "iRet=-1");
+        EXPECT_EQ(reply_of(connect(bus)->mib_walk(
+                      tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "9", "x"}))), "iRet=-1");
         EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice",  // a count of 0 is said too
-                  {"snmpwalk", "-v", "1", "-c", "public", "-t", "0.2", "-r", "0", "-Cp", "127.0.0.1:1", "1.3"}))), "iRet=1");
+                  {"snmpwalk", "-v", "1", "-c", "public", "-t", "0.2", "-r", "0", "-Cp", "127.0.0.1:1", "1.3"}))),
+                  "iRet=1");
         ASSERT_EQ(::kill(service, SIGTERM), 0);
         EXPECT_EQ(tz::test::wait_status(service), 0);
-        EXPECT_EQ(tz::test::read_file(err), debug ? "<7>tzhelperd: walk: Invalid version specified after -v flag: 9\n<7>tzhelperd: walk: [UTIL-MIB] Variables found: 0\n"
+        EXPECT_EQ(tz::test::read_file(err), debug ? "<7>tzhelperd: walk: Invalid version specified after -v flag: 9\n"
+                                                    "<7>tzhelperd: walk: [UTIL-MIB] Variables found: 0\n"
                   : "<4>tzhelperd: the preferences folder " + folder + " does not exist: walks cannot save profiles; "
                     "ask an administrator to create it (group lpadmin, mode 2775)\n");
     }
@@ -168,7 +175,8 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     std::unique_ptr<tz::client::HelperClient> walkers[2] = {connect(bus), connect(bus)}, other = connect(bus);
     const std::string walks[2] = {walk_of("T48Q", "alice", relays[0].peer()), walk_of("T49X", "bob", relays[1].peer())};
     const std::string files[2] = {bus.prefs() + "alice-T48Q-profile.plist", bus.prefs() + "bob-T49X-profile.plist"};
-    const auto clear = [&] { for (const auto& e : std::filesystem::directory_iterator(bus.prefs())) std::filesystem::remove(e); };
+    const auto clear =
+        [&] { for (const auto& e : std::filesystem::directory_iterator(bus.prefs())) std::filesystem::remove(e); };
 
     std::string alone[2];
     for (int i = 0; i < 2; ++i) {
@@ -183,7 +191,8 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
         std::latch start(2);
         std::future<tz::client::Outcome> outcomes[2];
         for (int i = 0; i < 2; ++i)
-            outcomes[i] = std::async(std::launch::async, [&, i] { return start.arrive_and_wait(), walkers[i]->mib_walk(walks[i]); });
+            outcomes[i] = std::async(std::launch::async,
+                                     [&, i] { return start.arrive_and_wait(), walkers[i]->mib_walk(walks[i]); });
         const int running = UdpRelay::first_asked({&relays[0], &relays[1]});
         ASSERT_GE(running, 0) << "no walk reached its printer";
         EXPECT_EQ(reply_of(other->exist(bus.prefs())), "TRUE");

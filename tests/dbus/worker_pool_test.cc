@@ -19,7 +19,9 @@ std::shared_ptr<WorkerPool::Strand> make_strand() { return std::make_shared<Work
 struct Gate {
     std::promise<void> promise;
     std::shared_future<void> opened = promise.get_future().share();
-    bool wait(std::chrono::milliseconds limit = 30s) const { return opened.wait_for(limit) == std::future_status::ready; }
+    bool wait(std::chrono::milliseconds limit = 30s) const {
+        return opened.wait_for(limit) == std::future_status::ready;
+    }
 };
 
 // Four threads post to two strands each while slow jobs make the pool grow; destruction runs every job posted.

@@ -24,8 +24,10 @@ inline void spool(const std::string& dotted, u_char type, const void* value, siz
     vSpoolPlist(name, 0, var, 0);
     snmp_free_varbind(var);
 }
-inline void spool_int(const std::string& name, long value, size_t cut = 0) { spool(name, ASN_INTEGER, &value, sizeof value, cut); }
-inline void spool_text(const std::string& name, const std::string& s) { spool(name, ASN_OCTET_STR, s.data(), s.size()); }
+inline void spool_int(const std::string& name, long value,
+                      size_t cut = 0) { spool(name, ASN_INTEGER, &value, sizeof value, cut); }
+inline void spool_text(const std::string& name,
+                       const std::string& s) { spool(name, ASN_OCTET_STR, s.data(), s.size()); }
 
 // Fills spool row `row` from the six columns; index < 0 leaves the index cell out.
 inline void spool_row(int row, int index, int source, const std::string& file, int cls,

@@ -12,11 +12,13 @@ TEST(FreshProcess, FirstAnswerOutsideTheSubtreeBringsOneGetOfTheRootThenNeverAga
     ASSERT_EQ(numprinted, 0);
     const ProfilePaths paths;
     for (const bool first : {true, false}) {
-        ScriptedAgent agent(R"("rows": 1, "answers": {")" + kRoot + R"(": {"oid": "1.3.6.1.4.1.99992.1", "value": 1}})");
+        ScriptedAgent agent(R"("rows": 1, "answers": {")" + kRoot +
+                            R"(": {"oid": "1.3.6.1.4.1.99992.1", "value": 1}})");
         EXPECT_EQ(walk(v1(agent.peer(), kRoot)), 0);
         EXPECT_EQ(agent.requests().size(), first ? 2u : 1u);
         EXPECT_EQ(agent.requests().back(), (first ? "get " : "getnext ") + kRoot);
-        EXPECT_EQ(std::tuple(numprinted, PlistForSpool.iNum), std::tuple(1, 0));  // the GET's answer counted, not spooled
+        // The GET's answer counted, not spooled.
+        EXPECT_EQ(std::tuple(numprinted, PlistForSpool.iNum), std::tuple(1, 0));
     }
 }
 

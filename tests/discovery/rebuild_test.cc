@@ -12,8 +12,8 @@ TEST(FileName, BaseUpTo27ExtensionUpTo3AndTheFilter) {
     const std::string a27(27, 'A');
     for (const std::string& name : std::vector<std::string>{"A.B", "ABC.", "A.B.C", a27, a27 + ".ICC"})
         EXPECT_TRUE(bJudgement8point3Format(name.c_str())) << name;
-    for (const std::string& name :
-         std::vector<std::string>{"", ".ICM", "ABC.ICMX", "A.B.CD", a27 + "A", a27 + "A.ICC", "A B.ICC", "CAF\xC3\x89.ICC"})
+    for (const std::string& name : std::vector<std::string>{"", ".ICM", "ABC.ICMX", "A.B.CD", a27 + "A", a27 + "A.ICC",
+                                                            "A B.ICC", "CAF\xC3\x89.ICC"})
         EXPECT_FALSE(bJudgement8point3Format(name.c_str())) << name;
     EXPECT_FALSE(bJudgement8point3Format(nullptr));
     std::string accepted;  // the filter takes the character sign-extended
@@ -44,7 +44,8 @@ TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
     spool_int(cell(5, 1), 0x100000003L);  // the low 32 bits
     EXPECT_EQ(PlistForSpool.iNum, 5);     // index cells, not the highest row
     const SpoolRecord& r2 = row(2);
-    EXPECT_EQ(std::tuple(r2.IndexOnDevice, r2.SourceType, r2.ProfileClass, r2.DriverAvail, r2.InMenu), std::tuple(12, 6, 2, 1, 0));
+    EXPECT_EQ(std::tuple(r2.IndexOnDevice, r2.SourceType, r2.ProfileClass, r2.DriverAvail, r2.InMenu),
+              std::tuple(12, 6, 2, 1, 0));
     EXPECT_EQ(std::tuple(std::string(r2.FileName), std::string(r2.ProfileName)), std::tuple("F2.ICC", "Name"));
     EXPECT_EQ(std::tuple(row(1).ProfileClass, row(3).IndexOnDevice, row(500).IndexOnDevice), std::tuple(3, 0, 510));
 }
@@ -89,7 +90,8 @@ TEST_F(Spool, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
 }
 
 TEST_F(Spool, RebuildAfterACompleteWalkRemarksTakesAcceptedRowsAndDropsRefusedNamesBeforeTheMerge) {
-    for (const auto& e : {entry(6, 1, "A+B.ICC"), entry(3, 2, "ABC.ICM", 4, 1, "Plist name"), entry(5, 4, "KEPT.ICM", 5, 2)})
+    for (const auto& e :
+         {entry(6, 1, "A+B.ICC"), entry(3, 2, "ABC.ICM", 4, 1, "Plist name"), entry(5, 4, "KEPT.ICM", 5, 2)})
         Tables::add(before.rgb, e);  // A+B.ICC refused: RGB closes up before new rows come in
     Tables::add(before.sim, entry(1, 1, "TOOLONGEXT.ICCX", 4, 3));
     ASSERT_EQ(before.write(), 0);
@@ -105,7 +107,8 @@ TEST_F(Spool, RebuildAfterACompleteWalkRemarksTakesAcceptedRowsAndDropsRefusedNa
     ASSERT_EQ(after.read(), 0);
     ASSERT_EQ(std::tuple(after.rgb.iNum, after.sim.iNum, after.dst.iNum), std::tuple(3, 1, 1));
     EXPECT_TRUE(same_bytes(after.rgb.Entry[0], before.rgb.Entry[1]));
-    EXPECT_EQ(std::tuple(after.rgb.Entry[1].InMenu, std::string(after.rgb.Entry[2].FileName)), std::tuple(4, "NEW.ICM"));
+    EXPECT_EQ(std::tuple(after.rgb.Entry[1].InMenu, std::string(after.rgb.Entry[2].FileName)),
+              std::tuple(4, "NEW.ICM"));
     const ProfileEntry &sim = after.sim.Entry[0], &dst = after.dst.Entry[0];
     EXPECT_EQ(std::tuple(std::string(sim.FileName), std::string(dst.FileName), dst.InMenu, dst.Location),
               std::tuple("SIMDST.ICC", "SIMDST.ICC", 2, 5));
@@ -118,7 +121,8 @@ TEST_F(Spool, RebuildAfterAFailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
     vRestructPlistSpool2Current(1);
     ASSERT_EQ(after.read(), 0);
     ASSERT_EQ(after.sim.iNum, 2);
-    EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)) && same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
+    EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)) &&
+                same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
 }
 
 }  // namespace

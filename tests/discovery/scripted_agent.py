@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
 "answers": {oid: {"oid", "value"} (no value: endOfMibView) or {"error": N}, "times": N optional} for GETNEXTs of oid,
-"silent_from": oid, "drop_every": K, "delay_every": [K, MS]. Logs requests, prints its port, serves until stdout closes."""
+"silent_from": oid, "drop_every": K, "delay_every": [K, MS]. Logs requests, prints its port, serves until stdout
+closes."""
 import heapq, json, select, socket, sys, time
 
 from pyasn1.codec.ber import decoder, encoder

@@ -21,7 +21,8 @@ const std::string kV1 = "-v1 -c public -t 0.2 -r 0", kV2c = "-v2c -c public -t 0
 std::string answer(const std::string& name, const std::string& step, int rows = 12) {
     return R"("rows": )" + std::to_string(rows) + R"(, "answers": {")" + name + "\": " + step + "}";
 }
-std::string variable(const std::string& oid, const std::string& rest = "") { return R"({"oid": ")" + oid + "\"" + rest + "}"; }
+std::string variable(const std::string& oid,
+                     const std::string& rest = "") { return R"({"oid": ")" + oid + "\"" + rest + "}"; }
 
 // Rows 0, 1, 2, 5, 9, 10, 501, 777 whole, row 3 with columns 1 and 4 only, row 7 without column 5.
 std::vector<std::string> gapped_table() {
@@ -50,8 +51,8 @@ std::vector<Case> cases() {
         {"snmpd with 500 rows", printer_table(500), "", kV1, kT, 0, 3000},
         {"snmpd with gaps, missing columns, rows outside 1..500", gapped_table(), "", kV1, kT, 0, 55},
         {"snmpd, -C xi: GET of the root counted first", printer_table(2), "", "-Cxi " + kV1, cell(1, 2), 0, 1},
-        {"snmpd, v3 authPriv", v3, "", "-v3 -l authPriv -u tzuser -a SHA -A tzpassword1 -x AES -X tzpassword1 -t 0.5 -r 0",
-         kT, 0, 72},
+        {"snmpd, v3 authPriv", v3, "",
+         "-v3 -l authPriv -u tzuser -a SHA -A tzpassword1 -x AES -X tzpassword1 -t 0.5 -r 0", kT, 0, 72},
         {"no root: MIB-2, left at once", {}, R"("rows": 12)", kV1, "", 0, 0},
         {"the root itself as the first answer", {}, answer(kT, variable(kT, R"(, "value": 1)")), kV1, kT, 1, 1},
         {"an OID that does not increase", {}, answer(cell(1, 3), same3), kV1, kT, 1, 4},
@@ -63,7 +64,8 @@ std::vector<Case> cases() {
         {"noSuchName halfway", {}, answer(cell(3, 7), R"({"error": 2})"), kV1, kT, 0, 31},
         {"no answer at all", {}, R"("rows": 12, "silent_from": "1")", kV1, kT, 1, 0},
         {"an agent that dies halfway", {}, R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", kV1, kT, 1, 42},
-        {"every third answer late, overtaken", {}, R"("rows": 12, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0", kT, 0, 72},
+        {"every third answer late, overtaken", {}, R"("rows": 12, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0",
+         kT, 0, 72},
         {"every second request dropped", {}, R"("rows": 12, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT, 0, 72},
     };
 }
@@ -108,7 +110,8 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
             const Observed many = walk_at(c, snmpd.get(), window);
             EXPECT_EQ(many.facts(), one.facts()) << "window " << window;
             EXPECT_TRUE(many.spool == one.spool && many.plist == one.plist) << "window " << window;
-            EXPECT_LE(many.requests, 4 * one.requests) << "a lossy agent is flooded: the window must fall back";  // 3x seen under load
+            EXPECT_LE(many.requests, 4 * one.requests)  // 3x seen under load
+                << "a lossy agent is flooded: the window must fall back";
         }
     }
 }
@@ -150,7 +153,8 @@ TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
     const ProfilePaths paths;
     const std::pair<std::vector<std::string>, int32_t> cases[] = {
         {{"-v1", "-c", "public"}, -1}, {{"-V"}, -2},  // no agent; version
-        {{"-v3", "-l", "authNoPriv", "-u", "u", "-a", "MD5", "-A", "short", "127.0.0.1:9"}, -2},  // no key: net-snmp's -3
+        // No key: net-snmp's -3.
+        {{"-v3", "-l", "authNoPriv", "-u", "u", "-a", "MD5", "-A", "short", "127.0.0.1:9"}, -2},
         {{"-v1", "-c", "public", "127.0.0.1:9", "1.3.not.an.oid"}, 1},
         {{"-v1", "-c", "public", "tcp:127.0.0.1:9", kT}, 1},  // no session
     };

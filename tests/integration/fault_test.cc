@@ -30,7 +30,8 @@ std::string walk_request(const std::string& user, const std::string& peer) {
 
 // The slots in use as Python's plistlib reads the file: "<category> <file> <InMenu>" lines.
 std::string slots_in_use(const std::string& path) {
-    const auto result = tz::test::run_command({"/usr/bin/python3", "-c", "import plistlib,sys\np=plistlib.load(open(sys.argv[1],'rb'))\n"
+    const auto result = tz::test::run_command({"/usr/bin/python3", "-c",
+        "import plistlib,sys\np=plistlib.load(open(sys.argv[1],'rb'))\n"
         "for c in ('RGB','SIM','DST'):\n  for i in range(500):\n    m=p[c]['InMenu']['InMenu%04d'%i]\n"
         "    if m: print(c,p[c]['FileName']['FileName%04d'%i],m)\n", path});
     return result.status == 0 ? result.out : "unreadable: " + result.err;
@@ -91,13 +92,13 @@ TEST(DiskFaults, AnUnwritablePreferencesFolderGetsNoFileAndWritesAnswerFalse) {
                   ::chmod(bus.prefs().c_str(), 0555);
                   auto client = tz::client::HelperClient::connect(bus.address(), nullptr);
                   const std::string url = file_url(bus.prefs() + "alice-T48Q-profile.plist");
-                  return client && reply_of(client->mib_walk(walk_request("alice", agent.peer()))) + reply_of(client->is_admin(bus.prefs() + "x.plist")) +
+                  return client && reply_of(client->mib_walk(walk_request("alice", agent.peer()))) +
+                                           reply_of(client->is_admin(bus.prefs() + "x.plist")) +
                                            reply_of(client->write_dictionary(write_request(url, "<plist/>"))) +
                                            reply_of(client->write_data(write_request(url, "AB"))) +
                                            reply_of(client->write_data_rename(url)) == "iRet=0FALSEFALSEFALSETRUE" &&
                                  fs::is_empty(bus.prefs()) ? 0 : 1;
-              }),
-              0);
+              }), 0);
 }
 
 TEST(DiskFaults, AFullDiskAnswersFalseAndTheNextSequenceOnTheSameTargetWorks) {
@@ -134,7 +135,8 @@ TEST(DiskFaults, AWriteCutShortLeavesNoScratchFileAndTheNextWriteRecovers) {
         ::signal(SIGXFSZ, SIG_IGN);
         ::_exit(::setrlimit(RLIMIT_FSIZE, &small) == 0 &&
                 call(&S::writeDataToPlistFile_XPC, write_request(url, std::string(32 * 1024, 'p'))) == "FALSE" &&
-                call(&S::writeDictionaryToPlistFile_XPC, write_request(url, std::string(96 * 1024, 't'))) == "FALSE" ? 0 : 1);
+                call(&S::writeDictionaryToPlistFile_XPC, write_request(url, std::string(96 * 1024, 't'))) == "FALSE"
+                ? 0 : 1);
     }
     EXPECT_EQ(tz::test::wait_status(child), 0);
     EXPECT_EQ(tz::test::read_file(target + ".dummy"), kept) << "the temporary file is as it was";

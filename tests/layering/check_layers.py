@@ -33,8 +33,7 @@ ALLOWED = {
     "service": {"discovery", "profile_store", "base", "protocol"},
     "dbus": {"service", "discovery", "profile_store", "base", "protocol"},
     "xpc": {"service", "base", "protocol"},
-    # The command-line client reads profile files itself and takes the bus
-    # names from the front's one list of them.
+    # The command-line client reads profile files itself and takes the bus names from the front's one list of them.
     "client": {"dbus", "profile_store", "base", "protocol"},
 }
 INCLUDE = re.compile(r'^\s*#\s*(?:include|import)\s+"([^"]+)"')

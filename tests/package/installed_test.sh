@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# The Debian packages as an administrator installs them and as users use them
-# (as root, on a machine that may be changed: CI's). Builds and lintians the
-# packages, installs them with dpkg -i, checks exist, the probe, a walk and the
-# PreferencesDirectory property as a member of lpadmin and as another user on
-# their own session buses, builds against the .pc file, verifies the user unit,
-# purges, and checks that nothing is left. Everything is undone on every way out.
+# The Debian packages as an administrator installs them and as users use them (as root, on a machine that may be
+# changed: CI's). Builds and lintians the packages, installs them with dpkg -i, checks exist, the probe, a walk and
+# the PreferencesDirectory property as a member of lpadmin and as another user on their own session buses, builds
+# against the .pc file, verifies the user unit, purges, and checks that nothing is left. Everything is undone on
+# every way out.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 root=$PWD

@@ -21,20 +21,24 @@ std::string json(const TZDictionary& dict) {
     std::string out = "{";
     for (const auto& [key, v] : dict.entries)
         out += (out.size() > 1 ? ", " : "") + quoted(key) + ": " +
-               (v.kind == plist::Kind::Integer ? std::to_string(v.integer) : v.kind == plist::Kind::String ? quoted(v.text)
-                : v.kind == plist::Kind::Dict  ? json(*v.dict) : "\"?\"");
+            (v.kind == plist::Kind::Integer ? std::to_string(v.integer) : v.kind == plist::Kind::String ? quoted(v.text)
+             : v.kind == plist::Kind::Dict  ? json(*v.dict) : "\"?\"");
     return out + "}";
 }
-std::string json_of(const std::string& bytes) { const DictRef root = plist::parse(bytes); return root ? json(*root) : "refused"; }
+std::string json_of(const std::string& bytes) {
+    const DictRef root = plist::parse(bytes); return root ? json(*root) : "refused";
+}
 std::string v(const std::string& body) { return "<plist><dict><key>v</key>" + body + "</dict></plist>"; }
 std::string be(uint64_t value, int bytes, std::string out = "") {
     for (int s = 8 * (bytes - 1); s >= 0; s -= 8) out += static_cast<char>(value >> s);
     return out;
 }
 // A binary list of the given objects, object 0 the root; references and offsets `w` bytes wide.
-std::string bplist(const std::vector<std::string>& objects, int w = 4, std::string out = "bplist00", std::string table = "") {
+std::string bplist(const std::vector<std::string>& objects, int w = 4, std::string out = "bplist00",
+                   std::string table = "") {
     for (const std::string& o : objects) table += be(out.size(), w), out += o;
-    return out + table + std::string(6, '\0') + be(w, 1) + be(w, 1) + be(objects.size(), 8) + be(0, 8) + be(out.size(), 8);
+    return out + table + std::string(6, '\0') + be(w, 1) + be(w, 1) + be(objects.size(), 8) + be(0, 8) +
+           be(out.size(), 8);
 }
 // One dictionary, its keys and values given as objects ("\x51u" is "u", "\x10\x05" the integer 5).
 std::string binary_dict(const Items& items, int w = 4) {
@@ -43,12 +47,15 @@ std::string binary_dict(const Items& items, int w = 4) {
     for (const bool keys : {true, false}) for (const auto& [key, value] : items) objects.push_back(keys ? key : value);
     return bplist(objects, w);
 }
-// {"a": x, "b": [x]} or the reverse; x: n arrays (or dicts), each referring `refs` times to the next, the last to x if cyclic.
+// {"a": x, "b": [x]} or the reverse; x: n arrays (or dicts), each referring `refs` times to the next, the last to x
+// if cyclic.
 std::string chain(uint32_t n, int refs = 1, bool cycle = false, bool dicts = false, bool wrapped_first = false) {
-    std::vector<std::string> o{"\xD2" + be(1, 4) + be(2, 4) + be(wrapped_first ? 3 : 4, 4) + be(wrapped_first ? 4 : 3, 4), "\x51" "a", "\x51" "b", "\xA1" + be(4, 4)};
+    std::vector<std::string> o{"\xD2" + be(1, 4) + be(2, 4) + be(wrapped_first ? 3 : 4, 4) +
+                                   be(wrapped_first ? 4 : 3, 4), "\x51" "a", "\x51" "b", "\xA1" + be(4, 4)};
     for (uint32_t i = 0; i + 1 < n; ++i)
         for (int r = 0; r < refs; ++r)
-            (r ? o.back() : o.emplace_back(dicts ? "\xD1" + be(1, 4) : std::string(1, static_cast<char>(0xA0 + refs)))) += be(5 + i, 4);
+            (r ? o.back() : o.emplace_back(dicts ? "\xD1" + be(1, 4) : std::string(1, static_cast<char>(0xA0 + refs))))
+                += be(5 + i, 4);
     o.push_back(cycle ? "\xA1" + be(4, 4) : dicts ? "\xD0" : "\xA0");
     return bplist(o);
 }
@@ -59,7 +66,8 @@ std::string xml_dicts(int n, std::string open = "<plist>", std::string close = "
 
 TEST(CodecValues, XmlReadSkippedAndRefusedAndUtf8Validation) {
     std::string utf16 = "\xFF\xFE";
-    for (char c : "<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + v("<string>x</string>")) utf16 += std::string{c, '\0'};
+    for (char c : "<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + v("<string>x</string>"))
+        utf16 += std::string{c, '\0'};
     Items rows = {
         {v("<integer> -5\n</integer>"), R"({"v": -5})"}, {v("<integer>+0x1F</integer>"), R"({"v": 31})"},
         {v("<integer>-9223372036854775808</integer>"), R"({"v": -9223372036854775808})"},
@@ -76,13 +84,15 @@ TEST(CodecValues, XmlReadSkippedAndRefusedAndUtf8Validation) {
                               "<integer>0x</integer>", "<true/>", "<data>AAE=</data>", "<array><dict/></array>",
                               "<string>a<b/>c</string>", "<keys/>"})
         rows.emplace_back(v(other), R"({"v": "?"})");
-    for (const char* malformed : {"", "<key>a</key>", "<integer>1</integer><integer>2</integer>", "<integer>1</integer></plist>",
-                                  "<dict><key>x</key></dict>", "<string>caf\xE9</string>", "<string>\xF4\x90\x80\x80</string>",
-                                  "<string>&#xD800;</string>", "<string>&#x110000;</string>", "<dict><key>\xC3</key><integer>1</integer></dict>",
-                                  "<dict><key>k<b/></key><integer>1</integer></dict>"})
+    for (const char* malformed : {
+         "", "<key>a</key>", "<integer>1</integer><integer>2</integer>", "<integer>1</integer></plist>",
+         "<dict><key>x</key></dict>", "<string>caf\xE9</string>", "<string>\xF4\x90\x80\x80</string>",
+         "<string>&#xD800;</string>", "<string>&#x110000;</string>", "<dict><key>\xC3</key><integer>1</integer></dict>",
+         "<dict><key>k<b/></key><integer>1</integer></dict>"})
         rows.emplace_back(v(malformed), "refused");
     for (const auto& [bytes, expected] : rows) EXPECT_EQ(json_of(bytes), expected) << bytes;
-    const char* good[] = {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"};
+    const char* good[] = {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEF\xBF\xBF", "\xF0\x90\x80\x80",
+                          "\xF4\x8F\xBF\xBF"};
     const char* bad[] = {"\xC3", "\xC1\xBF", "\xC0\xAF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
                          "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xC3\xC0", "\xE2\x82\xC0", "\xE9"};
     for (const std::string ascii : {"", "12345678", "123456789"}) {  // the validator skips ASCII 8 bytes at a time
@@ -104,8 +114,10 @@ TEST(CodecParity, PlistlibReadsWhatIsWrittenAndWritesWhatIsRead) {
     for (const char* text : {"a\x01" "b", "caf\xE9", "a\xEF\xBF\xBE", "a\xEF\xBF\xBF"})  // no XML text
         root->set_string(text, "x"), root->set_string(std::string("t") + text, text);
     root->set_string(std::string("z\0", 2), "x"), root->set_string("zero", std::string("a\0b", 3));
-    const std::string expected = R"({"PlistVersion": 1, "inner": {"cr": "a\rb\r\nc", "empty": "", "escaped": "a & b < c > d \"q\" 'a'", )"
-                                 "\"kept\": \"\xEF\xBF\xBD \xEF\xB7\x90 \xF4\x8F\xBF\xBF\", \"max\": 9223372036854775807, \"min\": -9223372036854775808, \"nothing\": {}}}";
+    const std::string expected =
+        R"({"PlistVersion": 1, "inner": {"cr": "a\rb\r\nc", "empty": "", "escaped": "a & b < c > d \"q\" 'a'", )"
+        "\"kept\": \"\xEF\xBF\xBD \xEF\xB7\x90 \xF4\x8F\xBF\xBF\", \"max\": 9223372036854775807, "
+        "\"min\": -9223372036854775808, \"nothing\": {}}}";
     const TempDir dir;
     const std::string ours = dir.file("o.plist"), b = dir.file("b.plist");
     ASSERT_TRUE(plist::write_file(ours.c_str(), *root));
@@ -120,7 +132,8 @@ plistlib.dump(tree, open(sys.argv[2], 'wb'), fmt=plistlib.FMT_BINARY)
     const std::string xml = read_file(ours), bytes = read_file(b);  // cut or damaged: refused, or read safely
     for (size_t cut = 0; cut < xml.rfind("</plist>"); ++cut) EXPECT_FALSE(plist::parse(xml.substr(0, cut)));
     for (size_t cut = 0; cut < bytes.size(); ++cut) (void)plist::parse(bytes.substr(0, cut));
-    for (size_t at = bytes.size() - 40; at < bytes.size(); ++at) (void)plist::parse(bytes.substr(0, at) + '\xFF' + bytes.substr(at + 1));
+    for (size_t at = bytes.size() - 40; at < bytes.size(); ++at)
+        (void)plist::parse(bytes.substr(0, at) + '\xFF' + bytes.substr(at + 1));
     EXPECT_FALSE(plist::write_file(dir.file("no/such.plist").c_str(), *root) || plist::write_file("/dev/full", *root));
     ASSERT_EQ(::truncate(ours.c_str(), 100 << 20), 0);  // sparse, 100 MB
     EXPECT_FALSE(plist::read_file(ours.c_str()) || plist::read_file(dir.path().c_str()));
@@ -132,10 +145,13 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
     const std::string a = "\x51" "a", five = "\x10\x05";
     for (const auto& [value, read] : {std::pair{wide(0, ~0ull), "\"?\""}, {wide(0, 1ull << 63), "\"?\""},
                                       {wide(~0ull, 0), "\"?\""}, {wide(~0ull, ~0ull), "-1"}})
-        EXPECT_EQ(json_of(binary_dict({{a, five}, {"\x51v", value}, {"\x51z", "\x51x"}})), R"({"a": 5, "v": )" + std::string(read) + R"(, "z": "x"})");
+        EXPECT_EQ(json_of(binary_dict({{a, five}, {"\x51v", value}, {"\x51z", "\x51x"}})),
+                  R"({"a": 5, "v": )" + std::string(read) + R"(, "z": "x"})");
     const std::pair<Items, std::string> rows[] = {
-        {{{a, wide(~0ull, 1ull << 63)}}, R"({"a": -9223372036854775808})"}, {{{a, wide(0, INT64_MAX)}}, R"({"a": 9223372036854775807})"},
-        {{{a, "\x13" + be(~0ull - 4, 8)}}, R"({"a": -5})"}, {{{"\x5F\x13" + be(15, 8) + "fifteen letters", five}}, R"({"fifteen letters": 5})"},  // 8-byte widths
+        {{{a, wide(~0ull, 1ull << 63)}}, R"({"a": -9223372036854775808})"},
+        {{{a, wide(0, INT64_MAX)}}, R"({"a": 9223372036854775807})"},
+        {{{a, "\x13" + be(~0ull - 4, 8)}}, R"({"a": -5})"},  // 8-byte widths, this row and the next
+        {{{"\x5F\x13" + be(15, 8) + "fifteen letters", five}}, R"({"fifteen letters": 5})"},
         {{{a, wide(0, ~0ull)}, {a, "\x10\x07"}}, R"({"a": 7})"},  // each value matched to its own object
         {{{a, "\x10\x07"}, {a, wide(0, ~0ull)}}, R"({"a": "?"})"}, {{{std::string("\x61\0a", 3), five}}, R"({"a": 5})"},
         {{{"\x10\x75", five}}, "refused"}, {{{std::string("\x51\0", 2), five}}, "refused"},  // keys libplist aborts on
@@ -152,11 +168,14 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
     std::string arrays = "<plist><dict><key>a</key>";
     for (int i = 0; i < 200000; ++i) arrays += i < 100000 ? "<array>" : "</array>";
     EXPECT_EQ(json_of(arrays + "</dict></plist>"), R"({"a": "?"})");  // arrays are not descended
-    for (const std::string& bytes : {chain(126), chain(126, 1, false, false, true)}) EXPECT_EQ(json_of(bytes), R"({"a": "?", "b": "?"})");
-    const auto unknown = [](const std::string& text) { return std::count(text.begin(), text.end(), '?'); };  // "b" is one
+    for (const std::string& bytes : {chain(126), chain(126, 1, false, false, true)})
+        EXPECT_EQ(json_of(bytes), R"({"a": "?", "b": "?"})");
+    // "b" is one.
+    const auto unknown = [](const std::string& text) { return std::count(text.begin(), text.end(), '?'); };
     EXPECT_TRUE(unknown(json_of(chain(63, 1, false, true))) == 1 && unknown(json_of(chain(64, 1, false, true))) == 2);
     // Refused before libplist, whose reader recurses once per level and expands shared objects.
-    for (const std::string& bytes : {chain(127), chain(1000000), chain(60, 2), chain(5, 1, true)}) EXPECT_FALSE(plist::parse(bytes));
+    for (const std::string& bytes : {chain(127), chain(1000000), chain(60, 2), chain(5, 1, true)})
+        EXPECT_FALSE(plist::parse(bytes));
 }
 
 }  // namespace

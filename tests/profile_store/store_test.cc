@@ -16,7 +16,8 @@ std::string dict_xml(const Doc& doc, const std::string& prefix = "") {
     std::string out = "<dict>";
     for (auto it = doc.lower_bound(prefix); it != doc.end() && it->first.rfind(prefix, 0) == 0;) {
         const std::string rest = it->first.substr(prefix.size()), key = rest.substr(0, rest.find('/'));
-        if (!rest.empty()) out += "<key>" + key + "</key>" + (key == rest ? it->second : dict_xml(doc, prefix + key + "/"));
+        if (!rest.empty())
+            out += "<key>" + key + "</key>" + (key == rest ? it->second : dict_xml(doc, prefix + key + "/"));
         do ++it; while (key != rest && it != doc.end() && it->first.rfind(prefix + key + "/", 0) == 0);
     }
     return out + "</dict>";
@@ -58,8 +59,8 @@ TEST_F(Store, ReadChecksPresenceBeforeAnyTableIsWritten) {
             if (*value) d[cut] = value;
             write_doc(d);
             const int32_t c = cut == "RGB" ? 0 : cut == "SIM" ? 1 : 2;
-            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, c) == -1 && TZPListReadProfile_Dict_Pap(&rgb, c) == -1 &&
-                        same_bytes(rgb, before)) << cut << value;
+            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, c) == -1 &&
+                        TZPListReadProfile_Dict_Pap(&rgb, c) == -1 && same_bytes(rgb, before)) << cut << value;
         }
     }
 }
@@ -71,35 +72,42 @@ TEST_F(Store, ReadValuesCountCheckAndCategoryReads) {
                  {"SIM", {{0, entry(1, 1, "A")}, {1, entry(2, 1, "B")}, {7, entry(8, 1, "H")}}},
                  {"DST", {{0, entry(1, 1, "A")}, {7, entry(8, 1, "H")}}}});
     for (const auto& [path, value] : Doc{
-             {"IndexOnDevice/IndexOnDevice0000", "<string>12</string>"}, {"FileName/FileName0000", "<integer>7</integer>"},
-             {"Location/Location0000", "<integer>4294967301</integer>"}, {"ProfileClass/ProfileClass0000", "<true/>"},
-             {"ProfileClass/ProfileClass0001", "<integer>2147483648</integer>"}, {"ProfileClass/ProfileClass0002", "<integer>-2147483649</integer>"},
-             {"ProfileName/ProfileName0001", "<string>" + name + "</string>"}})
+         {"IndexOnDevice/IndexOnDevice0000", "<string>12</string>"}, {"FileName/FileName0000", "<integer>7</integer>"},
+         {"Location/Location0000", "<integer>4294967301</integer>"}, {"ProfileClass/ProfileClass0000", "<true/>"},
+         {"ProfileClass/ProfileClass0001", "<integer>2147483648</integer>"},
+         {"ProfileClass/ProfileClass0002", "<integer>-2147483649</integer>"},
+         {"ProfileName/ProfileName0001", "<string>" + name + "</string>"}})
         d["RGB/" + path] = value;
     d.erase("RGB/ProfileName/ProfileName0000");
-    d["SIM/iNum"] = "<integer>5</integer>", d["DST/iNum"] = "<integer>2</integer>";  // SIM: 0, 1, 7 in use; DST agrees
+    // SIM: 0, 1, 7 in use; DST agrees.
+    d["SIM/iNum"] = "<integer>5</integer>", d["DST/iNum"] = "<integer>2</integer>";
     d["SIM/InMenu/InMenu0500"] = d["SIM/InMenu/InMenu7"] = "<integer>3</integer>";  // no slot keys
     write_doc(d);
-    ASSERT_EQ((fill(rgb, {entry(8, 0, "KEEP", 6, 2, "kept"), entry(0, 0, "", 0, 9, "xx"), entry(0, 0, "", 0, 7)}, 0), read()), 0);
+    ASSERT_EQ((fill(rgb, {entry(8, 0, "KEEP", 6, 2, "kept"), entry(0, 0, "", 0, 9, "xx"), entry(0, 0, "", 0, 7)}, 0),
+               read()), 0);
     EXPECT_TRUE(same_bytes(rgb.Entry[0], entry(8, 2, "KEEP", 6, 2, "kept")));
     EXPECT_TRUE(same_bytes(rgb.Entry[1], entry(INT32_MIN, 1, "B", INT32_MAX, 9, name.substr(0, 31).c_str())));
     EXPECT_TRUE(rgb.Entry[2].ProfileClass == 7 && rgb.iNum == 3);  // no "iNum": the count check sets it
-    EXPECT_TRUE(sim.iNum == 3 && same_bytes(sim.Entry[7], ProfileEntry{}) && dst.iNum == 2 && dst.Entry[7].InMenu == 1);  // the gap stays
+    EXPECT_TRUE(sim.iNum == 3 && same_bytes(sim.Entry[7], ProfileEntry{}) &&  // the gap stays
+                dst.iNum == 2 && dst.Entry[7].InMenu == 1);
 
     // The category reads need only their category; the Pap read drops file slots marked 2 and stores 4 as 6.
     rgb = {}, sim = {};
     write_doc(doc({{"SIM", {{0, entry(5, 1, "S")}}}}));
     for (int32_t selector : {0, 2, 3, -1}) EXPECT_EQ(TZPListReadProfile_Dict(&rgb, selector), -1);
-    EXPECT_TRUE(same_bytes(rgb, ProfileTable{}) && TZPListReadProfile_Dict(&rgb, TZ_CATEGORY_SIM) == 0 && rgb.Entry[0].IndexOnDevice == 5);
+    EXPECT_TRUE(same_bytes(rgb, ProfileTable{}) && TZPListReadProfile_Dict(&rgb, TZ_CATEGORY_SIM) == 0 &&
+                rgb.Entry[0].IndexOnDevice == 5);
 
     d = doc({{"RGB", {{0, entry(1, 1, "F0")}, {1, entry(2, 2, "F1")}, {2, entry(3, 4, "F2")}, {3, entry(4, 3, "F3")},
                           {4, entry(5, 6, "F4")}}}});
-    d["RGB/FileName/FileName0005"] = "<string>F5</string>", d["RGB/iNum"] = "<integer>5</integer>";  // slot 5 has no InMenu
+    d["RGB/FileName/FileName0005"] = "<string>F5</string>",  // slot 5 has no InMenu
+        d["RGB/iNum"] = "<integer>5</integer>";
     write_doc(d);
     rgb.Entry[4].InMenu = 9, rgb.Entry[499] = entry(0, 1, "LAST");  // not written: the count check clears it
     ASSERT_EQ(TZPListReadProfile_Dict_Pap(&rgb, TZ_CATEGORY_RGB), 0);
     const char *files[] = {"F0", "F2", "F3", "F4", "F5"}, *marks = "16369";
-    for (int n = 0; n < 5; ++n) EXPECT_TRUE(rgb.Entry[n].InMenu == marks[n] - '0' && !strcmp(rgb.Entry[n].FileName, files[n]));
+    for (int n = 0; n < 5; ++n)
+        EXPECT_TRUE(rgb.Entry[n].InMenu == marks[n] - '0' && !strcmp(rgb.Entry[n].FileName, files[n]));
     EXPECT_TRUE(rgb.iNum == 6 && rgb.Entry[499].FileName[0] == '\0');
 }
 
@@ -119,7 +127,8 @@ TEST_F(Store, WriteRoundTripsCategoryWriteAndTheFile) {
         std::unique_ptr<ProfileTable> outs[] = {table(), table(), table()};
         ASSERT_EQ(TZPListWriteProfile_Dict(x.get(), c, outs[0].get(), outs[1].get(), outs[2].get()) + read(), 0);
         for (int t = 0; t < 3; ++t)
-            EXPECT_TRUE(same_bytes(*outs[t], t == c ? *x : *std::array{r.get(), s.get(), d.get()}[t]) && same_bytes(*tables[t], *outs[t]));
+            EXPECT_TRUE(same_bytes(*outs[t], t == c ? *x : *std::array{r.get(), s.get(), d.get()}[t]) &&
+                        same_bytes(*tables[t], *outs[t]));
     }
     const std::string before = read_file(current);
     EXPECT_TRUE(TZPListWriteProfile_Dict(x.get(), 3, nullptr, nullptr, nullptr) == -1 && read_file(current) == before);
@@ -139,10 +148,12 @@ TEST_F(Store, WriteRoundTripsCategoryWriteAndTheFile) {
 
 TEST(Mapping, DeviceEntriesFirstThenTheNewTable) {
     const std::vector<ProfileEntry> cur = {
-        entry(1, 2, "DEV"), entry(2, 1, "USER"), entry(3, 4, "BOTH"),  // USER not device-marked; BOTH: the new copy wins
+        // USER not device-marked; BOTH: the new copy wins.
+        entry(1, 2, "DEV"), entry(2, 1, "USER"), entry(3, 4, "BOTH"),
         entry(4, 2, "EXCL"), entry(5, 2, "EXCL", 5),                   // excluded; another Location is not
         entry(6, 2, "DEV"), entry(7, 4, "NEXT"), entry(8, 2, "PAST")};  // duplicates kept; beyond iNum
-    const auto current = table(cur, 7), result = table(), exclusion = table({entry(0, 0, "EXCL"), entry(0, 0, "DEV")}, 1);
+    const auto current = table(cur, 7), result = table(),
+               exclusion = table({entry(0, 0, "EXCL"), entry(0, 0, "DEV")}, 1);
     const auto fresh = table({entry(0, 1, "NEW"), entry(0, 3, "BOTH", 4, 2, "new copy"), entry(0, 1, "NEXT")}, 2);
     exclusion->Entry[0].FileName[20] = 'z';  // bytes after the terminator do not count
     TZPListMapping_Pap(fresh.get(), current.get(), result.get(), exclusion.get());
@@ -172,12 +183,14 @@ TEST_F(Store, PapWriteAndTheFileDictionaries) {
     for (TZDictionary* c : cats) TZDictionaryRelease(TZDictionaryRetain(c)), TZDictionaryRelease(c);
     write_file(previous, "<plist><dict><key>RGB</key><dict/><key>DST</key><dict/></dict></plist>");
     for (const std::string& path : {previous, current + "x"})  // no SIM; no file
-        EXPECT_EQ((TZ_PLIST_PROFILE_PATH = path.c_str(), TZPListMappingGetMainDict_FromPlist(&cats[0], &cats[1], &cats[2])), -1);
+        EXPECT_EQ((TZ_PLIST_PROFILE_PATH = path.c_str(),
+                   TZPListMappingGetMainDict_FromPlist(&cats[0], &cats[1], &cats[2])), -1);
     TZDictionaryRelease(cats[0]), point();
 
     const auto mine = table({entry(9, 3, "R-DEV4", 4, 3, "from caller")}, 1), none = table();
     const auto exclusion = table({entry(0, 0, "S-DEV")}, 1), r = table();
-    ASSERT_EQ(TZPListWriteProfile_All_Pap(mine.get(), none.get(), none.get(), exclusion.get(), none.get(), none.get()), 0);
+    ASSERT_EQ(TZPListWriteProfile_All_Pap(mine.get(), none.get(), none.get(), exclusion.get(), none.get(),
+                                          none.get()), 0);
     ASSERT_EQ(read(), 0);  // excluding S-DEV from RGB has no effect on SIM
     EXPECT_TRUE(rgb.iNum == 2 && !strcmp(rgb.Entry[0].FileName, "R-DEV") && same_bytes(rgb.Entry[1], mine->Entry[0]));
     EXPECT_TRUE(sim.iNum == 1 && !strcmp(sim.Entry[0].FileName, "S-DEV"));
@@ -197,7 +210,8 @@ TEST(TidyPasses, CleanPaddingAndSalvage) {
 
     t = {};  // padding compacts in order, leaves ProfileClass behind, and moves no free slot
     const ProfileEntry c = entry(1, 1, "C", 4, 11), f = entry(2, 2, "F", 4, 12), j = entry(3, 3, "J", 5, 13);
-    fill(t, {entry(0, 0, "STALE"), {}, c, {}, {}, f, {}, {}, {}, {}, {}, {}, entry(0, 0, "TAIL", 0, 0)}, 42).Entry[499] = j;
+    fill(t, {entry(0, 0, "STALE"), {}, c, {}, {}, f, {}, {}, {}, {}, {}, {}, entry(0, 0, "TAIL", 0, 0)},
+         42).Entry[499] = j;
     TZPListPaddingProfile_Dict(&t);
     EXPECT_TRUE(same_bytes(t.Entry[0], c) && same_bytes(t.Entry[1], f) && same_bytes(t.Entry[2], j));
     EXPECT_TRUE(same_bytes(t.Entry[5], entry(0, 0, "", 0, 12)) && same_bytes(t.Entry[499], entry(0, 0, "", 0, 13)));
@@ -219,7 +233,8 @@ TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
     for (int selector : {0, 1, 4, -1}) EXPECT_EQ(TZPListRemove(selector), 0);
     EXPECT_TRUE(TZPListRemove(2) == 1 && !exists(previous) && exists(current));
     EXPECT_TRUE(TZPListRemove(3) == 1 && TZPListRemove(3) == 0);
-    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = "/nonexistent-tz-folder/x.plist";  // a folder that is not there
+    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH =
+        "/nonexistent-tz-folder/x.plist";  // a folder that is not there
     EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + TZPListRemove(3) + TZPListRemove(2), 0);
     EXPECT_TRUE(write() == -1 && TZPListWriteProfile_All_Pap(&rgb, &sim, &dst, &rgb, &sim, &dst) == -1);
     TZ_PLIST_PROFILE_PATH = nullptr;  // unset: no path to probe

@@ -1,6 +1,5 @@
-// Runs a check in a child process that, when the tests run as root, first
-// drops to an unprivileged user (nobody), so that permission bits really stop
-// open(). The child's result comes back as its exit status.
+// Runs a check in a child process that, when the tests run as root, first drops to an unprivileged user (nobody),
+// so that permission bits really stop open(). The child's result comes back as its exit status.
 #pragma once
 
 #include <grp.h>
@@ -19,9 +18,8 @@ inline uid_t unprivileged_uid() {
     return nobody != nullptr ? nobody->pw_uid : 65534;
 }
 
-// Runs `check` in a forked child as the unprivileged user and returns what it
-// returned, or -1 if the child could not run or died. Files the check must be
-// able to reach need to be accessible to that user (see TempDir permissions).
+// Runs `check` in a forked child as the unprivileged user and returns what it returned, or -1 if the child could
+// not run or died. Files the check must be able to reach need to be accessible to that user (see TempDir permissions).
 inline int run_unprivileged(const std::function<int()>& check) {
     const pid_t child = ::fork();
     if (child < 0) return -1;

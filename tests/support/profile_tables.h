@@ -51,7 +51,8 @@ inline std::string run_python(const std::string& code, const std::string& args) 
     FILE* pipe = ::popen(("/usr/bin/python3 " + dir.file("script.py") + " " + args).c_str(), "r");
     std::string out;
     char buffer[4096];
-    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, got);
+    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        out.append(buffer, got);
     if (pipe == nullptr || ::pclose(pipe) != 0) out += "\n(python failed)";
     return out;
 }

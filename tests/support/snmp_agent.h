@@ -20,13 +20,15 @@
 
 namespace tz::test {
 
-inline std::string override_integer(std::string_view oid, long n) { return "override " + std::string(oid) + " integer " + std::to_string(n); }
+inline std::string override_integer(std::string_view oid,
+                                    long n) { return "override " + std::string(oid) + " integer " + std::to_string(n); }
 inline std::string override_string(std::string_view oid, std::string_view text) {  // no quotation mark, no line break
     return "override " + std::string(oid) + " octet_str \"" + std::string(text) + "\"";
 }
 
 inline const std::string kProfileTable = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1";
-inline std::string cell(int column, int row) { return kProfileTable + "." + std::to_string(column) + ".1." + std::to_string(row); }
+inline std::string cell(int column,
+                        int row) { return kProfileTable + "." + std::to_string(column) + ".1." + std::to_string(row); }
 
 // Columns 1 to 5 and 7 (available) of one row of the printer's table.
 inline std::vector<std::string> printer_row(int row, int source, const std::string& file, int cls) {
@@ -39,7 +41,8 @@ inline std::vector<std::string> printer_row(int row, int source, const std::stri
 inline std::vector<std::string> printer_table(int rows) {
     std::vector<std::string> lines;
     for (int r = 1; r <= rows; ++r)
-        for (auto& line : printer_row(r, 4 + r % 2, "PRF" + std::to_string(100000 + r).substr(1) + ".ICC", (r - 1) % 3 + 1))
+        for (auto& line :
+             printer_row(r, 4 + r % 2, "PRF" + std::to_string(100000 + r).substr(1) + ".ICC", (r - 1) % 3 + 1))
             lines.push_back(line);
     return lines;
 }
@@ -87,7 +90,8 @@ public:
     bool running() const { return pid_ > 0; }
     void stop() { if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0) ::waitpid(pid_, nullptr, 0); pid_ = -1; }
     std::string log() const { return exists(dir_.file("snmpd.log")) ? read_file(dir_.file("snmpd.log")) : "(none)"; }
-    std::vector<std::string> client_environment() const { return environment(dir_.file("client"), dir_.file("client")); }
+    std::vector<std::string> client_environment() const { return environment(dir_.file("client"),
+                                                                              dir_.file("client")); }
 
 private:
     std::vector<std::string> environment(const std::string& config, const std::string& state) const {
@@ -96,8 +100,9 @@ private:
     // Leaves pid_ at -1 when snmpd exits (port taken) or does not answer 150 GETs of 0.2 s.
     void start(uint16_t port) {
         port_ = port;
-        const pid_t pid = spawn_quiet({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf", dir_.file("snmpd.log"),
-                                       "udp:" + peer()}, environment(dir_.path().string(), dir_.file("persist")));
+        const pid_t pid = spawn_quiet({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf",
+                                       dir_.file("snmpd.log"), "udp:" + peer()},
+                                      environment(dir_.path().string(), dir_.file("persist")));
         for (int i = 0; pid > 0 && i < 150; ++i) {
             if (::waitpid(pid, nullptr, WNOHANG) == pid) return;  // it gave up
             const pid_t get = spawn_quiet({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", peer(),

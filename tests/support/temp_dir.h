@@ -50,8 +50,7 @@ inline std::string read_file(const std::string& path) {
 
 inline bool exists(const std::string& path) {
     std::error_code ignored;
-    return std::filesystem::symlink_status(path, ignored).type() !=
-           std::filesystem::file_type::not_found;
+    return std::filesystem::symlink_status(path, ignored).type() != std::filesystem::file_type::not_found;
 }
 
 }  // namespace tz::test

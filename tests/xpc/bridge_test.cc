@@ -14,7 +14,8 @@ namespace {
 using Bridge = TZBridgeResult (*)(const char*, size_t);
 
 std::string outcome(const TZBridgeResult& r) {
-    return std::string(r.outcome == TZ_BRIDGE_REPLY ? "" : r.outcome == TZ_BRIDGE_RANGE_EXCEPTION ? "range: " : "none: ") + r.text;
+    return std::string(r.outcome == TZ_BRIDGE_REPLY ? ""
+                       : r.outcome == TZ_BRIDGE_RANGE_EXCEPTION ? "range: " : "none: ") + r.text;
 }
 
 std::string utf8(const std::u16string& text) {
@@ -26,7 +27,8 @@ std::string utf8(const std::u16string& text) {
 
 TEST(Bridge, EachFunctionReachesItsOwnOperation) {
     const std::string nul("a\0b", 3), range = "range: request: missing marker before \":AddURL:END\"";
-    const auto W = [](const std::string& n, const std::string& t) { return protocol::write_request("file://@" + n, t); };
+    const auto W =
+        [](const std::string& n, const std::string& t) { return protocol::write_request("file://@" + n, t); };
     // Each row's reply or folder after tells its operation from the others.
     const struct { Bridge bridge; std::string before, request, reply, after; } rows[] = {
         {TZBridge_tzPListIsAdminProfile_XPC, "", "@new", "TRUE", ""},
@@ -40,7 +42,8 @@ TEST(Bridge, EachFunctionReachesItsOwnOperation) {
         {TZBridge_writeDictionaryToPlistFile_XPC, "t=kept", "file://@t<plist/>", range, "t=kept"},
         {TZBridge_writeDataToPlistFile_XPC, "", "file://@t<plist/>", range, ""},
         // More arguments than the walk takes: refused before any SNMP work.
-        {TZBridge_mibwalk_XPC, "", protocol::walk_request("M", "u", std::vector<std::string>(512, "-v")), "iRet=-1", ""},
+        {TZBridge_mibwalk_XPC, "", protocol::walk_request("M", "u", std::vector<std::string>(512, "-v")),
+         "iRet=-1", ""},
     };
     for (const auto& row : rows) {
         TempDir dir;
@@ -67,7 +70,8 @@ TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
         {u"\xD800\xE000", "\xED\xA0\x80\xEE\x80\x80"},      // just above the lows
         {u"\xD83D\xD83D\xDE00!", "\xED\xA0\xBD\xF0\x9F\x98\x80!"},  // a high before a pair
     };
-    for (const auto& row : rows) EXPECT_EQ(utf8(row.units), row.bytes) << ::testing::PrintToString(std::vector<int>(row.units.begin(), row.units.end()));
+    for (const auto& row : rows) EXPECT_EQ(utf8(row.units), row.bytes)
+        << ::testing::PrintToString(std::vector<int>(row.units.begin(), row.units.end()));
     EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
 }
 

@@ -22,9 +22,11 @@ MUTATIONS = [  # (file, text, its replacement, the complaint the check must make
      "protocol methods"),
     ("tz_xpc_service.h", DECL % SELECTORS[5], DECL.replace("NSString *reply", "NSData *reply") % SELECTORS[5],
      "protocol extended types"),
-    ("tz_xpc_service.mm", "- (void)tzPListExistProfile_XPC", "- (BOOL)tzPListExistProfile_XPC", "service class methods"),
+    ("tz_xpc_service.mm", "- (void)tzPListExistProfile_XPC", "- (BOOL)tzPListExistProfile_XPC",
+     "service class methods"),
     ("tz_xpc_service.mm", IMPL, IMPL[:-1] + " {\n    int requests;\n}\n", "service class ivars"),
-    ("tz_xpc_service.h", "<%s>\n@end" % PROTOCOL, "<%s>\n@property int count;\n@end" % PROTOCOL, "service class properties"),
+    ("tz_xpc_service.h", "<%s>\n@end" % PROTOCOL, "<%s>\n@property int count;\n@end" % PROTOCOL,
+     "service class properties"),
 ]
 
 
@@ -59,7 +61,8 @@ def check(objects, objdump):  # the problems found in the objects
             name, _, block = block.partition("\n")
             classes[name] = block.split("\nMeta Class\n")  # the class, then its metaclass
         protocols += protocol_records(objdump, obj)
-    expect = lambda what, got, wanted: problems.extend([] if got == wanted else ["%s: %s, expected %s" % (what, got, wanted)])
+    expect = lambda what, got, wanted: problems.extend(
+        [] if got == wanted else ["%s: %s, expected %s" % (what, got, wanted)])
     field = lambda text, key, at=0: [v.split()[at] for v in re.findall(r"^\s*%s (.*)$" % key, text, re.M)]
     methods = lambda text, opened_by, closed_by: re.findall(
         r"name 0x\w+ (\S+)\n\s*types 0x\w+ (\S+)", between(text, " %s " % opened_by, " %s " % closed_by))
@@ -87,7 +90,8 @@ def main(mode, clang, objdump, front):
         with tempfile.TemporaryDirectory() as tmp:
             sources = Path(shutil.copytree(front, Path(tmp, "xpc")) if name else front)
             if name: (sources / name).write_text((sources / name).read_text().replace(old, new))
-            flags = (["-w"] if name else ["-Wall", "-Wextra", "-Werror"]) + ["-I", sources, "-I", Path(front).resolve().parent]
+            flags = (["-w"] if name else ["-Wall", "-Wextra", "-Werror"]) + ["-I", sources,
+                                                                              "-I", Path(front).resolve().parent]
             for source in sorted(sources.glob("*.mm")):
                 subprocess.run([clang, *COMPILE, *flags, source, "-o", Path(tmp, source.stem + ".o")], check=True)
             problems = check(sorted(Path(tmp).glob("*.o")), objdump)
