@@ -116,6 +116,22 @@ void TZSetWalkDebugHook(TZWalkDebugHook hook);
 typedef void (*TZWalkProgressHook)(int32_t variables);
 void TZSetWalkProgressHook(TZWalkProgressHook hook);
 
+/* Asked by the running walk between its waits, which last at most 200 ms
+ * each: true stops the walk as a timeout does (result 1, the rebuild told
+ * 1). A front sets it to stop a walk whose caller has left or when the
+ * service is asked to stop. Called on the walking thread; must be quick and
+ * must not start a walk. Null: never stop. */
+typedef bool (*TZWalkStopHook)(void);
+void TZSetWalkStopHook(TZWalkStopHook hook);
+
+/* The bounds of one walk: past `seconds` since it started, or once it has
+ * accepted `variables` variables, it stops as a timeout does. Values below 1
+ * are taken as 1. Defaults: 600 seconds and 1,000,000 variables (the
+ * printer's table has 3,500; a whole MIB-2 tree of a large switch some
+ * hundred thousand). Read at the start of each walk. */
+enum { TZ_WALK_DEFAULT_SECONDS = 600, TZ_WALK_DEFAULT_VARIABLES = 1000000 };
+void TZSetWalkLimits(int32_t seconds, int32_t variables);
+
 /* The most GETNEXT requests a walk keeps in flight: the cap of its window
  * (default 64, see the top of this file). 1 turns the guessing off: one
  * request at a time, exactly the sequential walk's requests. Values below 1

@@ -40,6 +40,9 @@ constexpr int32_t kDefaultWalkWindow = 64;
 std::atomic<TZWalkDebugHook> debug_hook{nullptr};
 std::atomic<TZWalkProgressHook> progress_hook{nullptr};
 std::atomic<int32_t> walk_window{kDefaultWalkWindow};
+std::atomic<TZWalkStopHook> stop_hook{nullptr};
+std::atomic<int32_t> limit_seconds{TZ_WALK_DEFAULT_SECONDS};
+std::atomic<int32_t> limit_variables{TZ_WALK_DEFAULT_VARIABLES};
 }  // namespace
 
 extern "C" {
@@ -54,6 +57,11 @@ void TZSetWalkWindow(int32_t window) {
     walk_window.store(window < 1 ? 1 : window, std::memory_order_relaxed);
 }
 int32_t TZGetWalkWindow(void) { return walk_window.load(std::memory_order_relaxed); }
+void TZSetWalkStopHook(TZWalkStopHook hook) { stop_hook.store(hook, std::memory_order_release); }
+void TZSetWalkLimits(int32_t seconds, int32_t variables) {
+    limit_seconds.store(seconds < 1 ? 1 : seconds, std::memory_order_relaxed);
+    limit_variables.store(variables < 1 ? 1 : variables, std::memory_order_relaxed);
+}
 }
 
 namespace {
