@@ -185,12 +185,14 @@ TEST(WalkRequest, RebuildsTheUsersFileWithAtMost511Arguments) {
 // neither group nor others may write; anything else gets no walk (no file written) and "iRet=1".
 TEST(WalkRequest, APrivateFolderIsMadeThenCheckedBeforeEachWalk) {
     // `said`: what the system log line says after the folder's path; empty when the walk runs.
-    struct Case { const char* what; const char* layout; const char* folder; unsigned mode; uid_t owner; const char* said; };
+    struct Case { const char* what, *layout, *folder; unsigned mode; uid_t owner; const char* said; };
     const Case cases[] = {
-        {"missing: made 0700", "", "u", 0, 0, ""}, {"the group may read", "u/", "u", 0750, ::geteuid(), ""},
-        {"a link to a folder", "d/;u->d", "u", 0, 0, "is a symbolic link owned by "}, {"a file", "u=x", "u", 0, 0,
-        "is a file owned by "}, {"the group may write", "u/", "u", 0770, ::geteuid(), "that its group or others may"},
-        {"another user's folder", "u/", "u", 0700, unprivileged_uid(), ::geteuid() == 0 ? "is a folder owned by no" : ""},
+        {"missing: made 0700", "", "u", 0, 0, ""},
+        {"the group may read", "u/", "u", 0750, ::geteuid(), ""},
+        {"a link to a folder", "d/;u->d", "u", 0, 0, "is a symbolic link owned by "},
+        {"a file", "u=x", "u", 0, 0, "is a file owned by "},
+        {"the group may write", "u/", "u", 0770, ::geteuid(), "that its group or others may"},
+        {"another's folder", "u/", "u", 0700, unprivileged_uid(), ::geteuid() == 0 ? "is a folder owned by no" : ""},
         {"a parent that is missing", "", "no/u", 0, 0, "cannot be made: No such file"},
     };
     for (const Case& c : cases) {

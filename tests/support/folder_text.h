@@ -47,7 +47,8 @@ inline std::string listing(const TempDir& dir) {
         if (mode != 0664) std::snprintf(shown, sizeof shown, "(%o)", mode);
         items[e.path().lexically_relative(dir.path()).string()] =
             e.is_symlink() ? "->" + std::filesystem::read_symlink(e.path()).string()
-            : e.is_fifo() ? "|fifo" : e.is_socket() ? "|socket" : e.is_directory() ? "/" : shown + ("=" + read_file(e.path()));
+            : e.is_fifo() ? "|fifo" : e.is_socket() ? "|socket"
+            : e.is_directory() ? "/" : shown + ("=" + read_file(e.path()));
     }
     std::string out;
     for (const auto& [name, rest] : items) out += (out.empty() ? "" : ";") + name + rest;

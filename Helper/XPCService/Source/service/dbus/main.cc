@@ -40,8 +40,8 @@ constexpr const char* kUsage =
     "\n"
     "  --idle-exit SECONDS    end after SECONDS without a call (default 60, 0 never);\n"
     "                         the bus starts a fresh process on the next call\n"
-    "  --preferences-dir DIR  this user's own folder of the profile plists a walk\n"
-    "                         rewrites (default %s)\n"
+    "  --preferences-dir DIR  this user's own folder of the profile plists\n"
+    "                         (default %s)\n"
     "  --address ADDRESS      use this bus instead of the session bus\n"
     "  --walk-window N        keep up to N requests of a walk in flight\n"
     "                         (a positive number; default: the walk's own)\n"
@@ -170,9 +170,12 @@ std::string own_preferences_dir() { return std::string(tz::dbus::kSystemPreferen
 std::optional<std::string> preferences_problem(const std::string& dir) {
     const auto problem = tz::private_folder_problem(dir);
     if (!problem) return std::nullopt;
-    return "the preferences folder " + *problem + ": walks do not run until it is a folder of user " +
-           this_user() + " that only this user may write; if it cannot be made, ask an administrator to add " +
-           user_name() + " to the lpadmin group, else to move aside what holds its name";
+    struct stat info {};
+    if (::lstat(dir.c_str(), &info) != 0)
+        return "the preferences folder " + *problem + "; walks do not run until it can: ask an administrator " +
+               "to add this user to the lpadmin group";
+    return "the preferences folder " + *problem + "; walks do not run until it is a folder of user " + this_user() +
+           " that only this user may write: move it aside (or ask an administrator to)";
 }
 
 // The walk's debug hook under --debug: each line of a diagnostic becomes one
