@@ -19,12 +19,10 @@ namespace tz::test {
 
 // A FIFO ("fifo") or a socket bound and closed ("socket") at `path`.
 inline void make_special(const std::string& path, const std::string& kind) {
-    if (kind == "fifo") return void(::mkfifo(path.c_str(), 0664));
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    ::close(fd);
+    const int fd = kind == "fifo" ? ::mkfifo(path.c_str(), 0664) : ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (kind != "fifo") ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), ::close(fd);
 }
 
 inline void build(const TempDir& dir, const std::string& layout) {
