@@ -52,12 +52,14 @@ public:
 
     const std::string& preferences_dir() const { return preferences_dir_; }
 
-    // Request: a path. "TRUE" if the path could be opened for writing.
+    // Request: a path. "TRUE" if the path could be opened for writing; "FALSE"
+    // for a FIFO or a socket (Opening::named in file_ops.h).
     void tzPListIsAdminProfile_XPC(std::string_view request, const Reply& reply) const;
     // Request: "<type>:ARG_iSwapType<current>:ARG_cFooCurrentString<previous>:ARG_cFooPrevString".
-    // Always "TRUE".
+    // Checks nothing first; always "TRUE" (swap_profiles in file_ops.h).
     void tzPListSwapProfile_XPC(std::string_view request, const Reply& reply) const;
-    // Request: a path. "TRUE" if it opens for reading.
+    // Request: a path. "TRUE" if it opens for reading (a folder does); "FALSE"
+    // for a FIFO or a socket. Write access is not checked.
     void tzPListExistProfile_XPC(std::string_view request, const Reply& reply) const;
     // Request: a path. "TRUE" if it was removed (a file or an empty folder).
     void tzPListRemove_XPC(std::string_view request, const Reply& reply) const;
