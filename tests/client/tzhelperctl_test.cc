@@ -1,5 +1,7 @@
 // tzhelperctl against a real tzhelperd on a private bus (exit status, stderr line and JSON of each outcome, help, a
 // walk's summary), the client library's properties and progress, and the summary's comparison of tables.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -33,7 +35,8 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
     sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
         ->callMethod("ReloadConfig").onInterface("org.freedesktop.DBus");
     const std::string prefs = served.prefs(), missing = prefs + "missing.plist";
-    const std::string longest = prefs + std::string(254 - prefs.size(), 'a');
+    const std::string longest = prefs + std::string(254 - prefs.size(), 'a'), fifo = prefs + "fifo.plist";
+    ::mkfifo(fifo.c_str(), 0600);  // neither the helper nor show waits for a writer
     const auto walk = [](Args snmp) {
         snmp.insert(snmp.begin(), {"walk", "--model", "T48Q", "--user", "alice", "--"});
         return snmp;
@@ -67,6 +70,8 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
         {kServed, {"show", missing}, 1, "", "cannot read " + missing + ": No such file or directory"},
         {kServed, {"show", longest}, 1, "", "cannot read " + longest + ": No such file"},
         {kServed, {"show", longest + "a"}, 1, "", "the path " + longest + "a is too long (at most 254 bytes)"},
+        {kServed, {"show", fifo}, 1, "", "cannot read " + fifo + " as a profile plist (a regular file of this user"},
+        {kServed, {"exist", fifo}, 1, "FALSE\n", fifo + " does not exist for the helper"},
         {kServed, {"show", "-"}, 1, "", "cannot read standard input as a profile plist", "junk"},
         {kBare, {"exist", "/"}, 3, "", kNotProvided},
         {kBare, {"show", "--user", "u", "--model", "M"}, 3, "", kNotProvided},

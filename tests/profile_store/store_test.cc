@@ -4,6 +4,7 @@
 #include <array>
 #include <map>
 
+#include "folder_text.h"
 #include "profile_tables.h"
 
 namespace tz::test {
@@ -233,6 +234,15 @@ TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
     for (int selector : {0, 1, 4, -1}) EXPECT_EQ(TZPListRemove(selector), 0);
     EXPECT_TRUE(TZPListRemove(2) == 1 && !exists(previous) && exists(current));
     EXPECT_TRUE(TZPListRemove(3) == 1 && TZPListRemove(3) == 0);
+    // Anything but a regular file of this user at the current name is neither probed, read nor written.
+    ASSERT_EQ(write(), 0);
+    std::filesystem::rename(current, dir.file("s"));
+    const std::string secret = read_file(dir.file("s"));
+    for (const std::string planted : {"|fifo", "|socket", "->s"}) {
+        build((std::filesystem::remove(current), dir), "alice-ModelX-profile.plist" + planted);
+        EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + read() + write(), -2) << planted;
+    }
+    EXPECT_EQ(read_file(dir.file("s")), secret);
     TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH =
         "/nonexistent-tz-folder/x.plist";  // a folder that is not there
     EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + TZPListRemove(3) + TZPListRemove(2), 0);

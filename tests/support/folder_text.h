@@ -1,8 +1,11 @@
 // A folder as text: entries by name joined by ';', "name=content" ("name(444)=content" when the mode is not 0664),
-// "name/" or "name->target"; build() makes one, listing() reads one back.
+// "name/", "name->target", "name|fifo" or "name|socket"; build() makes one, listing() reads one back.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -14,11 +17,20 @@
 
 namespace tz::test {
 
+// A FIFO ("fifo") or a socket bound and closed ("socket") at `path`.
+inline void make_special(const std::string& path, const std::string& kind) {
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fd = kind == "fifo" ? ::mkfifo(path.c_str(), 0664) : ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (kind != "fifo") ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), ::close(fd);
+}
+
 inline void build(const TempDir& dir, const std::string& layout) {
     std::stringstream in(layout);
     for (std::string item; std::getline(in, item, ';');) {
-        const std::size_t arrow = item.find("->"), eq = item.find('='), paren = item.find('(');
-        if (arrow < eq) std::filesystem::create_symlink(item.substr(arrow + 2), dir.file(item.substr(0, arrow)));
+        const std::size_t arrow = item.find("->"), eq = item.find('='), paren = item.find('('), bar = item.find('|');
+        if (bar < eq) make_special(dir.file(item.substr(0, bar)), item.substr(bar + 1));
+        else if (arrow < eq) std::filesystem::create_symlink(item.substr(arrow + 2), dir.file(item.substr(0, arrow)));
         else if (eq == std::string::npos) std::filesystem::create_directory(dir.file(item));
         else write_file(dir.file(item.substr(0, std::min(eq, paren))), item.substr(eq + 1));
         if (paren < eq) ::chmod(dir.file(item.substr(0, paren)).c_str(), std::stoi(item.substr(paren + 1), nullptr, 8));
@@ -33,6 +45,7 @@ inline std::string listing(const TempDir& dir) {
         if (mode != 0664) std::snprintf(shown, sizeof shown, "(%o)", mode);
         items[e.path().lexically_relative(dir.path()).string()] =
             e.is_symlink() ? "->" + std::filesystem::read_symlink(e.path()).string()
+            : e.is_fifo() ? "|fifo" : e.is_socket() ? "|socket"
             : e.is_directory() ? "/" : shown + ("=" + read_file(e.path()));
     }
     std::string out;

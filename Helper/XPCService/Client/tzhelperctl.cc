@@ -7,6 +7,7 @@
 // exit status says the same to a script (exit_status.h). After a walk the
 // tool compares the user's profile plist before and after it and prints
 // what changed (walk_summary.h).
+#include <fcntl.h>
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -89,16 +90,19 @@ constexpr size_t kMany = static_cast<size_t>(-1);
 const Command kCommands[] = {
     {"is-admin", "PATH", "can the helper write PATH?",
      "Replies TRUE when the helper can open PATH for writing (a file it had to\n"
-     "create for the test is removed again), FALSE when it cannot.\n"
+     "create for the test is removed again), FALSE when it cannot or PATH is a\n"
+     "FIFO or a socket.\n"
      "\n"
      "  PATH  a file path as the helper sees it\n"
      "\n"
      "Example:\n"
-     "  tzhelperctl is-admin /var/lib/tzhelper/tazorex.printers.T48Q/alice-T48Q-profile.plist\n",
+     "  tzhelperctl is-admin /var/lib/tzhelper/tazorex.printers.T48Q/alice/alice-T48Q-profile.plist\n",
      tz::protocol::kIsAdmin.name, 0, 1, 1, run_call},
     {"swap", "TYPE CURRENT PREVIOUS", "swap a profile file with its previous copy",
-     "Swaps the profile file CURRENT with its previous copy PREVIOUS, when the\n"
-     "helper can write CURRENT. The reply is always TRUE.\n"
+     "Swaps the profile file CURRENT with its previous copy PREVIOUS. The helper\n"
+     "does not check CURRENT first, and the reply is always TRUE, whatever\n"
+     "happened. Type 2 copies CURRENT only when it is a regular file (not a link)\n"
+     "and creates PREVIOUS anew: a name that appears there meanwhile is left alone.\n"
      "\n"
      "  TYPE      0 the previous copy becomes the current file,\n"
      "            1 the previous copy is removed,\n"
@@ -110,8 +114,9 @@ const Command kCommands[] = {
      "  tzhelperctl swap 2 \"$DIR/alice-T48Q-profile.plist\" \"$DIR/alice-T48Q-profile.prev.plist\"\n",
      tz::protocol::kSwap.name, 0, 3, 3, run_call},
     {"exist", "PATH", "does PATH exist for the helper?",
-     "Replies TRUE when the helper can write PATH and open it for reading,\n"
-     "FALSE otherwise.\n"
+     "Replies TRUE when the helper can open PATH for reading (a folder too),\n"
+     "FALSE otherwise or when PATH is a FIFO or a socket. Write access is not\n"
+     "checked.\n"
      "\n"
      "  PATH  a file path as the helper sees it\n"
      "\n"
@@ -138,7 +143,9 @@ const Command kCommands[] = {
      tz::protocol::kWriteDictionary.name, 0, 2, 2, run_call},
     {"write-piece", "URL TEXT", "append TEXT to URL's temporary .dummy file",
      "Appends TEXT to the temporary file URL.dummy; finish-piece then renames\n"
-     "it onto URL. Replies TRUE when appended.\n"
+     "it onto URL. Replies TRUE when appended; FALSE when URL.dummy is not a\n"
+     "regular file of the helper's user (a link is not followed) or would pass\n"
+     "64 MiB.\n"
      "\n"
      "  URL   a file: URL, or an absolute path (turned into a file URL)\n"
      "  TEXT  the text to append\n"
@@ -186,7 +193,8 @@ const Command kCommands[] = {
      "Reads the file itself; the helper is asked only for its preferences\n"
      "folder when the file is named by --user and --model.\n"
      "\n"
-     "  FILE          the profile plist; - for standard input\n"
+     "  FILE          the profile plist, read as a walk reads it: a regular file\n"
+     "                of yours, not a link; - for standard input\n"
      "  --user U      with --model: U's profile plist in the helper's folder\n"
      "  --model M     the printer model\n"
      "  --all         print all 500 slots, free ones too\n"
@@ -335,7 +343,7 @@ public:
     StdinFile() {
         const char* tmp = std::getenv("TMPDIR");
         path_ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tzhelperctl-XXXXXX";
-        const int fd = ::mkstemp(path_.data());
+        const int fd = ::mkostemp(path_.data(), O_CLOEXEC);
         if (fd < 0) {
             path_.clear();
             return;
@@ -390,7 +398,8 @@ std::string read_profiles(const std::string& path, Profiles& profiles, bool miss
     const int32_t read = TZPListReadProfile_All(&profiles.tables[0], &profiles.tables[1],
                                                 &profiles.tables[2]);
     TZ_PLIST_PROFILE_PATH = nullptr;
-    return read == 0 ? std::string() : "cannot read " + name + " as a profile plist";
+    return read == 0 ? std::string()
+                     : "cannot read " + name + " as a profile plist (a regular file of this user, not a link)";
 }
 
 std::string profile_path(const std::string& folder, const std::string& user, const std::string& model) {

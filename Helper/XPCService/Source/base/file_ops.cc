@@ -1,7 +1,5 @@
 #include "file_ops.h"
 
-#include "unique_fd.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,23 +10,20 @@
 
 namespace tz {
 
-bool probe_writable(const char* path) {
-    struct stat st;
-    const bool existed = path != nullptr && ::stat(path, &st) == 0;
-    ::umask(002);
-    const int fd = path != nullptr ? ::open(path, kCreateFlags, kCreateMode) : -1;
-    if (fd < 0) return false;
-    ::close(fd);
-    if (!existed) ::unlink(path);
-    return true;
-}
-
 namespace {
 
+// Fills `st` from the descriptor `fd` holds; false when it holds none or fstat fails.
+bool stat_of(const UniqueFd& fd, struct stat& st) { return fd && ::fstat(fd.get(), &st) == 0; }
+
+bool is_regular(const UniqueFd& fd) {
+    struct stat st;
+    return stat_of(fd, st) && S_ISREG(st.st_mode);
+}
+
 // One pass: zero the buffer, read up to 65535 bytes, write exactly what the
-// read gave; go on while both results are non-zero. A failed read (-1, as for
-// a folder) writes nothing, so the write returns 0 and the loop ends instead
-// of spinning on the error.
+// read gave; go on while both results are non-zero. A failed read (-1) writes
+// nothing, so the write returns 0 and the loop ends instead of spinning on the
+// error.
 void copy_file(int from, int to) {
     std::array<char, 65535> buffer;
     ssize_t got = 0;
@@ -42,7 +37,27 @@ void copy_file(int from, int to) {
 
 }  // namespace
 
-void swap_profiles(int32_t swap_type, const char* current, const char* previous) {
+UniqueFd open_file(const char* path, int flags, Opening opening, unsigned mode) {
+    if (path == nullptr) return {};
+    if (opening == Opening::own) flags |= O_NOFOLLOW;
+    UniqueFd fd(::open(path, flags | O_NONBLOCK | O_CLOEXEC, mode));
+    struct stat st;
+    if (!stat_of(fd, st)) return {};
+    const bool taken = opening == Opening::own ? S_ISREG(st.st_mode) && st.st_uid == ::geteuid()
+                                               : !S_ISFIFO(st.st_mode) && !S_ISSOCK(st.st_mode);
+    return taken ? std::move(fd) : UniqueFd();
+}
+
+bool probe_writable(const char* path, Opening opening) {
+    struct stat st;
+    const bool existed = path != nullptr && ::lstat(path, &st) == 0;
+    ::umask(002);
+    if (!open_file(path, kCreateFlags, opening)) return false;
+    if (!existed) ::unlink(path);
+    return true;
+}
+
+void swap_profiles(int32_t swap_type, const char* current, const char* previous, Opening opening) {
     switch (swap_type) {
         case 0:
             if (current != nullptr) ::unlink(current);
@@ -53,18 +68,11 @@ void swap_profiles(int32_t swap_type, const char* current, const char* previous)
             break;
         case 2: {
             if (previous != nullptr) ::unlink(previous);
-            const int from = current != nullptr ? ::open(current, O_RDONLY, kCreateMode) : -1;
-            const int to = previous != nullptr ? ::open(previous, kCreateFlags, kCreateMode) : -1;
-            if (from >= 0 && to >= 0) {
-                copy_file(from, to);
-                ::close(to);
-                ::close(from);
-            } else {
-                // Only one open succeeded: the copy is skipped. Close what was
-                // opened rather than leak a descriptor in a long-running service.
-                if (from >= 0) ::close(from);
-                if (to >= 0) ::close(to);
-            }
+            const UniqueFd from = open_file(current, O_RDONLY | O_NOFOLLOW, opening);
+            const UniqueFd to(previous != nullptr
+                                  ? ::open(previous, kCreateFlags | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kCreateMode)
+                                  : -1);
+            if (to && is_regular(from)) copy_file(from.get(), to.get());
             break;
         }
         default:
@@ -72,12 +80,8 @@ void swap_profiles(int32_t swap_type, const char* current, const char* previous)
     }
 }
 
-bool opens_for_reading(const char* path) {
-    if (path == nullptr) return false;
-    const int fd = ::open(path, O_RDONLY, kCreateMode);
-    if (fd < 0) return false;
-    ::close(fd);
-    return true;
+bool opens_for_reading(const char* path, Opening opening) {
+    return static_cast<bool>(open_file(path, O_RDONLY, opening));
 }
 
 bool remove_path(const char* path) { return path != nullptr && std::remove(path) == 0; }
@@ -92,18 +96,18 @@ bool write_all(int fd, std::string_view bytes) {
     return true;
 }
 
-bool write_whole_file(const char* path, std::string_view bytes, int flags) {
-    UniqueFd fd(::open(path, flags | O_CLOEXEC, 0666));
-    if (!fd) return false;
+bool write_whole_file(const char* path, std::string_view bytes, Opening opening) {
+    // Cut after the check, not by O_TRUNC at the open: a refused file keeps its content.
+    UniqueFd fd = open_file(path, O_WRONLY | O_CREAT, opening, 0666);
+    if (!fd || (is_regular(fd) && ::ftruncate(fd.get(), 0) != 0)) return false;
     const bool written = write_all(fd.get(), bytes);
     return fd.close() && written;
 }
 
-std::optional<std::string> read_regular_file(const char* path, std::size_t max_bytes) {
-    if (path == nullptr) return std::nullopt;
-    const UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+std::optional<std::string> read_regular_file(const char* path, std::size_t max_bytes, Opening opening) {
+    const UniqueFd fd = open_file(path, O_RDONLY, opening);
     struct stat st;
-    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+    if (!stat_of(fd, st) || !S_ISREG(st.st_mode)) return std::nullopt;
     if (static_cast<std::uint64_t>(st.st_size) > max_bytes) return std::nullopt;
     std::string bytes(static_cast<std::size_t>(st.st_size), '\0');
     std::size_t filled = 0;

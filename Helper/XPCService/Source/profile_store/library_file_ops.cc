@@ -39,7 +39,7 @@ bool is_admin_profile() {
     PathBuffer current;
     if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return false;
     look_up_account();
-    return tz::probe_writable(current.data());
+    return tz::probe_writable(current.data(), tz::Opening::own);
 }
 
 void swap_profile(int32_t swap_type) {
@@ -49,14 +49,14 @@ void swap_profile(int32_t swap_type) {
         !copy_path(TZ_PLIST_PROFILE_PREV_PATH, previous))
         return;
     if (!is_admin_profile()) return;
-    tz::swap_profiles(swap_type, current.data(), previous.data());
+    tz::swap_profiles(swap_type, current.data(), previous.data(), tz::Opening::own);
 }
 
 bool exist_profile() {
     if (!is_admin_profile()) return false;
     PathBuffer current;
     if (!copy_path(TZ_PLIST_PROFILE_PATH, current)) return false;
-    return tz::opens_for_reading(current.data());
+    return tz::opens_for_reading(current.data(), tz::Opening::own);
 }
 
 bool remove_profile(int32_t selector) {

@@ -181,14 +181,18 @@ namespace tz::plist {
 DictRef parse(std::string bytes);
 
 // Reads the whole file at `path` and parses it. Null when the file cannot be
-// opened or read, is larger than kMaxFileBytes, or is refused by parse().
+// opened or read, is not a regular file of this user reached without a link
+// (the profile file is the service's own), is larger than kMaxFileBytes, or is
+// refused by parse().
 DictRef read_file(const char* path);
 
 // The XML property list of `root`, as the writer puts it in a file.
 std::string to_xml(const TZDictionary& root);
 
 // Writes to_xml(root) to `path` in one write. Returns false when the file
-// cannot be opened or the write or close fails (the file may then be cut).
+// cannot be opened, is not a regular file of this user reached without a link
+// (then it is not touched), or the write or close fails (the file may then be
+// cut).
 bool write_file(const char* path, const TZDictionary& root);
 
 }  // namespace tz::plist

@@ -154,7 +154,7 @@ DictRef parse(std::string bytes) {
 }
 
 DictRef read_file(const char* path) {
-    std::optional<std::string> bytes = read_regular_file(path, kMaxFileBytes);
+    std::optional<std::string> bytes = read_regular_file(path, kMaxFileBytes, Opening::own);
     return bytes ? parse(std::move(*bytes)) : DictRef();
 }
 

@@ -184,7 +184,7 @@ bool write_file(const char* path, const TZDictionary& root) {
     xml.clear();
     if (xml.capacity() > (8u << 20)) xml.shrink_to_fit();
     detail::append_xml(xml, root);
-    return write_whole_file(path, xml);
+    return write_whole_file(path, xml, Opening::own);
 }
 
 }  // namespace tz::plist

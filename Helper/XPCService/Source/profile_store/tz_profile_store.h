@@ -18,6 +18,10 @@
  *    process (abort) instead of being cut.
  *    REQUIRES: the path globals point at valid paths (a walk request sets them
  *    for its own duration).
+ *  - These files are the user's own: each is opened without waiting and
+ *    without following a link at its last name, and used only when it is a
+ *    regular file owned by the effective user; anything else is treated as a
+ *    file that cannot be opened (not read, probed, copied or written).
  *  - Dictionaries handed out (TZDictionary) belong to the plist codec. A
  *    function that "hands out" a dictionary gives the caller one reference,
  *    which the caller drops with TZDictionaryRelease; a "borrowed" dictionary

@@ -30,23 +30,24 @@ const char* c_str(const std::optional<std::string>& path) {
 
 }  // namespace
 
-Service::Service(std::string preferences_dir) : preferences_dir_(std::move(preferences_dir)) {}
+Service::Service(std::string preferences_dir, Folder folder)
+    : preferences_dir_(std::move(preferences_dir)), folder_(folder) {}
 
 void Service::tzPListIsAdminProfile_XPC(std::string_view request, const Reply& reply) const {
     const auto path = as_path(request);
-    reply(answer(path && probe_writable(path->c_str())));
+    reply(answer(path && probe_writable(path->c_str(), Opening::named)));
 }
 
 void Service::tzPListSwapProfile_XPC(std::string_view request, const Reply& reply) const {
     const protocol::Swap swap = protocol::cut_swap(request);
     const auto current = as_path(swap.current);
     const auto previous = as_path(swap.previous);
-    swap_profiles(swap.type, c_str(current), c_str(previous));
+    swap_profiles(swap.type, c_str(current), c_str(previous), Opening::named);
     reply(kTrue);
 }
 
 void Service::tzPListExistProfile_XPC(std::string_view request, const Reply& reply) const {
-    reply(answer(opens_for_reading(c_str(as_path(request)))));
+    reply(answer(opens_for_reading(c_str(as_path(request)), Opening::named)));
 }
 
 void Service::tzPListRemove_XPC(std::string_view request, const Reply& reply) const {

@@ -15,6 +15,7 @@
 
 #include <array>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,24 +26,40 @@ namespace tz {
 inline constexpr std::string_view kDefaultPreferencesDir =
     "/Library/Printers/TAZOREX/Preferences/tazorex.printers.T48Q/";
 
+// Makes `dir` (a folder path ending in '/') when it is missing (mkdir, mode
+// 0700, its parent must exist), then checks it with lstat. Nothing when it is
+// a real folder (not a link) owned by the effective user that neither its
+// group nor others may write; else one sentence that starts with the path and
+// says what is there and who owns it ("/x/bob/ is a symbolic link owned by
+// alice (uid 1002)"), or why it cannot be made or checked.
+std::optional<std::string> private_folder_problem(const std::string& dir);
+
 class Service {
 public:
     using Reply = std::function<void(const std::string&)>;
     // Any one of the eight operations below, as the fronts dispatch them.
     using Operation = void (Service::*)(std::string_view request, const Reply& reply) const;
 
+    // How a walk takes its folder: as it stands (the macOS front's folder), or
+    // as the user's private folder, checked by private_folder_problem before
+    // every walk (the Linux front's).
+    enum class Folder { as_given, private_to_user };
+
     // `preferences_dir` is the folder of the profile plists that a walk
     // rewrites; it is used as a prefix as it stands, so it ends with '/'.
-    explicit Service(std::string preferences_dir = std::string(kDefaultPreferencesDir));
+    explicit Service(std::string preferences_dir = std::string(kDefaultPreferencesDir),
+                     Folder folder = Folder::as_given);
 
     const std::string& preferences_dir() const { return preferences_dir_; }
 
-    // Request: a path. "TRUE" if the path could be opened for writing.
+    // Request: a path. "TRUE" if the path could be opened for writing; "FALSE"
+    // for a FIFO or a socket (Opening::named in file_ops.h).
     void tzPListIsAdminProfile_XPC(std::string_view request, const Reply& reply) const;
     // Request: "<type>:ARG_iSwapType<current>:ARG_cFooCurrentString<previous>:ARG_cFooPrevString".
-    // Always "TRUE".
+    // Checks nothing first; always "TRUE" (swap_profiles in file_ops.h).
     void tzPListSwapProfile_XPC(std::string_view request, const Reply& reply) const;
-    // Request: a path. "TRUE" if it opens for reading.
+    // Request: a path. "TRUE" if it opens for reading (a folder does); "FALSE"
+    // for a FIFO or a socket. Write access is not checked.
     void tzPListExistProfile_XPC(std::string_view request, const Reply& reply) const;
     // Request: a path. "TRUE" if it was removed (a file or an empty folder).
     void tzPListRemove_XPC(std::string_view request, const Reply& reply) const;
@@ -60,11 +77,14 @@ public:
     // "xpc - mibwalk_XPC - iRet=<result>" at LOG_ERR. A missing name is
     // "(null)" in the paths. A path of 256 bytes or more ends the process.
     // More than 511 arguments: no walk; replies and logs "iRet=-1", the
-    // parser's "refused" code. Only one walk may run at a time in a process.
+    // parser's "refused" code. A private folder that private_folder_problem
+    // refuses: no walk; logs the problem at LOG_ERR, replies and logs "iRet=1"
+    // (the walk's failure). Only one walk may run at a time in a process.
     void mibwalk_XPC(std::string_view request, const Reply& reply) const;
 
 private:
     std::string preferences_dir_;
+    Folder folder_;
 };
 
 // The operations in the protocol's order, each under the name its member is

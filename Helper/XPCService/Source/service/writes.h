@@ -9,19 +9,23 @@
 namespace tz {
 
 // Writes `bytes` to the file of `file_url`, creating it (mode 0666 less the
-// umask) or replacing its content. False when the URL gives no file path or a
-// call fails (no folder, no rights, disk full); nothing is touched when the
-// URL gives no path.
+// umask) or replacing its content; a link is followed and a device written in
+// place. False when the URL gives no file path, a FIFO or a socket is there
+// (refused at once, untouched) or a call fails (no folder, no rights, disk
+// full); nothing is touched when the URL gives no path.
 bool write_url_file(std::string_view file_url, std::string_view bytes);
 
 // Appends `piece` to the temporary file of `file_url` (the URL string with
-// ".dummy" appended): the file's content, if it is a readable regular file of
-// valid UTF-8, followed by the piece; otherwise the piece alone. The file is
-// replaced atomically (a scratch file in the same folder renamed onto it), so
-// a reader never sees half a file; a link is followed and kept, and a
-// temporary file that is a device is written in place. False when the URL gives no path, the piece
-// is not valid UTF-8, or the write fails; a failed write leaves the previous
-// temporary file as it was and no scratch file behind.
+// ".dummy" appended): the file's content, if it is valid UTF-8, followed by the
+// piece; otherwise, or when there is no such file, the piece alone. The file is
+// replaced atomically (a scratch file in the same folder renamed onto it), so a
+// reader never sees half a file. The temporary file is the service's own: a
+// link, a FIFO, a socket, a device, a folder or another user's file there is
+// refused and left alone, and so is a file larger than the plist size limit
+// (plist::kMaxFileBytes, refused unread) or one the piece would take past it.
+// False when refused, when the URL gives no path, the piece is not valid UTF-8,
+// or the write fails; a failed write leaves the previous temporary file as it
+// was and no scratch file behind.
 bool append_url_piece(std::string_view file_url, std::string_view piece);
 
 // Unlinks the target of `file_url` and renames "<path>.dummy" onto it; the

@@ -106,7 +106,7 @@ private:
     // What the calls of one caller share; held by its queued calls too.
     struct Caller {
         Caller(std::string bus_name, const std::string& preferences_dir)
-            : name(std::move(bus_name)), service(preferences_dir) {}
+            : name(std::move(bus_name)), service(preferences_dir, tz::Service::Folder::private_to_user) {}
         const std::string name;
         const Service service;
         const std::shared_ptr<WorkerPool::Strand> strand = std::make_shared<WorkerPool::Strand>();

@@ -40,7 +40,7 @@ constexpr const char* kUsage =
     "\n"
     "  --idle-exit SECONDS    end after SECONDS without a call (default 60, 0 never);\n"
     "                         the bus starts a fresh process on the next call\n"
-    "  --preferences-dir DIR  folder of the profile plists a walk rewrites\n"
+    "  --preferences-dir DIR  this user's own folder of the profile plists\n"
     "                         (default %s)\n"
     "  --address ADDRESS      use this bus instead of the session bus\n"
     "  --walk-window N        keep up to N requests of a walk in flight\n"
@@ -92,6 +92,8 @@ const option kOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+std::string own_preferences_dir();  // the default folder, below
+
 // Parses the command line into `options`. Returns -1 to go on, else the exit
 // status to end with.
 int parse(int argc, char** argv, Options& options) {
@@ -132,7 +134,7 @@ int parse(int argc, char** argv, Options& options) {
                 std::printf("tzhelperd %s\n", std::string(tz::dbus::kVersion).c_str());
                 return 0;
             case kHelp:
-                std::printf(kUsage, std::string(tz::dbus::kSystemPreferencesDir).c_str());
+                std::printf(kUsage, own_preferences_dir().c_str());
                 return 0;
             case ':':
                 return usage_error(quoted(argv[optind - 1]) + " needs a value");
@@ -157,29 +159,23 @@ std::string user_name() {
 // "bob (uid 1001)".
 std::string this_user() { return user_name() + " (uid " + std::to_string(::getuid()) + ")"; }
 
-// What is wrong with the preferences folder for this user, or nothing. The
-// service starts anyway: the file operations do not need the folder, and a
-// walk then answers as it does for any folder it cannot write.
+// This user's folder inside the package's shared one: the default of
+// --preferences-dir.
+std::string own_preferences_dir() { return std::string(tz::dbus::kSystemPreferencesDir) + user_name() + "/"; }
+
+// What is wrong with this user's preferences folder, as each walk checks it
+// (made first when missing), and what to do; or nothing. The service starts
+// anyway: the file operations do not need the folder, and a walk does not run
+// until the folder is right. Files of the old shared folder are not read.
 std::optional<std::string> preferences_problem(const std::string& dir) {
-    std::string path = dir;
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    const std::string folder = "the preferences folder " + dir;
-    const std::string consequence = ": walks cannot save profiles; ";
+    const auto problem = tz::private_folder_problem(dir);
+    if (!problem) return std::nullopt;
     struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
-        if (errno == ENOENT)
-            return folder + " does not exist" + consequence +
-                   "ask an administrator to create it (group lpadmin, mode 2775)";
-        return folder + " cannot be reached by user " + this_user() + " (" + std::strerror(errno) + ")" +
-               consequence + "ask an administrator to check it";
-    }
-    if (!S_ISDIR(info.st_mode))
-        return folder + " is not a folder" + consequence +
-               "ask an administrator to make it one (group lpadmin, mode 2775)";
-    if (::access(path.c_str(), W_OK | X_OK) != 0)
-        return folder + " is not writable for user " + this_user() + consequence +
-               "ask an administrator to add " + user_name() + " to the lpadmin group";
-    return std::nullopt;
+    if (::lstat(dir.c_str(), &info) != 0)
+        return "the preferences folder " + *problem + "; walks do not run until it can: ask an administrator " +
+               "to add this user to the lpadmin group";
+    return "the preferences folder " + *problem + "; walks do not run until it is a folder of user " + this_user() +
+           " that only this user may write: move it aside (or ask an administrator to)";
 }
 
 // The walk's debug hook under --debug: each line of a diagnostic becomes one
@@ -217,6 +213,7 @@ std::unique_ptr<sdbus::IConnection> connect(const std::string& address) {
 
 int main(int argc, char** argv) {
     Options options;
+    options.front.preferences_dir = own_preferences_dir();
     if (const int status = parse(argc, argv, options); status >= 0) return status;
     if (options.walk_window) TZSetWalkWindow(*options.walk_window);
     if (options.debug) TZSetWalkDebugHook(&debug_to_stderr);
