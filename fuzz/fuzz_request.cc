@@ -18,14 +18,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                      f->find(marker) == f->npos));
     };
     auto guarded = [](auto cut) { try { cut(); } catch (const std::out_of_range&) {} };  // a request without a reply
-    guarded([&] { const Swap swap = cut_swap(r);
-                  piece(swap.current, kSwapCurrent), piece(swap.previous, kSwapPrevious); });
-    guarded([&] {
-        const Write w = cut_write(r);
-        check(w.url.size() + kAddUrl.size() + w.text.size() == r.size() && w.url.find(kAddUrl) == r.npos);
-    });
-    guarded([&] { const WalkNames names = cut_walk_names(r);
-                  piece(names.model, kModelName), piece(names.user, kUserName); });
+    guarded([&] { const Swap s = cut_swap(r); piece(s.current, kSwapCurrent), piece(s.previous, kSwapPrevious); });
+    guarded([&] { const Write w = cut_write(r);
+                  check(w.url.size() + kAddUrl.size() + w.text.size() == r.size() && w.url.find(kAddUrl) == r.npos); });
+    guarded([&] { const WalkNames n = cut_walk_names(r); piece(n.model, kModelName), piece(n.user, kUserName); });
     guarded([&] { for (const std::string_view argument : cut_walk_arguments(r)) piece(argument, kArg); });
     if (const auto path = tz::file_url_path(r)) check(!path->empty() && (*path)[0] == '/');
     return 0;

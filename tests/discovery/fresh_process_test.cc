@@ -17,8 +17,7 @@ TEST(FreshProcess, FirstAnswerOutsideTheSubtreeBringsOneGetOfTheRootThenNeverAga
         EXPECT_EQ(walk(v1(agent.peer(), kRoot)), 0);
         EXPECT_EQ(agent.requests().size(), first ? 2u : 1u);
         EXPECT_EQ(agent.requests().back(), (first ? "get " : "getnext ") + kRoot);
-        // The GET's answer counted, not spooled.
-        EXPECT_EQ(std::tuple(numprinted, PlistForSpool.iNum), std::tuple(1, 0));
+        EXPECT_EQ(std::tuple(numprinted, PlistForSpool.iNum), std::tuple(1, 0));  // the GET's answer: not spooled
     }
 }
 

@@ -48,23 +48,18 @@ TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
               std::tuple(12, 6, 2, 1, 0));
     EXPECT_EQ(std::tuple(std::string(r2.FileName), std::string(r2.ProfileName)), std::tuple("F2.ICC", "Name"));
     EXPECT_EQ(std::tuple(row(1).ProfileClass, row(3).IndexOnDevice, row(500).IndexOnDevice), std::tuple(3, 0, 510));
-}
-
-TEST_F(Spool, StringsOverwriteInPlaceUpToAZeroByteAndFillTheFieldAndNoMore) {
-    spool_text(cell(4, 1), "ABCDEF"), spool_text(cell(4, 1), "XY");
-    EXPECT_STREQ(row(1).FileName, "XYCDEF");  // no terminator written
-    spool_text(cell(3, 2), std::string("AB\0CD", 5));
-    EXPECT_STREQ(row(2).ProfileName, "AB");
+    // Texts overwrite in place up to a zero byte, with no terminator, and fill the field and no more.
+    spool_text(cell(4, 1), "ABCDEF"), spool_text(cell(4, 1), "XY"), spool_text(cell(3, 2), std::string("\0CD", 3));
     spool_text(cell(4, 3), std::string(40, 'G'));
+    EXPECT_EQ(std::tuple(std::string(row(1).FileName), std::string(row(2).ProfileName)), std::tuple("XYCDEF", "Name"));
     EXPECT_EQ(std::string(row(3).FileName, TZ_PROFILE_TEXT + 1), std::string(32, 'G') + '\0');
 }
 
 TEST_F(Spool, DeviceMarksComeOffAfterACompleteWalkAndDropAfterAFailedOne) {
-    for (const int status : {0, 2}) {
+    for (const auto& [status, marks] : {std::pair{0, "01133567"}, {2, "00036567"}}) {  // marks 0 to 7 become
         for (int i = 0; i < 8; ++i) table.Entry[i].InMenu = i;
         vDeleteMIBprofilesTemporary(status, &table);
-        const int after[2][8] = {{0, 1, 1, 3, 3, 5, 6, 7}, {0, 0, 0, 3, 6, 5, 6, 7}};
-        for (int i = 0; i < 8; ++i) EXPECT_EQ(table.Entry[i].InMenu, after[status != 0][i]) << status << " " << i;
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(table.Entry[i].InMenu, marks[i] - '0') << status << " " << i;
     }
 }
 
@@ -73,8 +68,8 @@ TEST_F(Spool, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
     for (const auto& [in_menu, marked] : {std::pair{1, 2}, {5, 2}, {3, 4}, {6, 4}, {2, 2}, {4, 4}}) {
         table.Entry[0] = entry(3, in_menu, "ABC.ICM", 5, 2, "Plist name"), table.iNum = 1;
         vRestructDetail(0, &table);  // keeps the entry's own fields
-        EXPECT_TRUE(same_bytes(table.Entry[0], entry(3, marked, "ABC.ICM", 5, 2, "Plist name"))) << in_menu;
-        EXPECT_EQ(table.iNum, 1);
+        EXPECT_TRUE(same_bytes(table.Entry[0], entry(3, marked, "ABC.ICM", 5, 2, "Plist name")) && table.iNum == 1)
+            << in_menu;
     }
     table.Entry[0] = entry(1, 1, "ABC.ICM", 4);  // another location: another profile
     table.Entry[1] = entry(2, 1, "ABC.ICM", 5);  // past iNum: not looked at

@@ -38,7 +38,6 @@ TEST(Protocol, RequestsCutIntoTheirFields) {
          {"1", "/a", "/b:ARG_cFooCurrentString:ARG_iSwapType"}},
         {swap_request(1, "/a:ARG_cFooPrevString", "/b"), swap, {}, kSwapCurrent},
         {write_request("file:///t/x.plist", "<plist/>"), write, {"file:///t/x.plist", "<plist/>"}},
-        {write_request("", ""), write, {"", ""}},
         {write_request("u", "<a>:AddURL:END</a>"), write, {"u", "<a>:AddURL:END</a>"}},
         {walk_request("T48Q", "alice", {"snmpwalk", "-v", "1"}), walk, {"T48Q", "alice", "snmpwalk", "-v", "1"}},
         {walk_request("", "", {"", ""}), walk, {"", "", "", ""}},

@@ -11,29 +11,19 @@
 
 namespace tz::test {
 
-// The uid the child runs as: nobody's when running as root, else our own.
-inline uid_t unprivileged_uid() {
-    if (::geteuid() != 0) return ::geteuid();
-    const passwd* nobody = ::getpwnam("nobody");
-    return nobody != nullptr ? nobody->pw_uid : 65534;
-}
-
-// Runs `check` in a forked child as the unprivileged user and returns what it returned, or -1 if the child could
-// not run or died. Files the check must be able to reach need to be accessible to that user (see TempDir permissions).
+// Returns what `check` returned (125 if the child could not drop to nobody), or -1 if it could not run or died.
+// Files the check must reach need to be open to that user.
 inline int run_unprivileged(const std::function<int()>& check) {
     const pid_t child = ::fork();
-    if (child < 0) return -1;
     if (child == 0) {
-        if (::geteuid() == 0) {
-            const uid_t uid = unprivileged_uid();
-            if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0)
-                ::_exit(125);
-        }
+        const passwd* nobody = ::geteuid() == 0 ? ::getpwnam("nobody") : nullptr;
+        const uid_t uid = nobody != nullptr ? nobody->pw_uid : 65534;
+        if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0))
+            ::_exit(125);
         ::_exit(check());
     }
     int status = 0;
-    if (::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
+    return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace tz::test

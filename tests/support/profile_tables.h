@@ -50,11 +50,8 @@ inline std::string run_python(const std::string& code, const std::string& args) 
     write_file(dir.file("script.py"), code);
     FILE* pipe = ::popen(("/usr/bin/python3 " + dir.file("script.py") + " " + args).c_str(), "r");
     std::string out;
-    char buffer[4096];
-    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, got);
-    if (pipe == nullptr || ::pclose(pipe) != 0) out += "\n(python failed)";
-    return out;
+    for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
+    return pipe != nullptr && ::pclose(pipe) == 0 ? out : out + "\n(python failed)";
 }
 
 }  // namespace tz::test

@@ -12,35 +12,21 @@ namespace tz::test {
 class StderrCapture {
 public:
     explicit StderrCapture(int fd = STDERR_FILENO) : fd_(fd), file_(std::tmpfile()), saved_(::dup(fd)) {
-        flush();
-        ::dup2(::fileno(file_), fd_);
+        std::fflush(nullptr), ::dup2(::fileno(file_), fd_);
     }
-    ~StderrCapture() {
-        restore();
-        ::close(saved_);
-        std::fclose(file_);
-    }
+    ~StderrCapture() { restore(), ::close(saved_), std::fclose(file_); }
     StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
 
-    // Ends the capture and returns what was written.
+    // Ends the capture; returns what was written.
     std::string finish() {
-        restore();
+        restore(), std::rewind(file_);
         std::string text;
-        std::rewind(file_);
         for (int c; (c = std::fgetc(file_)) != EOF;) text += static_cast<char>(c);
         return text;
     }
 
 private:
-    static void flush() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-    }
-    void restore() {
-        flush();
-        ::dup2(saved_, fd_);
-    }
+    void restore() const { std::fflush(nullptr), ::dup2(saved_, fd_); }
     int fd_;
     std::FILE* file_;
     int saved_;
