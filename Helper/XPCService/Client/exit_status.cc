@@ -3,6 +3,7 @@
 #include <array>
 
 #include "bus_names.h"
+#include "replies.h"
 
 namespace tz::ctl {
 namespace {
@@ -113,12 +114,12 @@ Verdict verdict(When when, std::string_view key, const Fill& fill) {
 }  // namespace
 
 Verdict judge_reply(std::string_view command, std::string_view subject, std::string_view reply) {
-    constexpr std::string_view kIRet = "iRet=";
-    if (reply == "TRUE" || reply == "iRet=0") return {};
+    using namespace tz::protocol;
+    if (reply == kReplyTrue || reply == walk_reply(0)) return {};
     const Fill fill{subject, reply, {}, {}};
-    if (reply == "FALSE") return verdict(When::kFalse, command, fill);
-    if (reply.substr(0, kIRet.size()) == kIRet)
-        return verdict(When::kIRet, reply.substr(kIRet.size()), fill);
+    if (reply == kReplyFalse) return verdict(When::kFalse, command, fill);
+    if (reply.starts_with(kWalkReplyPrefix))
+        return verdict(When::kIRet, reply.substr(kWalkReplyPrefix.size()), fill);
     return verdict(When::kOther, reply, fill);
 }
 

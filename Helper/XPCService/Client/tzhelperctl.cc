@@ -33,6 +33,7 @@
 #include "exit_status.h"
 #include "helper_client.h"
 #include "methods.h"
+#include "profile_files.h"
 #include "tz_profile_store.h"
 #include "walk_summary.h"
 
@@ -403,7 +404,7 @@ std::string read_profiles(const std::string& path, Profiles& profiles, bool miss
 }
 
 std::string profile_path(const std::string& folder, const std::string& user, const std::string& model) {
-    return folder + user + "-" + model + "-profile.plist";
+    return tz::protocol::profile_file_path(folder, user, model, tz::protocol::kCurrentProfileSuffix);
 }
 
 // ---- output -------------------------------------------------------------------

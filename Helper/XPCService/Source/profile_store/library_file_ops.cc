@@ -8,19 +8,9 @@
 #include <array>
 
 #include "file_ops.h"
-#include "guarded_format.h"
 #include "profile_store.h"
 
 namespace {
-
-using PathBuffer = std::array<char, TZ_PATH_BUFFER>;
-
-// Returns false, leaving `out` alone, when the global is unset.
-bool copy_path(const char* path, PathBuffer& out) {
-    if (path == nullptr) return false;
-    tz::guarded_format(out.data(), out.size(), "%s", path);
-    return true;
-}
 
 // The account entry of the calling user is looked up and not used. The
 // reentrant form keeps concurrent callers off each other's static buffer.
@@ -34,6 +24,8 @@ void look_up_account() {
 }  // namespace
 
 namespace tz::store {
+
+using PathBuffer = KeyBuffer;  // a path global, copied
 
 bool is_admin_profile() {
     PathBuffer current;

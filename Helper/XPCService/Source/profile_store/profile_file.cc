@@ -6,9 +6,9 @@
 
 namespace tz::store {
 
-bool copy_current_path(KeyBuffer& out) {
-    if (TZ_PLIST_PROFILE_PATH == nullptr) return false;
-    tz::guarded_format(out.data(), out.size(), "%s", TZ_PLIST_PROFILE_PATH);
+bool copy_path(const char* path, KeyBuffer& out) {
+    if (path == nullptr) return false;
+    tz::guarded_format(out.data(), out.size(), "%s", path);
     return true;
 }
 
@@ -40,7 +40,7 @@ void read_text(const plist::Value* found, char* field) {
 
 plist::DictRef read_current_profile() {
     KeyBuffer path;
-    if (!copy_current_path(path)) return {};
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, path)) return {};
     return plist::read_file(path.data());
 }
 

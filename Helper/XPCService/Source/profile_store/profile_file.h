@@ -18,10 +18,10 @@ namespace tz::store {
 
 using KeyBuffer = std::array<char, TZ_PATH_BUFFER>;
 
-// Copies the current profile path with "%s" into a zeroed 255-byte buffer
-// (a path of 255 bytes or more ends the process). False, leaving `out`
-// alone, while the path global is unset.
-bool copy_current_path(KeyBuffer& out);
+// Copies `path` (one of the path globals) with "%s" into a zeroed 255-byte
+// buffer (a path of 255 bytes or more ends the process). False, leaving
+// `out` alone, while it is unset (null).
+bool copy_path(const char* path, KeyBuffer& out);
 
 // The key of one slot of one field: "%s%04d" of the field's key text and the
 // slot number, formatted into a zeroed 255-byte buffer (a key that does not

@@ -50,7 +50,7 @@ CategoryDicts make_category_dicts(uint32_t category, const ProfileTable& table) 
 int32_t write_profile_tables(const ProfileTable& rgb, const ProfileTable& sim,
                              const ProfileTable& dst) {
     KeyBuffer path;
-    if (!copy_current_path(path)) return -1;
+    if (!copy_path(TZ_PLIST_PROFILE_PATH, path)) return -1;
     DictRef root = DictRef::make(std::make_shared<plist::TextStore>());
     const ProfileTable* tables[3] = {&rgb, &sim, &dst};
     for (uint32_t c = 0; c < 3; ++c)

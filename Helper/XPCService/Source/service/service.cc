@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "file_ops.h"
+#include "replies.h"
 #include "request.h"
 #include "utf8.h"
 #include "tz_writes.h"
@@ -13,10 +14,7 @@
 namespace tz {
 namespace {
 
-const std::string kTrue = "TRUE";
-const std::string kFalse = "FALSE";
-
-const std::string& answer(bool yes) { return yes ? kTrue : kFalse; }
+std::string answer(bool yes) { return std::string(yes ? protocol::kReplyTrue : protocol::kReplyFalse); }
 
 // A field handed on as a path: its UTF-8 form, or no path when it has none.
 std::optional<std::string> as_path(std::optional<std::string_view> field) {
@@ -43,7 +41,7 @@ void Service::tzPListSwapProfile_XPC(std::string_view request, const Reply& repl
     const auto current = as_path(swap.current);
     const auto previous = as_path(swap.previous);
     swap_profiles(swap.type, c_str(current), c_str(previous), Opening::named);
-    reply(kTrue);
+    reply(answer(true));
 }
 
 void Service::tzPListExistProfile_XPC(std::string_view request, const Reply& reply) const {
