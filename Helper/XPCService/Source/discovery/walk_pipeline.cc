@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <net-snmp/library/large_fd_set.h>
 #include <sys/select.h>
 
@@ -19,6 +20,10 @@ constexpr oid kMaxSubIdentifier = 0xFFFFFFFFUL;
 constexpr double kMinThreshold = 2.0;
 // The longest single wait: the stop check is asked at least this often.
 constexpr long kWaitSliceMicroseconds = 200'000;
+// A guess costs the walk about what an answer costs (sending, reading,
+// keeping it) and the agent a request: it pays only where a round trip is
+// this many times the walk's busy time per answer.
+constexpr double kPaysFactor = 4.0;
 // A window starts with one guess beside the chain's request (when the cap
 // allows it): without a guess in flight no guess can hit and grow it.
 constexpr double kInitialWindow = 2.0;
@@ -35,6 +40,103 @@ Pdu request_for(int command, const oid* name, std::size_t name_length) {
     Pdu pdu(snmp_pdu_create(command));
     if (pdu) snmp_add_null_var(pdu.get(), name, name_length);
     return pdu;
+}
+
+void NamePredictor::passed(const Name& head) {
+    if (first_.empty() && head.size() > root_.size()) first_ = head;
+    if (head.size() > root_.size() && head.size() == previous_.size() && head.back() == previous_.back() + 1 &&
+        std::equal(head.begin(), head.end() - 1, previous_.begin()))
+        runs_.emplace(head.begin(), head.end() - 1);
+    previous_ = head;
+    revealed_.erase(revealed_.begin(), revealed_.upper_bound(head));
+    learn_table(head);
+}
+
+void NamePredictor::learn(const Name& asked, const netsnmp_pdu* answer) {
+    const netsnmp_variable_list* var = answer != nullptr && answer->errstat == SNMP_ERR_NOERROR
+                                           ? answer->variables
+                                           : nullptr;
+    Name next;
+    if (var != nullptr && (var->type & 0x80) == 0) next.assign(var->name, var->name + var->name_length);
+    const bool inside = next.size() > root_.size() && std::equal(root_.begin(), root_.end(), next.begin());
+    const Name column(asked.begin(), asked.end() - (asked.empty() ? 0 : 1));
+    const bool same_column = inside && next > asked && next.size() == asked.size() &&
+                             std::equal(column.begin(), column.end(), next.begin());
+    if (!same_column && asked.size() > root_.size()) {  // nothing in this column past `asked`
+        const auto end = ends_.try_emplace(column, asked.back()).first;
+        end->second = std::min(end->second, asked.back());
+    }
+    if (!inside || next <= asked) return;
+    if (same_column && next.back() != asked.back() + 1) gaps_[asked] = next;
+    revealed_.insert(next);
+    learn_table(next);
+}
+
+// Finds the column from a name that differs from the first in one
+// sub-identifier before the last, and files the name's row and column.
+void NamePredictor::learn_table(const Name& name) {
+    if (first_.empty() || name.size() <= root_.size()) return;
+    if (column_ == 0) {
+        if (remembered_.size() < kMaxRemembered) remembered_.push_back(name);
+        if (name.size() != first_.size()) return;
+        std::size_t differ = 0, at = 0;
+        for (std::size_t i = root_.size(); i < name.size(); ++i)
+            if (name[i] != first_[i]) ++differ, at = i;
+        if (differ != 1 || at + 1 >= name.size() || name[at] < first_[at]) return;
+        column_ = at;
+        for (const Name& seen : std::exchange(remembered_, {})) learn_table(seen);
+        return;
+    }
+    if (!in_table(name)) return;
+    columns_.insert(name[column_]);
+    rows_.emplace(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
+}
+
+bool NamePredictor::in_table(const Name& name) const {
+    return column_ != 0 && name.size() > column_ + 1 &&
+           std::equal(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(column_), name.begin());
+}
+
+Name NamePredictor::cell(oid column, const Name& row) const {
+    Name name(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(column_));
+    name.push_back(column);
+    name.insert(name.end(), row.begin(), row.end());
+    return name;
+}
+
+std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool runs) const {
+    std::optional<Next> best;
+    const auto consider = [&](Name candidate, bool known) {
+        if (candidate > name && (!best || candidate < best->name)) best = Next{std::move(candidate), known};
+    };
+    if (const auto shown = revealed_.upper_bound(name); shown != revealed_.end()) consider(*shown, true);
+    if (in_table(name) && !rows_.empty()) {
+        const oid column = name[column_];
+        const Name row(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
+        if (const auto next = rows_.upper_bound(row); next != rows_.end()) {
+            consider(cell(column, *next), true);
+        } else if (const auto later = columns_.upper_bound(column); later != columns_.end()) {
+            consider(cell(*later, *rows_.begin()), true);
+        } else if (columns_.count(column) != 0 && column < kMaxSubIdentifier) {
+            consider(cell(column + 1, *rows_.begin()), true);  // one column past the known ones
+        }
+        return best;
+    }
+    if (!runs || name.size() <= root_.size() || name.back() >= kMaxSubIdentifier) return best;
+    // Along a run: not past the column's known end, not into a known gap,
+    // and in a column other than the first only once it has shown a run.
+    const Name column(name.begin(), name.end() - 1);
+    const auto end = ends_.find(column);
+    if (end != ends_.end() && name.back() >= end->second) return best;
+    if (auto gap = gaps_.upper_bound(name); gap != gaps_.begin() && (--gap)->second > name &&
+                                            gap->first.size() == name.size() && gap->first <= name)
+        return best;
+    Name next = name;
+    ++next.back();
+    const bool first_column = first_.size() == name.size() && std::equal(column.begin(), column.end(), first_.begin());
+    if (!first_column && runs_.count(column) == 0) return best;
+    consider(std::move(next), false);
+    return best;
 }
 
 Window::Window(int32_t cap)
@@ -69,6 +171,8 @@ GetNextPipeline::~GetNextPipeline() {
 int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& response) {
     response.reset();
     const Name head(name, name + name_length);
+    if (!predictor_) predictor_.emplace(head), started_ = Clock::now();
+    predictor_->passed(head);
     // Guesses below the new name are ones the chain has passed.
     const bool guessed = !guesses_.empty();
     guesses_.erase(guesses_.begin(), guesses_.lower_bound(head));
@@ -78,6 +182,7 @@ int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& res
             const auto used = guesses_.find(head);
             response = std::move(used->second.answer);
             guesses_.erase(used);
+            ++answers_;
             chain_->s_snmp_errno = SNMPERR_SUCCESS;  // as a response on the chain sets it
             return STAT_SUCCESS;
         }
@@ -124,6 +229,7 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     (void)pdu.release();
     chain_request_ = ChainRequest{true, reqid, true, STAT_SUCCESS, nullptr};
     if (command == SNMP_MSG_GETNEXT) guess_after(name);
+    const Clock::time_point sent = Clock::now();
     while (chain_request_.waiting) {
         const Waited waited = wait_once();
         if (waited == Waited::kSome) continue;
@@ -138,6 +244,12 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     }
     chain_request_.active = false;
     response = std::move(chain_request_.response);
+    if (chain_request_.status == STAT_SUCCESS && command == SNMP_MSG_GETNEXT) {
+        const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
+        round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
+        ++answers_;
+        if (predictor_) predictor_->learn(name, response.get());
+    }
     return chain_request_.status;
 }
 
@@ -148,26 +260,41 @@ int GetNextPipeline::stopped() {
     return STAT_TIMEOUT;
 }
 
-// Keeps the window full with guesses N+1, N+2, ... after `name` N, going on
-// from the last guess when that is further down the same column.
+// Keeps the window full with the predicted names after `name`, each the
+// predicted successor of the one before, in the walk's own order, going on
+// from the last guess while the chain is still on the guessed path. Guesses
+// along runs are held to the congestion window; names the walk has seen or
+// the table gives, only to the pace.
 void GetNextPipeline::guess_after(const Name& name) {
-    if (name.size() <= root_length_) return;
-    const auto window = static_cast<std::size_t>(window_.size());
-    const bool same_column = frontier_.size() == name.size() &&
-                             std::equal(name.begin(), name.end() - 1, frontier_.begin()) &&
-                             frontier_.back() > name.back();
-    Name next = same_column ? frontier_ : name;
-    const oid lead_limit = name.back() + static_cast<oid>(window_.cap());
-    while (in_flight() < window) {
-        if (next.back() >= kMaxSubIdentifier || next.back() >= lead_limit) return;
-        ++next.back();
+    if (!predictor_) return;
+    const std::size_t window = paced_window();
+    if (window <= 1) return;
+    const bool on_path = frontier_ > name && guesses_.count(frontier_) != 0;
+    Name next = on_path ? frontier_ : name;
+    std::size_t runs = 0;
+    for (const auto& [guessed, guess] : guesses_) runs += guessed > name && !guess.known ? 1 : 0;
+    for (std::size_t step = 0; in_flight() < window && step < 8 * window; ++step) {
+        auto guess = predictor_->after(next, runs < static_cast<std::size_t>(window_.size()));
+        if (!guess) return;
+        next = std::move(guess->name);
         if (guesses_.count(next) != 0) continue;
-        if (!send_guess(next)) return;
+        if (!send_guess(next, guess->known)) return;
         frontier_ = next;
+        runs += guess->known ? 0 : 1;
     }
 }
 
-bool GetNextPipeline::send_guess(const Name& name) {
+// The pace: at most the round trip over the walk's busy time per answer
+// (1 until both are measured), and the threshold the losses have left.
+std::size_t GetNextPipeline::paced_window() const {
+    if (window_.cap() <= 1 || answers_ == 0 || round_trip_ == 0.0) return 1;
+    const double busy =
+        std::chrono::duration<double>(Clock::now() - started_ - waited_).count() / static_cast<double>(answers_);
+    const double pace = busy > 0.0 ? round_trip_ / (kPaysFactor * busy) : static_cast<double>(window_.cap());
+    return std::clamp<std::size_t>(static_cast<std::size_t>(pace), 1, static_cast<std::size_t>(window_.threshold()));
+}
+
+bool GetNextPipeline::send_guess(const Name& name, bool known) {
     if (!guesser_ && !open_guess_session()) return false;
     Pdu pdu = request_for(SNMP_MSG_GETNEXT, name.data(), name.size());
     if (!pdu) return false;
@@ -176,7 +303,7 @@ bool GetNextPipeline::send_guess(const Name& name) {
         return false;
     (void)pdu.release();
     pending_.emplace(reqid, name);
-    guesses_[name] = Guess{reqid, nullptr};
+    guesses_[name] = Guess{reqid, nullptr, known};
     return true;
 }
 
@@ -289,6 +416,7 @@ void GetNextPipeline::on_guess_event(int op, long reqid, netsnmp_pdu* pdu) {
     const bool wanted = guess != guesses_.end() && guess->second.reqid == reqid;
     if (op == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE && pdu != nullptr &&
         pdu->command == SNMP_MSG_RESPONSE) {
+        if (predictor_) predictor_->learn(name, pdu);
         if (wanted) guess->second.answer.reset(snmp_clone_pdu(pdu));
         if (!wanted || guess->second.answer) return;  // kept (or not needed)
     }
@@ -313,7 +441,9 @@ GetNextPipeline::Waited GetNextPipeline::wait_once() {
     }
     const bool sliced = timeout.tv_sec > 0 || timeout.tv_usec > kWaitSliceMicroseconds;
     if (sliced) timeout = timeval{0, kWaitSliceMicroseconds};
+    const Clock::time_point before = Clock::now();
     const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &timeout);
+    waited_ += Clock::now() - before;
     if (count > 0) {
         snmp_read2(&fds_);
     } else if (count == 0) {
