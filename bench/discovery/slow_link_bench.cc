@@ -8,7 +8,7 @@
 //  - On plain loopback: the default window against window 1, interleaved.
 // Prints the medians and the ratios against their goals.
 //
-// Usage: slow_link_bench [DELAY_MS_EACH_WAY [REPETITIONS [LOOPBACK_REPETITIONS]]]
+// Usage: [TZ_BENCH_SHAPES=part-of-a-name] slow_link_bench [DELAY_MS_EACH_WAY [REPETITIONS [LOOPBACK_REPETITIONS]]]
 //        (defaults 10, 5 and 21; a delay of 0 runs the loopback part only)
 #include <sys/wait.h>
 #include <unistd.h>
@@ -106,6 +106,12 @@ long packets_in(const tz::test::SnmpAgent& agent) {
     return value;
 }
 
+// Whether `shape` is measured: all, or those whose name contains $TZ_BENCH_SHAPES.
+bool chosen(const Shape& shape) {
+    const char* only = std::getenv("TZ_BENCH_SHAPES");
+    return only == nullptr || std::strstr(shape.name, only) != nullptr;
+}
+
 void ratio(const char* label, double value, const char* goal, bool met) {
     std::printf("  %-46s %8.2f   (goal %s) %s\n", label, value, goal, met ? "ok" : "MISSED");
 }
@@ -134,6 +140,7 @@ int main(int argc, char** argv) {
                 delay_ms, repetitions);
     for (const Shape& shape : slow) {
         if (delay_ms <= 0) break;  // the loopback part only
+        if (!chosen(shape)) continue;
         tz::test::SnmpAgent agent(shape.lines);
         DelayRelay relay(agent, delay_ms);
         mib_walk_at(agent.peer(), shape.root, default_window);  // starts the library, warms snmpd
@@ -173,6 +180,7 @@ int main(int argc, char** argv) {
         {"switch interface table", tz::test::kSwitchTable, tz::test::switch_table(), 0},
     };
     for (const Shape& shape : near) {
+        if (!chosen(shape)) continue;
         tz::test::SnmpAgent agent(shape.lines);
         mib_walk_at(agent.peer(), shape.root, default_window);
         std::vector<double> at_one, at_default;  // interleaved, so drift hits both

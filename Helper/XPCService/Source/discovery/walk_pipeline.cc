@@ -21,12 +21,20 @@ constexpr double kMinThreshold = 2.0;
 // The longest single wait: the stop check is asked at least this often.
 constexpr long kWaitSliceMicroseconds = 200'000;
 // A guess costs the walk about what an answer costs (sending, reading,
-// keeping it) and the agent a request: it pays only where a round trip is
-// this many times the walk's busy time per answer.
+// keeping it) and the agent a request: guessing starts only where a round
+// trip is this many times the walk's busy time per answer.
 constexpr double kPaysFactor = 4.0;
-// A window starts with one guess beside the chain's request (when the cap
-// allows it): without a guess in flight no guess can hit and grow it.
-constexpr double kInitialWindow = 2.0;
+// Guesses along runs a window starts with: a short table's first column in
+// one round trip, at the cost of a few requests past the end of a shorter one.
+constexpr double kInitialWindow = 16.0;
+// After a miss or a loss the window falls back to this, not below.
+constexpr double kFloorWindow = 2.0;
+// Columns past the last one shown whose rows are guessed: each new column
+// costs no round trip of its own, at the cost of these columns' rows wasted
+// past the table's end.
+constexpr oid kColumnsAhead = 2;
+// Answers between two decisions on the pace, once it is known.
+constexpr long kPaceEvery = 32;
 
 // The pipeline that may take callbacks. A request can outlive its pipeline
 // in the library (a chain request answered with a PDU of the wrong kind stays
@@ -111,14 +119,17 @@ std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool r
     };
     if (const auto shown = revealed_.upper_bound(name); shown != revealed_.end()) consider(*shown, true);
     if (in_table(name) && !rows_.empty()) {
+        // Past the last known column, the next kColumnsAhead columns' rows
+        // are guesses along a run (held to the congestion window).
         const oid column = name[column_];
+        const bool shown = columns_.count(column) != 0;
         const Name row(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
         if (const auto next = rows_.upper_bound(row); next != rows_.end()) {
-            consider(cell(column, *next), true);
+            if (shown || runs) consider(cell(column, *next), shown);
         } else if (const auto later = columns_.upper_bound(column); later != columns_.end()) {
             consider(cell(*later, *rows_.begin()), true);
-        } else if (columns_.count(column) != 0 && column < kMaxSubIdentifier) {
-            consider(cell(column + 1, *rows_.begin()), true);  // one column past the known ones
+        } else if (runs && column < *columns_.rbegin() + kColumnsAhead && column < kMaxSubIdentifier) {
+            consider(cell(column + 1, *rows_.begin()), false);
         }
         return best;
     }
@@ -126,8 +137,7 @@ std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool r
     // Along a run: not past the column's known end, not into a known gap,
     // and in a column other than the first only once it has shown a run.
     const Name column(name.begin(), name.end() - 1);
-    const auto end = ends_.find(column);
-    if (end != ends_.end() && name.back() >= end->second) return best;
+    if (name.back() >= end_of(column)) return best;
     if (auto gap = gaps_.upper_bound(name); gap != gaps_.begin() && (--gap)->second > name &&
                                             gap->first.size() == name.size() && gap->first <= name)
         return best;
@@ -139,6 +149,19 @@ std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool r
     return best;
 }
 
+// Past which last sub-identifier `column` has no name: what an answer showed,
+// or else where the column before it ended (columns of a table share their
+// rows); none known: the largest.
+oid NamePredictor::end_of(const Name& column) const {
+    auto end = ends_.lower_bound(column);
+    if (end != ends_.end() && end->first == column) return end->second;
+    if (end == ends_.begin() || column.empty()) return kMaxSubIdentifier;
+    --end;
+    const Name& sibling = end->first;
+    const bool beside = sibling.size() == column.size() && std::equal(column.begin(), column.end() - 1, sibling.begin());
+    return beside ? end->second : kMaxSubIdentifier;
+}
+
 Window::Window(int32_t cap)
     : cap_(std::max<int32_t>(cap, 1)), size_(std::min<double>(kInitialWindow, cap_)), threshold_(cap_) {}
 
@@ -147,11 +170,11 @@ void Window::hit() {
     size_ = std::min(size_, static_cast<double>(cap_));
 }
 
-void Window::miss() { size_ = std::max(std::min<double>(kInitialWindow, cap_), size_ / 2); }
+void Window::miss() { size_ = std::max(std::min<double>(kFloorWindow, cap_), size_ / 2); }
 
 void Window::loss() {
     threshold_ = std::max(kMinThreshold, size_ / 2);
-    size_ = std::min<double>(kInitialWindow, cap_);
+    size_ = std::min<double>(kFloorWindow, cap_);
 }
 
 GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
@@ -247,7 +270,7 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     if (chain_request_.status == STAT_SUCCESS && command == SNMP_MSG_GETNEXT) {
         const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
         round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
-        ++answers_;
+        if (++answers_ == 1) decide_pace();
         if (predictor_) predictor_->learn(name, response.get());
     }
     return chain_request_.status;
@@ -284,14 +307,23 @@ void GetNextPipeline::guess_after(const Name& name) {
     }
 }
 
-// The pace: at most the round trip over the walk's busy time per answer
-// (1 until both are measured), and the threshold the losses have left.
-std::size_t GetNextPipeline::paced_window() const {
-    if (window_.cap() <= 1 || answers_ == 0 || round_trip_ == 0.0) return 1;
+// The pace, decided after the first answer and then once per kPaceEvery:
+// 1 while a round trip is less than kPaysFactor times the walk's busy time
+// per answer, else the round trip over that busy time (the requests the
+// walk can handle while one goes and comes back), at most the cap.
+void GetNextPipeline::decide_pace() {
+    decided_at_ = answers_;
+    if (window_.cap() <= 1 || round_trip_ == 0.0) return;
     const double busy =
         std::chrono::duration<double>(Clock::now() - started_ - waited_).count() / static_cast<double>(answers_);
-    const double pace = busy > 0.0 ? round_trip_ / (kPaysFactor * busy) : static_cast<double>(window_.cap());
-    return std::clamp<std::size_t>(static_cast<std::size_t>(pace), 1, static_cast<std::size_t>(window_.threshold()));
+    const double pace = busy > 0.0 ? round_trip_ / busy : static_cast<double>(window_.cap());
+    pace_ = pace < kPaysFactor ? 1 : std::min(static_cast<std::size_t>(pace), static_cast<std::size_t>(window_.cap()));
+}
+
+// The pace, and no more than the threshold the losses have left.
+std::size_t GetNextPipeline::paced_window() {
+    if (answers_ - decided_at_ >= kPaceEvery) decide_pace();
+    return std::min<std::size_t>(pace_, static_cast<std::size_t>(window_.threshold()));
 }
 
 bool GetNextPipeline::send_guess(const Name& name, bool known) {
@@ -446,6 +478,16 @@ GetNextPipeline::Waited GetNextPipeline::wait_once() {
     waited_ += Clock::now() - before;
     if (count > 0) {
         snmp_read2(&fds_);
+        // While guesses are out, read whatever else has come before the
+        // chain goes on, so that what it shows is known to the next guesses.
+        for (timeval now{}; !pending_.empty(); now = timeval{}) {
+            NETSNMP_LARGE_FD_ZERO(&fds_);
+            fds = 0, block = 0;
+            snmp_sess_select_info2_flags(nullptr, &fds, &fds_, &now, &block, NETSNMP_SELECT_NOALARMS);
+            now = timeval{};
+            if (netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &now) <= 0) break;
+            snmp_read2(&fds_);
+        }
     } else if (count == 0) {
         if (!sliced) snmp_timeout();
     } else if (errno != EINTR) {

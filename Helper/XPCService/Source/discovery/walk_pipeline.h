@@ -128,6 +128,7 @@ private:
     bool in_table(const Name& name) const;
     void learn_table(const Name& name);
     Name cell(oid column, const Name& row) const;
+    oid end_of(const Name& column) const;
 
     static constexpr std::size_t kMaxRemembered = 20000;  // names kept before the table is known
     Name root_;
@@ -194,7 +195,8 @@ private:
     int ask_on_chain(int command, const Name& name, Pdu& response);
     int stopped();
     void guess_after(const Name& name);
-    std::size_t paced_window() const;
+    std::size_t paced_window();
+    void decide_pace();
     bool send_guess(const Name& name, bool known);
     bool open_guess_session();
     std::size_t in_flight() const { return pending_.size() + (chain_request_.waiting ? 1 : 0); }
@@ -215,6 +217,8 @@ private:
     std::optional<NamePredictor> predictor_;  // from the first GETNEXT, its name the root
     // The pace: the chain's round trip and the walk's busy time, in seconds.
     double round_trip_ = 0.0;
+    std::size_t pace_ = 1;                  // as last decided
+    long decided_at_ = 0;                   // answers_ then
     Clock::duration waited_{};              // blocked in select, in all
     Clock::time_point started_{};           // the first exchange
     long answers_ = 0;                      // exchanges answered
