@@ -140,8 +140,11 @@ void TZSetWalkLimits(int32_t seconds, int32_t variables);
 
 /* The most GETNEXT requests a walk keeps in flight: the cap of its window
  * (default 64, see the top of this file). 1 turns the guessing off: one
- * request at a time, exactly the sequential walk's requests. Values below 1
- * are taken as 1. Read at the start of each walk. */
+ * request at a time, exactly the sequential walk's requests. A negative
+ * value -N sets the cap N and skips the pace: the walk guesses up to N
+ * requests even on a fast link (for tests and measurements; the congestion
+ * window still falls back). 0 is taken as 1. Read at the start of each
+ * walk; TZGetWalkWindow gives the value as set. */
 void TZSetWalkWindow(int32_t window);
 int32_t TZGetWalkWindow(void);
 

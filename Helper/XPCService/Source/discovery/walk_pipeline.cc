@@ -179,7 +179,9 @@ void Window::loss() {
 
 GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
                                  std::size_t root_length, int32_t cap, StopCheck stop)
-    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap), stop_(std::move(stop)) {
+    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap < 0 ? -std::max(cap, -INT32_MAX) : cap),
+      stop_(std::move(stop)), forced_(cap < 0) {
+    if (forced_) pace_ = static_cast<std::size_t>(window_.cap());
     netsnmp_large_fd_set_init(&fds_, FD_SETSIZE);
     live_pipeline.store(this, std::memory_order_release);
 }
@@ -196,6 +198,8 @@ int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& res
     const Name head(name, name + name_length);
     if (!predictor_) predictor_.emplace(head), started_ = Clock::now();
     predictor_->passed(head);
+    advancing_ = head_.empty() || head > head_;  // an agent that repeats itself: guesses cannot help
+    head_ = head;
     // Guesses below the new name are ones the chain has passed.
     const bool guessed = !guesses_.empty();
     guesses_.erase(guesses_.begin(), guesses_.lower_bound(head));
@@ -289,7 +293,7 @@ int GetNextPipeline::stopped() {
 // along runs are held to the congestion window; names the walk has seen or
 // the table gives, only to the pace.
 void GetNextPipeline::guess_after(const Name& name) {
-    if (!predictor_) return;
+    if (!predictor_ || !advancing_) return;
     const std::size_t window = paced_window();
     if (window <= 1) return;
     const bool on_path = frontier_ > name && guesses_.count(frontier_) != 0;
@@ -313,7 +317,7 @@ void GetNextPipeline::guess_after(const Name& name) {
 // walk can handle while one goes and comes back), at most the cap.
 void GetNextPipeline::decide_pace() {
     decided_at_ = answers_;
-    if (window_.cap() <= 1 || round_trip_ == 0.0) return;
+    if (forced_ || window_.cap() <= 1 || round_trip_ == 0.0) return;
     const double busy =
         std::chrono::duration<double>(Clock::now() - started_ - waited_).count() / static_cast<double>(answers_);
     const double pace = busy > 0.0 ? round_trip_ / busy : static_cast<double>(window_.cap());

@@ -151,6 +151,7 @@ public:
 
     // `settings` are the parsed arguments `chain` was opened from; both must
     // outlive the pipeline. `root_length` is the walked root's length.
+    // `cap` bounds the window; a negative cap -N is N with the pace skipped.
     GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
                     std::size_t root_length, int32_t cap, StopCheck stop);
     ~GetNextPipeline();  // closes the guess session; its stale requests die
@@ -211,9 +212,12 @@ private:
     StopCheck stop_;
     Session guesser_;
     bool guessing_off_ = false;             // end_guessing, or the guess session did not open
+    const bool forced_;                     // the pace skipped
     std::map<Name, Guess> guesses_;         // guesses the chain may still reach
     std::unordered_map<long, Name> pending_;  // guess requests not yet called back
     Name frontier_;                         // the last name guessed
+    Name head_;                             // the chain's last name
+    bool advancing_ = true;                 // past the one before it
     std::optional<NamePredictor> predictor_;  // from the first GETNEXT, its name the root
     // The pace: the chain's round trip and the walk's busy time, in seconds.
     double round_trip_ = 0.0;
