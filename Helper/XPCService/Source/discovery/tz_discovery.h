@@ -28,17 +28,17 @@
  *    else) but does not wait for each answer before asking the next: while
  *    the request for the next name is in flight it also asks for the names
  *    it expects next (names answers showed, the table's rows in later
- *    columns, runs in the first column: walk_pipeline.h),
+ *    columns and in the next two, runs in the first column: walk_pipeline.h),
  *    and uses an answer only for the name the one-at-a-time walk would have
  *    asked for at that step. What it spools, counts, prints, reports and
  *    writes is what the one-at-a-time walk gives; a guess that is lost or
  *    late is not used, and only the requests for the walk's own next name
  *    time out or fail the walk, with the session's timeout and retries.
- *    The number of requests in flight is at most the measured round trip
- *    over four times the walk's busy time per answer (near 1 on a fast
- *    local link) and adapts like TCP's window (more while guesses hit,
- *    fewer on misses, back to 2 on loss) up to a cap:
- *    TZSetWalkWindow. The default cap, 64, is the smallest power of two
+ *    It guesses only where the measured round trip is at least four times
+ *    the walk's busy time per answer (not on a fast local link), then keeps
+ *    up to round trip / busy time requests in flight; guesses along runs
+ *    adapt like TCP's window (16 at first, more while they hit, fewer on
+ *    misses, 2 on loss); all of it up to a cap: TZSetWalkWindow. The default cap, 64, is the smallest power of two
  *    that walks the 500-profile table (3,500 variables) over a 20 ms round
  *    trip within 1.5 times snmpbulkwalk -Cr50's time (measured 1.78 s against
  *    1.57 s; window 1: 74 s; 32 needs about 2.9 s); a larger cap only helps

@@ -16,11 +16,12 @@
 //    change (a name that differs from the first name in one sub-identifier
 //    before the last), it knows where the column sits and the rows (row
 //    indexes of any length), and predicts every later column's names
-//    exactly, row after row, then the next known column (or, past the known
-//    ones, the column after the last known one, and only that one);
+//    exactly, row after row, then the next known column; past the known
+//    ones, the rows of the next two columns are guessed as a run is;
 //  - elsewhere (the first column, or outside the table) it guesses the last
 //    sub-identifier plus one along runs, but never past a point an answer
-//    has shown to be the end of that column.
+//    has shown to be the end of that column or of the column before it;
+//  - while the chain gets a name it has already passed, nothing is guessed.
 // Each guess is the predicted successor of the previous one, so the window
 // holds the next names of the walk in its own order.
 //
@@ -40,16 +41,19 @@
 // The window (requests in flight on both sessions, stale guesses included)
 // has two bounds. The pace: guessing pays only where a round trip is long
 // against the time the walk itself spends per answer (decoding, spooling,
-// its loop), so the window may hold at most round trip / time per answer
-// requests, both measured as the walk goes (a round trip of the chain's
-// requests, the walk's busy time outside its waits); on a link of
-// sub-millisecond round trips it stays at or near 1. The congestion window:
-// it starts at 2, grows by one per used guess up to the threshold, then by
-// one per window's worth; it is halved (not below 2) when the chain goes
-// where no guess pointed, and back to 2 with the threshold halved when a
-// request went unanswered for a whole timeout. Neither exceeds the cap;
-// with a cap of 1 nothing is guessed and the walk sends exactly the
-// sequential walk's requests, one at a time.
+// its loop), both measured as the walk goes (a round trip of the chain's
+// requests, the walk's busy time outside its waits) and decided after the
+// first answer, then once per 32: below four times, 1 (on a link of
+// sub-millisecond round trips nothing is guessed); else round trip / time
+// per answer. The congestion window, for guesses along runs: it starts at
+// 16, grows by one per used guess up to the threshold, then by one per
+// window's worth; it is halved (not below 2) when the chain goes where no
+// guess pointed, and back to 2 with the threshold halved when a request
+// went unanswered for a whole timeout. Neither exceeds the cap; with a cap
+// of 1 nothing is guessed and the walk sends exactly the sequential walk's
+// requests, one at a time; a negative cap -N skips the pace (tests).
+// While guesses are out, every answer that has come is read before the
+// chain goes on.
 //
 // Waiting: every wait lasts at most 200 ms, and the stop check the walk
 // hands over is asked before each one; when it says stop, the request on the
