@@ -1,14 +1,15 @@
-// The walk over a slow link, side by side with net-snmp's own walkers, in one
-// run: the 500-profile printer (3,500 variables) on snmpd behind
-// delay_relay.py (a fixed delay each way on 127.0.0.1), walked by
-//   - mib_walk at window 1 (one request at a time),
-//   - mib_walk at the default window,
-//   - `snmpwalk -v1` and `snmpbulkwalk -v2c -Cr50` processes;
-// then mib_walk at both windows straight to snmpd (plain loopback).
-// Prints the median wall time of each and the ratios against their goals.
+// The walk against net-snmp's own walkers, side by side in one run, on
+// several table shapes (device_table.h): the 500-profile printer, the same
+// with gaps, a switch's interface table, 12 profiles and snmpd's MIB-2 tree.
+//  - Over delay_relay.py (a fixed delay each way on 127.0.0.1): mib_walk at
+//    the default window against `snmpbulkwalk -v2c -Cr50` (window 1 too on
+//    the MIB-2 tree), and the requests the agent received against the
+//    sequential count (variables + 1).
+//  - On plain loopback: the default window against window 1, interleaved.
+// Prints the medians and the ratios against their goals.
 //
-// Usage: slow_link_bench [DELAY_MS_EACH_WAY [REPETITIONS [WINDOW1_REPETITIONS]]]
-//        (defaults 10, 5 and 1: a window-1 walk over 20 ms takes over a minute)
+// Usage: [TZ_BENCH_SHAPES=part-of-a-name] slow_link_bench [DELAY_MS_EACH_WAY [REPETITIONS [LOOPBACK_REPETITIONS]]]
+//        (defaults 10, 5 and 21; a delay of 0 runs the loopback part only)
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,16 +66,26 @@ double median(const std::function<bool()>& run, int repetitions) {
     return times[times.size() / 2];
 }
 
-bool mib_walk_at(const std::string& peer, int32_t window) {
+struct Shape {
+    const char* name;
+    std::string root;  // "": the walk's default, MIB-2
+    std::vector<std::string> lines;
+    double bulk_goal;  // over the relay, against snmpbulkwalk; 0: against window 1 instead
+};
+
+int32_t variables = 0;  // of the last walk
+
+bool mib_walk_at(const std::string& peer, const std::string& root, int32_t window) {
     TZSetWalkWindow(window);
-    std::vector<std::string> args = {"snmpwalk", "-v1", "-c", "public", "-t", "1", "-r", "1",
-                                     peer, tz::bench::kTable};
+    std::vector<std::string> args = {"snmpwalk", "-v1", "-c", "public", "-t", "1", "-r", "1", peer};
+    if (!root.empty()) args.push_back(root);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     const int32_t before = numprinted;
-    return mib_walk(static_cast<int32_t>(args.size()), argv.data()) == 0 &&
-           numprinted - before == 3500;
+    const bool ok = mib_walk(static_cast<int32_t>(args.size()), argv.data()) == 0;
+    variables = numprinted - before;
+    return ok && variables > 0;
 }
 
 bool run_tool(const tz::test::SnmpAgent& agent, std::vector<std::string> argv) {
@@ -84,10 +95,25 @@ bool run_tool(const tz::test::SnmpAgent& agent, std::vector<std::string> argv) {
            WEXITSTATUS(status) == 0;
 }
 
-void line(const char* label, double value) { std::printf("  %-44s %8.3f s\n", label, value); }
+// The agent's count of packets received (snmpInPkts), read with snmpget.
+long packets_in(const tz::test::SnmpAgent& agent) {
+    const std::string command = "MIBS= /usr/bin/snmpget -v1 -c public -Oqv " + agent.peer() +
+                                " 1.3.6.1.2.1.11.1.0 2>/dev/null";
+    std::FILE* out = ::popen(command.c_str(), "r");
+    long value = -1;
+    if (out != nullptr && std::fscanf(out, "%ld", &value) != 1) value = -1;
+    if (out != nullptr) ::pclose(out);
+    return value;
+}
+
+// Whether `shape` is measured: all, or those whose name contains $TZ_BENCH_SHAPES.
+bool chosen(const Shape& shape) {
+    const char* only = std::getenv("TZ_BENCH_SHAPES");
+    return only == nullptr || std::strstr(shape.name, only) != nullptr;
+}
 
 void ratio(const char* label, double value, const char* goal, bool met) {
-    std::printf("  %-44s %8.2f   (goal %s) %s\n", label, value, goal, met ? "ok" : "MISSED");
+    std::printf("  %-46s %8.2f   (goal %s) %s\n", label, value, goal, met ? "ok" : "MISSED");
 }
 
 }  // namespace
@@ -95,58 +121,79 @@ void ratio(const char* label, double value, const char* goal, bool met) {
 int main(int argc, char** argv) {
     const int delay_ms = argc > 1 ? std::atoi(argv[1]) : 10;
     const int repetitions = std::max(1, argc > 2 ? std::atoi(argv[2]) : 5);
-    const int window1_repetitions = std::max(1, argc > 3 ? std::atoi(argv[3]) : 1);
+    const int loopback_repetitions = std::max(1, argc > 3 ? std::atoi(argv[3]) : 21);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const int32_t default_window = TZGetWalkWindow();
-
     tz::test::TempDir folder;
     const std::string plist = folder.file("bench-profile.plist");
     TZ_PLIST_PROFILE_PATH = plist.c_str();
-    tz::test::SnmpAgent agent(tz::bench::device_table(500));
-    DelayRelay relay(agent, delay_ms);
-    const std::string& slow = relay.peer();
-    mib_walk_at(agent.peer(), default_window);  // starts the library, warms snmpd
+    char label[96];
 
-    std::printf("walk of 3,500 variables, %d ms each way (median of %d; window 1: %d)\n", delay_ms,
-                repetitions, window1_repetitions);
-    const double pipelined = median([&] { return mib_walk_at(slow, default_window); }, repetitions);
-    const double bulk = median(
-        [&] {
-            return run_tool(agent, {"/usr/bin/snmpbulkwalk", "-v2c", "-c", "public", "-Cr50", "-On",
-                                    slow, tz::bench::kTable});
-        },
-        repetitions);
-    const double tool = median(
-        [&] {
-            return run_tool(agent, {"/usr/bin/snmpwalk", "-v1", "-c", "public", "-On", slow,
-                                    tz::bench::kTable});
-        },
-        window1_repetitions);
-    const double one = median([&] { return mib_walk_at(slow, 1); }, window1_repetitions);
-    line("mib_walk, window 1", one);
-    char label[64];
-    std::snprintf(label, sizeof label, "mib_walk, window %d (default)", default_window);
-    line(label, pipelined);
-    line("snmpwalk -v1", tool);
-    line("snmpbulkwalk -v2c -Cr50", bulk);
-    ratio("pipelined / snmpbulkwalk", pipelined / bulk, "<= 1.5", pipelined <= 1.5 * bulk);
-    ratio("window 1 / pipelined", one / pipelined, ">= 20", one >= 20 * pipelined);
-
-    const int loopback_repetitions = 4 * repetitions + 1;
-    std::printf("the same walk on plain loopback (median of %d)\n", loopback_repetitions);
-    std::vector<double> at_one, at_default;  // interleaved, so drift hits both
-    for (int i = 0; i < loopback_repetitions; ++i) {
-        at_one.push_back(seconds([&] { return mib_walk_at(agent.peer(), 1); }));
-        at_default.push_back(seconds([&] { return mib_walk_at(agent.peer(), default_window); }));
+    const std::vector<Shape> slow = {
+        {"500 profiles", tz::bench::kTable, tz::bench::device_table(500), 1.5},
+        {"500 profiles with gaps", tz::bench::kTable, tz::test::gapped_printer_table(), 1.5},
+        {"switch interface table", tz::test::kSwitchTable, tz::test::switch_table(), 1.5},
+        {"12 profiles", tz::bench::kTable, tz::bench::device_table(12), 2.0},
+        {"MIB-2 of snmpd", "", {}, 0.0},
+    };
+    std::printf("over %d ms each way (median of %d): pipelined v1 | snmpbulkwalk -Cr50 or window 1 | requests\n",
+                delay_ms, repetitions);
+    for (const Shape& shape : slow) {
+        if (delay_ms <= 0) break;  // the loopback part only
+        if (!chosen(shape)) continue;
+        tz::test::SnmpAgent agent(shape.lines);
+        DelayRelay relay(agent, delay_ms);
+        mib_walk_at(agent.peer(), shape.root, default_window);  // starts the library, warms snmpd
+        const long before = packets_in(agent);
+        const double pipelined = median([&] { return mib_walk_at(relay.peer(), shape.root, default_window); },
+                                        repetitions);
+        const double requests = static_cast<double>(packets_in(agent) - before - 1) / repetitions;
+        const double sequential = variables + 1.0;
+        double other = 0.0;
+        if (shape.bulk_goal > 0.0) {
+            std::vector<std::string> bulk = {"/usr/bin/snmpbulkwalk", "-v2c", "-c", "public", "-Cr50", "-On",
+                                             relay.peer()};
+            if (!shape.root.empty()) bulk.push_back(shape.root);
+            other = median([&] { return run_tool(agent, bulk); }, repetitions);
+        } else {
+            other = median([&] { return mib_walk_at(relay.peer(), shape.root, 1); }, 1);
+        }
+        std::printf("%s: %d variables, %.3f s | %.3f s | %.0f sent, %.0f sequential\n", shape.name, variables,
+                    pipelined, other, requests, sequential);
+        if (shape.bulk_goal > 0.0) {
+            std::snprintf(label, sizeof label, "  pipelined / snmpbulkwalk");
+            ratio(label, pipelined / other, shape.bulk_goal > 1.5 ? "<= 2.0" : "<= 1.5",
+                  pipelined <= shape.bulk_goal * other);
+        } else {
+            ratio("  pipelined / window 1", pipelined / other, "<= 1.0", pipelined <= other);
+        }
+        ratio("  requests / sequential", requests / sequential, "<= 1.25", requests <= 1.25 * sequential);
     }
-    std::sort(at_one.begin(), at_one.end());
-    std::sort(at_default.begin(), at_default.end());
-    const double loop_one = at_one[at_one.size() / 2];
-    const double loop_default = at_default[at_default.size() / 2];
-    line("mib_walk, window 1", loop_one);
-    line(label, loop_default);
-    ratio("default window / window 1", loop_default / loop_one, "<= 1.05",
-          loop_default <= 1.05 * loop_one);
+
+    std::printf("plain loopback, default window / window 1 (medians of %d, interleaved)\n", loopback_repetitions);
+    const std::vector<Shape> near = {
+        {"1 profile", tz::bench::kTable, tz::bench::device_table(1), 0},
+        {"12 profiles", tz::bench::kTable, tz::bench::device_table(12), 0},
+        {"40 profiles", tz::bench::kTable, tz::bench::device_table(40), 0},
+        {"150 profiles", tz::bench::kTable, tz::bench::device_table(150), 0},
+        {"500 profiles", tz::bench::kTable, tz::bench::device_table(500), 0},
+        {"switch interface table", tz::test::kSwitchTable, tz::test::switch_table(), 0},
+    };
+    for (const Shape& shape : near) {
+        if (!chosen(shape)) continue;
+        tz::test::SnmpAgent agent(shape.lines);
+        mib_walk_at(agent.peer(), shape.root, default_window);
+        std::vector<double> at_one, at_default;  // interleaved, so drift hits both
+        for (int i = 0; i < loopback_repetitions; ++i) {
+            at_one.push_back(seconds([&] { return mib_walk_at(agent.peer(), shape.root, 1); }));
+            at_default.push_back(seconds([&] { return mib_walk_at(agent.peer(), shape.root, default_window); }));
+        }
+        std::sort(at_one.begin(), at_one.end());
+        std::sort(at_default.begin(), at_default.end());
+        const double one = at_one[at_one.size() / 2], many = at_default[at_default.size() / 2];
+        std::snprintf(label, sizeof label, "%s (%.2f ms / %.2f ms)", shape.name, many * 1e3, one * 1e3);
+        ratio(label, many / one, "<= 1.0", many <= one);
+    }
     TZSetWalkWindow(default_window);
     TZ_PLIST_PROFILE_PATH = nullptr;
 }

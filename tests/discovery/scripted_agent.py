@@ -1,11 +1,13 @@
 #!/usr/bin/python3
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
 "answers": {oid: {"oid", "value"} (no value: endOfMibView) or {"error": N}, "times": N optional} for GETNEXTs of oid,
-"silent_from": oid, "drop_every": K, "delay_every": [K, MS]. Logs requests, prints its port, serves until stdout
-closes."""
-import heapq, json, select, socket, sys, time
+"silent_from": oid, "drop_every": K, "delay_every": [K, MS], "dump": [FILE, PORT] (serves, instead of the table, the
+MIB-2 tree in FILE, walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests, prints
+its port, serves until stdout closes."""
+import bisect, heapq, json, os, select, socket, sys, time
 
 from pyasn1.codec.ber import decoder, encoder
+from pyasn1.type import univ
 from pysnmp.proto import api, rfc1902, rfc1905
 
 TABLE = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1"
@@ -14,9 +16,31 @@ TABLE = "1.3.6.1.4.1.99991.1.1.1.1.6.13.1.1"
 key = lambda text: tuple(int(part) for part in text.split("."))  # noqa: E731
 
 
+def dumped(path, port):  # [(oid, value)] of the MIB-2 tree, once walked into path with v1 GETNEXTs
+    v1, name, found, agent = api.protoModules[api.protoVersion1], (1, 3, 6, 1, 2, 1), [], socket.socket(type=2)
+    while not os.path.exists(path):
+        message, pdu = v1.Message(), v1.GetNextRequestPDU()
+        v1.apiPDU.setDefaults(pdu), v1.apiPDU.setVarBinds(pdu, [(name, v1.Null(""))])
+        v1.apiMessage.setDefaults(message), v1.apiMessage.setCommunity(message, "public")
+        v1.apiMessage.setPDU(message, pdu), agent.sendto(encoder.encode(message), ("127.0.0.1", port))
+        answer = v1.apiMessage.getPDU(decoder.decode(agent.recv(65535), asn1Spec=v1.Message())[0])
+        name, value = v1.apiPDU.getVarBinds(answer)[0] if not v1.apiPDU.getErrorStatus(answer) else ((), None)
+        if tuple(name[:6]) != (1, 3, 6, 1, 2, 1):
+            with open(path + ".part", "w") as out:
+                out.writelines("%s\t%s\t%s\n" % (o, type(v).__name__, int(v) if isinstance(v, univ.Integer) else
+                               v if isinstance(v, univ.ObjectIdentifier) else v.asOctets().hex()) for o, v in found)
+            os.rename(path + ".part", path)
+        found.append((name, value))
+    rows = [line.rstrip("\n").split("\t") for line in open(path)]
+    return [(key(o), getattr(v1, kind)(int(text) if kind in ("Integer", "Counter", "Gauge", "TimeTicks") else text
+                                        if kind == "ObjectIdentifier" else bytes.fromhex(text))) for o, kind, text in rows]
+
+
 log, script = open(sys.argv[1], "a", buffering=1), json.loads(sys.argv[2])
-table = sorted((key("%s.%d.1.%d" % (TABLE, c, r)), v) for r in range(1, script.get("rows", 0) + 1) for c, v in
-               ((1, r), (2, 4 + r % 2), (3, "Profile %d" % r), (4, "PRF%05d.ICC" % r), (5, (r - 1) % 3 + 1), (7, 1)))
+table = dumped(*script["dump"]) if "dump" in script else sorted(
+    (key("%s.%d.1.%d" % (TABLE, c, r)), v) for r in range(1, script.get("rows", 0) + 1) for c, v in
+    ((1, r), (2, 4 + r % 2), (3, "Profile %d" % r), (4, "PRF%05d.ICC" % r), (5, (r - 1) % 3 + 1), (7, 1)))
+names = [o for o, v in table]
 answers = {key(k): v for k, v in script.get("answers", {}).items()}
 silent_from, drop_every = key(script.get("silent_from", "9")), script.get("drop_every", 0)
 delay_every, delay_ms = script.get("delay_every", [0, 0])
@@ -53,7 +77,8 @@ while True:
         if used[asked] > step.get("times", used[asked]):
             continue
     else:
-        found = [(o, v) for o, v in table if (o == asked if kind == "get" else o > asked)][:1]
+        at = bisect.bisect_left(names, asked) if kind == "get" else bisect.bisect_right(names, asked)
+        found = table[at:at + 1] if at < len(table) and (kind != "get" or names[at] == asked) else []
         step = ({"oid": ".".join(map(str, found[0][0])), "value": found[0][1]} if found else
                 {"error": 2} if version == api.protoVersion1 else {"oid": name, "missing": kind == "get"})
     rpdu = module.apiMessage.getPDU(response := module.apiMessage.getResponse(request))
@@ -64,7 +89,7 @@ while True:
     else:
         value = step.get("value")
         value = (rfc1902.Integer(value) if isinstance(value, int) else
-                 rfc1902.OctetString(value.encode()) if isinstance(value, str) else
+                 rfc1902.OctetString(value.encode()) if isinstance(value, str) else value if value is not None else
                  rfc1905.noSuchInstance if step.get("missing") else rfc1905.endOfMibView)
         module.apiPDU.setVarBinds(rpdu, [(rfc1902.ObjectName(step["oid"]), value)])
     delay = delay_ms / 1000.0 if delay_every and count % delay_every == 0 else 0.0

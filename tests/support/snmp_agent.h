@@ -47,6 +47,34 @@ inline std::vector<std::string> printer_table(int rows) {
     return lines;
 }
 
+// Rows 0 to 500 with every third missing outside the runs 0-40, 100-140 and 495-500, and row 777; column 5 missing
+// from every seventh row.
+inline std::vector<std::string> gapped_printer_table() {
+    std::vector<std::string> lines;
+    const auto in_run = [](int r) { return r <= 40 || (r >= 100 && r <= 140) || (r >= 495 && r <= 500) || r == 777; };
+    for (int r = 0; r <= 777; r += r < 500 ? 1 : 277)
+        for (auto& line : printer_row(r, 4 + r % 2, "G" + std::to_string(r) + ".ICC", 1))
+            if ((in_run(r) || r % 3 != 0) && (r % 7 != 0 || line.find(cell(5, r)) == std::string::npos))
+                lines.push_back(line);
+    return lines;
+}
+
+// A switch's interface table as one came from a device: 18 columns (1-10, 13-20), 59 rows with the indexes 1, 60, 70,
+// 5185-5187, 11001-11048, 11101-11104, 14501; columns 9 and 14 lack two rows each.
+inline const std::string kSwitchTable = "1.3.6.1.4.1.99991.2.2.1";
+inline std::vector<std::string> switch_table() {
+    std::vector<int> rows = {1, 60, 70, 5185, 5186, 5187, 14501};
+    for (int r = 11001; r <= 11048; ++r) rows.push_back(r);
+    for (int r = 11101; r <= 11104; ++r) rows.push_back(r);
+    std::vector<std::string> lines;
+    for (int c = 1; c <= 20; ++c)
+        for (const int r : rows)
+            if (c != 11 && c != 12 && !((c == 9 || c == 14) && (r == 70 || r == 11020)))
+                lines.push_back(override_integer(kSwitchTable + "." + std::to_string(c) + "." + std::to_string(r),
+                                                 c * 100000L + r));
+    return lines;
+}
+
 // Runs `argv` with `env`, standard streams on /dev/null; the child's pid or -1.
 inline pid_t spawn_quiet(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
     std::vector<char*> args, vars;

@@ -27,15 +27,18 @@
  *  - The walk stays one GETNEXT per variable (SNMPv1 agents know nothing
  *    else) but does not wait for each answer before asking the next: while
  *    the request for the next name is in flight it also asks for the names
- *    a table column makes likely (the last sub-identifier plus 1, 2, ...),
+ *    it expects next (names answers showed, the table's rows in later
+ *    columns and in the next two, runs in the first column: walk_pipeline.h),
  *    and uses an answer only for the name the one-at-a-time walk would have
  *    asked for at that step. What it spools, counts, prints, reports and
  *    writes is what the one-at-a-time walk gives; a guess that is lost or
  *    late is not used, and only the requests for the walk's own next name
  *    time out or fail the walk, with the session's timeout and retries.
- *    The number of requests in flight adapts like TCP's window (more while
- *    guesses hit, fewer on misses, back to 2 on loss) up to a cap:
- *    TZSetWalkWindow. The default cap, 64, is the smallest power of two
+ *    It guesses only where the measured round trip is at least four times
+ *    the walk's busy time per answer (not on a fast local link), then keeps
+ *    up to round trip / busy time requests in flight; guesses along runs
+ *    adapt like TCP's window (16 at first, more while they hit, fewer on
+ *    misses, 2 on loss); all of it up to a cap: TZSetWalkWindow. The default cap, 64, is the smallest power of two
  *    that walks the 500-profile table (3,500 variables) over a 20 ms round
  *    trip within 1.5 times snmpbulkwalk -Cr50's time (measured 1.78 s against
  *    1.57 s; window 1: 74 s; 32 needs about 2.9 s); a larger cap only helps
@@ -137,8 +140,11 @@ void TZSetWalkLimits(int32_t seconds, int32_t variables);
 
 /* The most GETNEXT requests a walk keeps in flight: the cap of its window
  * (default 64, see the top of this file). 1 turns the guessing off: one
- * request at a time, exactly the sequential walk's requests. Values below 1
- * are taken as 1. Read at the start of each walk. */
+ * request at a time, exactly the sequential walk's requests. A negative
+ * value -N sets the cap N and skips the pace: the walk guesses up to N
+ * requests even on a fast link (for tests and measurements; the congestion
+ * window still falls back). 0 is taken as 1. Read at the start of each
+ * walk; TZGetWalkWindow gives the value as set. */
 void TZSetWalkWindow(int32_t window);
 int32_t TZGetWalkWindow(void);
 

@@ -60,7 +60,7 @@ void TZSetWalkProgressHook(TZWalkProgressHook hook) {
     progress_hook.store(hook, std::memory_order_release);
 }
 void TZSetWalkWindow(int32_t window) {
-    walk_window.store(window < 1 ? 1 : window, std::memory_order_relaxed);
+    walk_window.store(window == 0 ? 1 : window, std::memory_order_relaxed);
 }
 int32_t TZGetWalkWindow(void) { return walk_window.load(std::memory_order_relaxed); }
 void TZSetWalkStopHook(TZWalkStopHook hook) { stop_hook.store(hook, std::memory_order_release); }

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <net-snmp/library/large_fd_set.h>
 #include <sys/select.h>
 
@@ -19,9 +20,21 @@ constexpr oid kMaxSubIdentifier = 0xFFFFFFFFUL;
 constexpr double kMinThreshold = 2.0;
 // The longest single wait: the stop check is asked at least this often.
 constexpr long kWaitSliceMicroseconds = 200'000;
-// A window starts with one guess beside the chain's request (when the cap
-// allows it): without a guess in flight no guess can hit and grow it.
-constexpr double kInitialWindow = 2.0;
+// A guess costs the walk about what an answer costs (sending, reading,
+// keeping it) and the agent a request: guessing starts only where a round
+// trip is this many times the walk's busy time per answer.
+constexpr double kPaysFactor = 4.0;
+// Guesses along runs a window starts with: a short table's first column in
+// one round trip, at the cost of a few requests past the end of a shorter one.
+constexpr double kInitialWindow = 16.0;
+// After a miss or a loss the window falls back to this, not below.
+constexpr double kFloorWindow = 2.0;
+// Columns past the last one shown whose rows are guessed: each new column
+// costs no round trip of its own, at the cost of these columns' rows wasted
+// past the table's end.
+constexpr oid kColumnsAhead = 2;
+// Answers between two decisions on the pace, once it is known.
+constexpr long kPaceEvery = 32;
 
 // The pipeline that may take callbacks. A request can outlive its pipeline
 // in the library (a chain request answered with a PDU of the wrong kind stays
@@ -37,6 +50,118 @@ Pdu request_for(int command, const oid* name, std::size_t name_length) {
     return pdu;
 }
 
+void NamePredictor::passed(const Name& head) {
+    if (first_.empty() && head.size() > root_.size()) first_ = head;
+    if (head.size() > root_.size() && head.size() == previous_.size() && head.back() == previous_.back() + 1 &&
+        std::equal(head.begin(), head.end() - 1, previous_.begin()))
+        runs_.emplace(head.begin(), head.end() - 1);
+    previous_ = head;
+    revealed_.erase(revealed_.begin(), revealed_.upper_bound(head));
+    learn_table(head);
+}
+
+void NamePredictor::learn(const Name& asked, const netsnmp_pdu* answer) {
+    const netsnmp_variable_list* var = answer != nullptr && answer->errstat == SNMP_ERR_NOERROR
+                                           ? answer->variables
+                                           : nullptr;
+    Name next;
+    if (var != nullptr && (var->type & 0x80) == 0) next.assign(var->name, var->name + var->name_length);
+    const bool inside = next.size() > root_.size() && std::equal(root_.begin(), root_.end(), next.begin());
+    const Name column(asked.begin(), asked.end() - (asked.empty() ? 0 : 1));
+    const bool same_column = inside && next > asked && next.size() == asked.size() &&
+                             std::equal(column.begin(), column.end(), next.begin());
+    if (!same_column && asked.size() > root_.size()) {  // nothing in this column past `asked`
+        const auto end = ends_.try_emplace(column, asked.back()).first;
+        end->second = std::min(end->second, asked.back());
+    }
+    if (!inside || next <= asked) return;
+    if (same_column && next.back() != asked.back() + 1) gaps_[asked] = next;
+    revealed_.insert(next);
+    learn_table(next);
+}
+
+// Finds the column from a name that differs from the first in one
+// sub-identifier before the last, and files the name's row and column.
+void NamePredictor::learn_table(const Name& name) {
+    if (first_.empty() || name.size() <= root_.size()) return;
+    if (column_ == 0) {
+        if (remembered_.size() < kMaxRemembered) remembered_.push_back(name);
+        if (name.size() != first_.size()) return;
+        std::size_t differ = 0, at = 0;
+        for (std::size_t i = root_.size(); i < name.size(); ++i)
+            if (name[i] != first_[i]) ++differ, at = i;
+        if (differ != 1 || at + 1 >= name.size() || name[at] < first_[at]) return;
+        column_ = at;
+        for (const Name& seen : std::exchange(remembered_, {})) learn_table(seen);
+        return;
+    }
+    if (!in_table(name)) return;
+    columns_.insert(name[column_]);
+    rows_.emplace(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
+}
+
+bool NamePredictor::in_table(const Name& name) const {
+    return column_ != 0 && name.size() > column_ + 1 &&
+           std::equal(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(column_), name.begin());
+}
+
+Name NamePredictor::cell(oid column, const Name& row) const {
+    Name name(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(column_));
+    name.push_back(column);
+    name.insert(name.end(), row.begin(), row.end());
+    return name;
+}
+
+std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool runs) const {
+    std::optional<Next> best;
+    const auto consider = [&](Name candidate, bool known) {
+        if (candidate > name && (!best || candidate < best->name)) best = Next{std::move(candidate), known};
+    };
+    if (const auto shown = revealed_.upper_bound(name); shown != revealed_.end()) consider(*shown, true);
+    if (in_table(name) && !rows_.empty()) {
+        // Past the last known column, the next kColumnsAhead columns' rows
+        // are guesses along a run (held to the congestion window).
+        const oid column = name[column_];
+        const bool shown = columns_.count(column) != 0;
+        const Name row(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
+        if (const auto next = rows_.upper_bound(row); next != rows_.end()) {
+            if (shown || runs) consider(cell(column, *next), shown);
+        } else if (const auto later = columns_.upper_bound(column); later != columns_.end()) {
+            consider(cell(*later, *rows_.begin()), true);
+        } else if (runs && column < *columns_.rbegin() + kColumnsAhead && column < kMaxSubIdentifier) {
+            consider(cell(column + 1, *rows_.begin()), false);
+        }
+        return best;
+    }
+    if (!runs || name.size() <= root_.size() || name.back() >= kMaxSubIdentifier) return best;
+    // Along a run: not past the column's known end, not into a known gap,
+    // and in a column other than the first only once it has shown a run.
+    const Name column(name.begin(), name.end() - 1);
+    if (name.back() >= end_of(column)) return best;
+    if (auto gap = gaps_.upper_bound(name); gap != gaps_.begin() && (--gap)->second > name &&
+                                            gap->first.size() == name.size() && gap->first <= name)
+        return best;
+    Name next = name;
+    ++next.back();
+    const bool first_column = first_.size() == name.size() && std::equal(column.begin(), column.end(), first_.begin());
+    if (!first_column && runs_.count(column) == 0) return best;
+    consider(std::move(next), false);
+    return best;
+}
+
+// Past which last sub-identifier `column` has no name: what an answer showed,
+// or else where the column before it ended (columns of a table share their
+// rows); none known: the largest.
+oid NamePredictor::end_of(const Name& column) const {
+    auto end = ends_.lower_bound(column);
+    if (end != ends_.end() && end->first == column) return end->second;
+    if (end == ends_.begin() || column.empty()) return kMaxSubIdentifier;
+    --end;
+    const Name& sibling = end->first;
+    const bool beside = sibling.size() == column.size() && std::equal(column.begin(), column.end() - 1, sibling.begin());
+    return beside ? end->second : kMaxSubIdentifier;
+}
+
 Window::Window(int32_t cap)
     : cap_(std::max<int32_t>(cap, 1)), size_(std::min<double>(kInitialWindow, cap_)), threshold_(cap_) {}
 
@@ -45,16 +170,18 @@ void Window::hit() {
     size_ = std::min(size_, static_cast<double>(cap_));
 }
 
-void Window::miss() { size_ = std::max(std::min<double>(kInitialWindow, cap_), size_ / 2); }
+void Window::miss() { size_ = std::max(std::min<double>(kFloorWindow, cap_), size_ / 2); }
 
 void Window::loss() {
     threshold_ = std::max(kMinThreshold, size_ / 2);
-    size_ = std::min<double>(kInitialWindow, cap_);
+    size_ = std::min<double>(kFloorWindow, cap_);
 }
 
 GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
                                  std::size_t root_length, int32_t cap, StopCheck stop)
-    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap), stop_(std::move(stop)) {
+    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap < 0 ? -std::max(cap, -INT32_MAX) : cap),
+      stop_(std::move(stop)), forced_(cap < 0) {
+    if (forced_) pace_ = static_cast<std::size_t>(window_.cap());
     netsnmp_large_fd_set_init(&fds_, FD_SETSIZE);
     live_pipeline.store(this, std::memory_order_release);
 }
@@ -69,6 +196,10 @@ GetNextPipeline::~GetNextPipeline() {
 int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& response) {
     response.reset();
     const Name head(name, name + name_length);
+    if (!predictor_) predictor_.emplace(head), started_ = Clock::now();
+    predictor_->passed(head);
+    advancing_ = head_.empty() || head > head_;  // an agent that repeats itself: guesses cannot help
+    head_ = head;
     // Guesses below the new name are ones the chain has passed.
     const bool guessed = !guesses_.empty();
     guesses_.erase(guesses_.begin(), guesses_.lower_bound(head));
@@ -78,6 +209,7 @@ int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& res
             const auto used = guesses_.find(head);
             response = std::move(used->second.answer);
             guesses_.erase(used);
+            ++answers_;
             chain_->s_snmp_errno = SNMPERR_SUCCESS;  // as a response on the chain sets it
             return STAT_SUCCESS;
         }
@@ -124,6 +256,7 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     (void)pdu.release();
     chain_request_ = ChainRequest{true, reqid, true, STAT_SUCCESS, nullptr};
     if (command == SNMP_MSG_GETNEXT) guess_after(name);
+    const Clock::time_point sent = Clock::now();
     while (chain_request_.waiting) {
         const Waited waited = wait_once();
         if (waited == Waited::kSome) continue;
@@ -138,6 +271,12 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     }
     chain_request_.active = false;
     response = std::move(chain_request_.response);
+    if (chain_request_.status == STAT_SUCCESS && command == SNMP_MSG_GETNEXT) {
+        const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
+        round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
+        if (++answers_ == 1) decide_pace();
+        if (predictor_) predictor_->learn(name, response.get());
+    }
     return chain_request_.status;
 }
 
@@ -148,26 +287,50 @@ int GetNextPipeline::stopped() {
     return STAT_TIMEOUT;
 }
 
-// Keeps the window full with guesses N+1, N+2, ... after `name` N, going on
-// from the last guess when that is further down the same column.
+// Keeps the window full with the predicted names after `name`, each the
+// predicted successor of the one before, in the walk's own order, going on
+// from the last guess while the chain is still on the guessed path. Guesses
+// along runs are held to the congestion window; names the walk has seen or
+// the table gives, only to the pace.
 void GetNextPipeline::guess_after(const Name& name) {
-    if (name.size() <= root_length_) return;
-    const auto window = static_cast<std::size_t>(window_.size());
-    const bool same_column = frontier_.size() == name.size() &&
-                             std::equal(name.begin(), name.end() - 1, frontier_.begin()) &&
-                             frontier_.back() > name.back();
-    Name next = same_column ? frontier_ : name;
-    const oid lead_limit = name.back() + static_cast<oid>(window_.cap());
-    while (in_flight() < window) {
-        if (next.back() >= kMaxSubIdentifier || next.back() >= lead_limit) return;
-        ++next.back();
+    if (!predictor_ || !advancing_) return;
+    const std::size_t window = paced_window();
+    if (window <= 1) return;
+    const bool on_path = frontier_ > name && guesses_.count(frontier_) != 0;
+    Name next = on_path ? frontier_ : name;
+    std::size_t runs = 0;
+    for (const auto& [guessed, guess] : guesses_) runs += guessed > name && !guess.known ? 1 : 0;
+    for (std::size_t step = 0; in_flight() < window && step < 8 * window; ++step) {
+        auto guess = predictor_->after(next, runs < static_cast<std::size_t>(window_.size()));
+        if (!guess) return;
+        next = std::move(guess->name);
         if (guesses_.count(next) != 0) continue;
-        if (!send_guess(next)) return;
+        if (!send_guess(next, guess->known)) return;
         frontier_ = next;
+        runs += guess->known ? 0 : 1;
     }
 }
 
-bool GetNextPipeline::send_guess(const Name& name) {
+// The pace, decided after the first answer and then once per kPaceEvery:
+// 1 while a round trip is less than kPaysFactor times the walk's busy time
+// per answer, else the round trip over that busy time (the requests the
+// walk can handle while one goes and comes back), at most the cap.
+void GetNextPipeline::decide_pace() {
+    decided_at_ = answers_;
+    if (forced_ || window_.cap() <= 1 || round_trip_ == 0.0) return;
+    const double busy =
+        std::chrono::duration<double>(Clock::now() - started_ - waited_).count() / static_cast<double>(answers_);
+    const double pace = busy > 0.0 ? round_trip_ / busy : static_cast<double>(window_.cap());
+    pace_ = pace < kPaysFactor ? 1 : std::min(static_cast<std::size_t>(pace), static_cast<std::size_t>(window_.cap()));
+}
+
+// The pace, and no more than the threshold the losses have left.
+std::size_t GetNextPipeline::paced_window() {
+    if (answers_ - decided_at_ >= kPaceEvery) decide_pace();
+    return std::min<std::size_t>(pace_, static_cast<std::size_t>(window_.threshold()));
+}
+
+bool GetNextPipeline::send_guess(const Name& name, bool known) {
     if (!guesser_ && !open_guess_session()) return false;
     Pdu pdu = request_for(SNMP_MSG_GETNEXT, name.data(), name.size());
     if (!pdu) return false;
@@ -176,7 +339,7 @@ bool GetNextPipeline::send_guess(const Name& name) {
         return false;
     (void)pdu.release();
     pending_.emplace(reqid, name);
-    guesses_[name] = Guess{reqid, nullptr};
+    guesses_[name] = Guess{reqid, nullptr, known};
     return true;
 }
 
@@ -289,6 +452,7 @@ void GetNextPipeline::on_guess_event(int op, long reqid, netsnmp_pdu* pdu) {
     const bool wanted = guess != guesses_.end() && guess->second.reqid == reqid;
     if (op == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE && pdu != nullptr &&
         pdu->command == SNMP_MSG_RESPONSE) {
+        if (predictor_) predictor_->learn(name, pdu);
         if (wanted) guess->second.answer.reset(snmp_clone_pdu(pdu));
         if (!wanted || guess->second.answer) return;  // kept (or not needed)
     }
@@ -313,9 +477,21 @@ GetNextPipeline::Waited GetNextPipeline::wait_once() {
     }
     const bool sliced = timeout.tv_sec > 0 || timeout.tv_usec > kWaitSliceMicroseconds;
     if (sliced) timeout = timeval{0, kWaitSliceMicroseconds};
+    const Clock::time_point before = Clock::now();
     const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &timeout);
+    waited_ += Clock::now() - before;
     if (count > 0) {
         snmp_read2(&fds_);
+        // While guesses are out, read whatever else has come before the
+        // chain goes on, so that what it shows is known to the next guesses.
+        for (timeval now{}; !pending_.empty(); now = timeval{}) {
+            NETSNMP_LARGE_FD_ZERO(&fds_);
+            fds = 0, block = 0;
+            snmp_sess_select_info2_flags(nullptr, &fds, &fds_, &now, &block, NETSNMP_SELECT_NOALARMS);
+            now = timeval{};
+            if (netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &now) <= 0) break;
+            snmp_read2(&fds_);
+        }
     } else if (count == 0) {
         if (!sliced) snmp_timeout();
     } else if (errno != EINTR) {

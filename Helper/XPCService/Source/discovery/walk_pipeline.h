@@ -8,10 +8,22 @@
 // answer came from a request sent for it now or from one sent earlier on a
 // guess. An answer is used only for the name its request carried.
 //
-// Guessing: inside a table column the successor of ...col.1.r is usually
-// ...col.1.(r+1), so from the name N the pipeline asks ahead for N+1, N+2, ...
-// (the last sub-identifier incremented). Names at or above the root itself
-// are not guessed from: nothing follows the pattern there.
+// Guessing (NamePredictor) uses what the walk has seen, never a fixed
+// pattern alone:
+//  - every name an answer reveals inside the subtree is one the walk will
+//    reach, so asking for what follows it is never wasted;
+//  - a table's columns share their rows: once the walk has seen a column
+//    change (a name that differs from the first name in one sub-identifier
+//    before the last), it knows where the column sits and the rows (row
+//    indexes of any length), and predicts every later column's names
+//    exactly, row after row, then the next known column; past the known
+//    ones, the rows of the next two columns are guessed as a run is;
+//  - elsewhere (the first column, or outside the table) it guesses the last
+//    sub-identifier plus one along runs, but never past a point an answer
+//    has shown to be the end of that column or of the column before it;
+//  - while the chain gets a name it has already passed, nothing is guessed.
+// Each guess is the predicted successor of the previous one, so the window
+// holds the next names of the walk in its own order.
 //
 // Two sessions to the same agent:
 //  - the chain session (the walk's own, as opened from its arguments) carries
@@ -27,13 +39,21 @@
 //    up; a guess still in flight when its name comes up is an extra chance.
 //
 // The window (requests in flight on both sessions, stale guesses included)
-// moves as TCP's congestion window does: it starts at 2 (the chain's request
-// and one guess), grows by one per used guess up to the threshold, then by
-// one per window's worth; it is halved (not below 2) when the chain goes
-// where no guess pointed, and back to 2 with the threshold halved when a
-// request went unanswered for a whole timeout. It never exceeds the cap;
-// with a cap of 1 nothing is guessed and the walk sends exactly the
-// sequential walk's requests, one at a time.
+// has two bounds. The pace: guessing pays only where a round trip is long
+// against the time the walk itself spends per answer (decoding, spooling,
+// its loop), both measured as the walk goes (a round trip of the chain's
+// requests, the walk's busy time outside its waits) and decided after the
+// first answer, then once per 32: below four times, 1 (on a link of
+// sub-millisecond round trips nothing is guessed); else round trip / time
+// per answer. The congestion window, for guesses along runs: it starts at
+// 16, grows by one per used guess up to the threshold, then by one per
+// window's worth; it is halved (not below 2) when the chain goes where no
+// guess pointed, and back to 2 with the threshold halved when a request
+// went unanswered for a whole timeout. Neither exceeds the cap; with a cap
+// of 1 nothing is guessed and the walk sends exactly the sequential walk's
+// requests, one at a time; a negative cap -N skips the pace (tests).
+// While guesses are out, every answer that has come is read before the
+// chain goes on.
 //
 // Waiting: every wait lasts at most 200 ms, and the stop check the walk
 // hands over is asked before each one; when it says stop, the request on the
@@ -46,10 +66,13 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <cstddef>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -74,6 +97,7 @@ public:
     explicit Window(int32_t cap);
     int32_t size() const { return static_cast<int32_t>(size_); }
     int32_t cap() const { return cap_; }
+    int32_t threshold() const { return static_cast<int32_t>(threshold_); }
     void hit();   // a guess was used
     void miss();  // the chain went where no guess pointed
     void loss();  // a request went unanswered for a whole timeout
@@ -84,6 +108,46 @@ private:
     double threshold_;
 };
 
+using Name = std::vector<oid>;
+
+// What the walk has seen, and the name it will most likely reach next.
+class NamePredictor {
+public:
+    // Every name the walk reaches is under `root`.
+    explicit NamePredictor(Name root) : root_(std::move(root)) {}
+    // The chain has asked for what follows `head`.
+    void passed(const Name& head);
+    // `answer` (null: none, or not a response) came for GETNEXT(asked).
+    void learn(const Name& asked, const netsnmp_pdu* answer);
+    // The name most likely to follow `name` in the walk, and whether it is
+    // known or follows from the table (not a guess along a run); none when
+    // no guess is worth a request, or only a run's and `runs` is false.
+    struct Next {
+        Name name;
+        bool known;
+    };
+    std::optional<Next> after(const Name& name, bool runs) const;
+
+private:
+    bool in_table(const Name& name) const;
+    void learn_table(const Name& name);
+    Name cell(oid column, const Name& row) const;
+    oid end_of(const Name& column) const;
+
+    static constexpr std::size_t kMaxRemembered = 20000;  // names kept before the table is known
+    Name root_;
+    Name first_;                     // the first name under the root
+    std::size_t column_ = 0;         // where the column sits in first_; 0: not known
+    std::set<Name> rows_;            // row indexes seen (after the column)
+    std::set<oid> columns_;          // columns seen
+    std::set<Name> revealed_;        // names answers showed, not yet passed by the chain
+    std::vector<Name> remembered_;   // names seen before the table was known
+    std::map<Name, oid> ends_;       // per column (name less its last sub-identifier): no name past this
+    std::map<Name, Name> gaps_;      // asked -> answered in the same column: no name between them
+    std::set<Name> runs_;            // columns the chain has walked two neighbours in
+    Name previous_;                  // the chain's last name
+};
+
 class GetNextPipeline {
 public:
     // True once the walk must stop; asked before every wait, must be quick.
@@ -91,6 +155,7 @@ public:
 
     // `settings` are the parsed arguments `chain` was opened from; both must
     // outlive the pipeline. `root_length` is the walked root's length.
+    // `cap` bounds the window; a negative cap -N is N with the pace skipped.
     GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
                     std::size_t root_length, int32_t cap, StopCheck stop);
     ~GetNextPipeline();  // closes the guess session; its stale requests die
@@ -111,10 +176,11 @@ public:
     void end_guessing();
 
 private:
-    using Name = std::vector<oid>;
+    using Clock = std::chrono::steady_clock;
     struct Guess {
         long reqid = 0;
         Pdu answer;  // set once a response came
+        bool known = false;  // not a guess along a run
     };
     // The request on the chain, as snmp_synch_response keeps it.
     struct ChainRequest {
@@ -134,7 +200,9 @@ private:
     int ask_on_chain(int command, const Name& name, Pdu& response);
     int stopped();
     void guess_after(const Name& name);
-    bool send_guess(const Name& name);
+    std::size_t paced_window();
+    void decide_pace();
+    bool send_guess(const Name& name, bool known);
     bool open_guess_session();
     std::size_t in_flight() const { return pending_.size() + (chain_request_.waiting ? 1 : 0); }
     enum class Waited { kSome, kFailed, kStopped };
@@ -148,9 +216,20 @@ private:
     StopCheck stop_;
     Session guesser_;
     bool guessing_off_ = false;             // end_guessing, or the guess session did not open
+    const bool forced_;                     // the pace skipped
     std::map<Name, Guess> guesses_;         // guesses the chain may still reach
     std::unordered_map<long, Name> pending_;  // guess requests not yet called back
     Name frontier_;                         // the last name guessed
+    Name head_;                             // the chain's last name
+    bool advancing_ = true;                 // past the one before it
+    std::optional<NamePredictor> predictor_;  // from the first GETNEXT, its name the root
+    // The pace: the chain's round trip and the walk's busy time, in seconds.
+    double round_trip_ = 0.0;
+    std::size_t pace_ = 1;                  // as last decided
+    long decided_at_ = 0;                   // answers_ then
+    Clock::duration waited_{};              // blocked in select, in all
+    Clock::time_point started_{};           // the first exchange
+    long answers_ = 0;                      // exchanges answered
     ChainRequest chain_request_;
     netsnmp_large_fd_set fds_;
 };
