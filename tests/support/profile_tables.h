@@ -1,7 +1,6 @@
-// Profile tables for tests: entries, zeroed tables, the path globals in a temporary folder, and Python.
+// Profile tables for tests: entries, zeroed tables and the path globals in a temporary folder.
 #pragma once
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -43,15 +42,5 @@ struct ProfilePaths {
     const std::string previous = dir.file("alice-ModelX-profile.prev.plist");
     const std::string spool = dir.file("alice-ModelX-profile.spool.plist");
 };
-
-// Runs `code` with Debian's python3 and `args`: its stdout, with a note appended when it failed.
-inline std::string run_python(const std::string& code, const std::string& args) {
-    TempDir dir;
-    write_file(dir.file("script.py"), code);
-    FILE* pipe = ::popen(("/usr/bin/python3 " + dir.file("script.py") + " " + args).c_str(), "r");
-    std::string out;
-    for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
-    return pipe != nullptr && ::pclose(pipe) == 0 ? out : out + "\n(python failed)";
-}
 
 }  // namespace tz::test
