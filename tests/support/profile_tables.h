@@ -31,7 +31,6 @@ struct Tables {
 // A temporary folder the store's path globals point into while it lives; point() points them back.
 struct ProfilePaths {
     ProfilePaths() { point(); }
-    ProfilePaths(const ProfilePaths&) = delete;
     ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
     void point() const {
         TZ_PLIST_PROFILE_PATH = current.c_str(), TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
