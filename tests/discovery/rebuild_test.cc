@@ -109,16 +109,5 @@ TEST_F(Spool, RebuildAfterACompleteWalkRemarksTakesAcceptedRowsAndDropsRefusedNa
               std::tuple("SIMDST.ICC", "SIMDST.ICC", 2, 5));
 }
 
-TEST_F(Spool, RebuildAfterAFailedWalkFreesDeviceEntriesAndSalvagesMarkedOnes) {
-    for (const auto& [mark, file] : {std::pair{1, "ONE.ICC"}, {2, "TWO.ICC"}, {4, "FOUR.ICC"}, {5, "FIVE.ICC"}})
-        Tables::add(before.sim, entry(mark, mark, file, 4, 3));
-    ASSERT_EQ(before.write(), 0);
-    vRestructPlistSpool2Current(1);
-    ASSERT_EQ(after.read(), 0);
-    ASSERT_EQ(after.sim.iNum, 2);
-    EXPECT_TRUE(same_bytes(after.sim.Entry[0], entry(4, 6, "FOUR.ICC", 4, 3)) &&
-                same_bytes(after.sim.Entry[1], entry(5, 5, "FIVE.ICC", 4, 3)));
-}
-
 }  // namespace
 }  // namespace tz::test

@@ -2,41 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <map>
+#include <variant>
 
 #include "folder_text.h"
+#include "plist_codec.h"
 #include "profile_tables.h"
 
 namespace tz::test {
 namespace {
 
-const char* const kFields[] = {"IndexOnDevice", "InMenu", "ProfileClass", "FileName", "ProfileName", "Location"};
-// A hand-made file: "RGB/InMenu/InMenu0007" -> "<integer>3</integer>"; a path ending in '/' an empty dictionary.
-using Doc = std::map<std::string, std::string>;
-std::string dict_xml(const Doc& doc, const std::string& prefix = "") {
-    std::string out = "<dict>";
-    for (auto it = doc.lower_bound(prefix); it != doc.end() && it->first.rfind(prefix, 0) == 0;) {
-        const std::string rest = it->first.substr(prefix.size()), key = rest.substr(0, rest.find('/'));
-        if (!rest.empty())
-            out += "<key>" + key + "</key>" + (key == rest ? it->second : dict_xml(doc, prefix + key + "/"));
-        do ++it; while (key != rest && it != doc.end() && it->first.rfind(prefix + key + "/", 0) == 0);
-    }
-    return out + "</dict>";
-}
-Doc doc(const std::map<std::string, std::map<int, ProfileEntry>>& categories) {
-    Doc d;
-    for (const auto& [name, slots] : categories)
-        for (int f = 0; f < 6; ++f) {
-            d[name + "/" + kFields[f] + "/"] = "";
-            for (const auto& [n, e] : slots) {
-                const int32_t numbers[] = {e.IndexOnDevice, e.InMenu, e.ProfileClass, 0, 0, e.Location};
-                d[name + "/" + kFields[f] + "/" + kFields[f] + std::to_string(10000 + n).substr(1)] =
-                    f == 3 || f == 4 ? "<string>" + std::string(f == 3 ? e.FileName : e.ProfileName) + "</string>"
-                                     : "<integer>" + std::to_string(numbers[f]) + "</integer>";
-            }
-        }
-    return d;
-}
 ProfileTable& fill(ProfileTable& t, const std::vector<ProfileEntry>& rows, int32_t count) {
     return std::copy(rows.begin(), rows.end(), t.Entry), t.iNum = count, t;
 }
@@ -44,46 +18,52 @@ std::unique_ptr<ProfileTable> table(const std::vector<ProfileEntry>& rows = {}, 
     return std::make_unique<ProfileTable>(fill(*std::make_unique<ProfileTable>(), rows, count));
 }
 
-void write_doc(const Doc& d) { write_file(TZ_PLIST_PROFILE_PATH, "<plist>" + dict_xml(d) + "</plist>"); }
-struct Store : ::testing::Test, ProfilePaths, Tables {};
-
-TEST_F(Store, ReadChecksPresenceBeforeAnyTableIsWritten) {
-    const ProfileTable before = fill(rgb, std::vector<ProfileEntry>(5, entry(1, 1, "OLD", 5, 2, "old")), 5);
-    EXPECT_EQ(read(), -1);  // no file
-    const Doc full = doc({{"RGB", {{0, entry(3, 2, "A")}}}, {"SIM", {}}, {"DST", {}}});
-    std::vector<std::string> cuts{"RGB", "SIM", "DST"};
-    for (const char* field : kFields) cuts.push_back(std::string("DST/") + field);
-    for (const std::string& cut : cuts) {  // missing, or of another type
-        Doc d = full;
-        d.erase(d.lower_bound(cut), d.lower_bound(cut + "0"));  // the entry and everything under it
-        for (const char* value : {"", "<true/>"}) {
-            if (*value) d[cut] = value;
-            write_doc(d);
-            const int32_t c = cut == "RGB" ? 0 : cut == "SIM" ? 1 : 2;
-            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, c) == -1 &&
-                        TZPListReadProfile_Dict_Pap(&rgb, c) == -1 && same_bytes(rgb, before)) << cut << value;
-        }
+// Writes `file`, then each path of its tree ("RGB/InMenu/InMenu0007") set to an integer or a text, or taken out.
+using Value = std::variant<std::monostate, int64_t, std::string>;
+using Edits = std::vector<std::pair<std::string, Value>>;
+void write_edited(const Tables& file, const Edits& edits) {
+    ASSERT_EQ(file.write(), 0);
+    const plist::DictRef root = plist::read_file(TZ_PLIST_PROFILE_PATH);
+    for (const auto& [path, value] : edits) {
+        TZDictionary* dict = root.get();
+        std::size_t from = 0;
+        for (std::size_t slash; (slash = path.find('/', from)) != path.npos; from = slash + 1)
+            dict = dict->find(path.substr(from, slash - from))->dict.get();
+        const std::string key = path.substr(from);
+        if (const auto* number = std::get_if<int64_t>(&value)) dict->set_integer(key, *number);
+        else if (const auto* text = std::get_if<std::string>(&value)) dict->set_string(key, *text);
+        else dict->entries.erase(dict->entries.begin() + static_cast<long>(dict->find_index(key)));
     }
+    ASSERT_TRUE(plist::write_file(TZ_PLIST_PROFILE_PATH, *root));
 }
 
-// Values missing or of another type, or outside 32 bits, leave the field; texts are cut at 31 bytes.
-TEST_F(Store, ReadValuesCountCheckAndCategoryReads) {
+struct Store : ::testing::Test, ProfilePaths, Tables {};
+
+// A category or field dictionary missing, or of another type, fails a read before any table is written. Values
+// missing or of another type, or outside 32 bits, leave the field; texts are cut at 31 bytes.
+TEST_F(Store, ReadChecksPresenceValuesAndCountAndCategoryReads) {
+    EXPECT_EQ(read(), -1);  // no file
     const std::string name = std::string(30, 'n') + "\xC3\xA9" + "tail";
-    Doc d = doc({{"RGB", {{0, entry(3, 2, "A")}, {1, entry(INT32_MIN, 1, "B", INT32_MAX)}, {2, entry(5, 1, "C")}}},
-                 {"SIM", {{0, entry(1, 1, "A")}, {1, entry(2, 1, "B")}, {7, entry(8, 1, "H")}}},
-                 {"DST", {{0, entry(1, 1, "A")}, {7, entry(8, 1, "H")}}}});
-    for (const auto& [path, value] : Doc{
-         {"IndexOnDevice/IndexOnDevice0000", "<string>12</string>"}, {"FileName/FileName0000", "<integer>7</integer>"},
-         {"Location/Location0000", "<integer>4294967301</integer>"}, {"ProfileClass/ProfileClass0000", "<true/>"},
-         {"ProfileClass/ProfileClass0001", "<integer>2147483648</integer>"},
-         {"ProfileClass/ProfileClass0002", "<integer>-2147483649</integer>"},
-         {"ProfileName/ProfileName0001", "<string>" + name + "</string>"}})
-        d["RGB/" + path] = value;
-    d.erase("RGB/ProfileName/ProfileName0000");
-    // SIM: 0, 1, 7 in use; DST agrees.
-    d["SIM/iNum"] = "<integer>5</integer>", d["DST/iNum"] = "<integer>2</integer>";
-    d["SIM/InMenu/InMenu0500"] = d["SIM/InMenu/InMenu7"] = "<integer>3</integer>";  // no slot keys
-    write_doc(d);
+    Tables file;
+    fill(file.rgb, {entry(3, 2, "A"), entry(INT32_MIN, 1, "B", INT32_MAX), entry(5, 1, "C")}, 0);
+    fill(file.sim, {entry(1, 1, "A"), entry(2, 1, "B")}, 5).Entry[7] = entry(8, 1, "H");  // 0, 1, 7 in use
+    fill(file.dst, {entry(1, 1, "A")}, 2).Entry[7] = entry(8, 1, "H");                    // DST agrees
+    for (const std::string path : {"RGB", "SIM", "DST", "DST/IndexOnDevice", "DST/InMenu", "DST/ProfileClass",
+                                   "DST/FileName", "DST/ProfileName", "DST/Location"}) {
+        for (const bool missing : {true, false}) {
+            write_edited(file, {{path, missing ? Value{} : 1}});
+            const ProfileTable before = fill(rgb, std::vector<ProfileEntry>(5, entry(1, 1, "OLD", 5, 2, "old")), 5);
+            const int32_t c = path == "RGB" ? 0 : path == "SIM" ? 1 : 2;
+            EXPECT_TRUE(read() == -1 && TZPListReadProfile_Dict(&rgb, c) == -1 &&
+                        TZPListReadProfile_Dict_Pap(&rgb, c) == -1 && same_bytes(rgb, before)) << path << missing;
+        }
+    }
+    write_edited(file, {{"RGB/IndexOnDevice/IndexOnDevice0000", "12"}, {"RGB/FileName/FileName0000", 7},
+                        {"RGB/Location/Location0000", 4294967301}, {"RGB/ProfileClass/ProfileClass0000", {}},
+                        {"RGB/ProfileClass/ProfileClass0001", 2147483648},
+                        {"RGB/ProfileClass/ProfileClass0002", -2147483649}, {"RGB/ProfileName/ProfileName0000", {}},
+                        {"RGB/ProfileName/ProfileName0001", name}, {"RGB/iNum", {}},
+                        {"DST/InMenu/InMenu0500", 3}, {"DST/InMenu/InMenu7", 3}});  // no slot keys
     ASSERT_EQ((fill(rgb, {entry(8, 0, "KEEP", 6, 2, "kept"), entry(0, 0, "", 0, 9, "xx"), entry(0, 0, "", 0, 7)}, 0),
                read()), 0);
     EXPECT_TRUE(same_bytes(rgb.Entry[0], entry(8, 2, "KEEP", 6, 2, "kept")));
@@ -93,17 +73,15 @@ TEST_F(Store, ReadValuesCountCheckAndCategoryReads) {
                 dst.iNum == 2 && dst.Entry[7].InMenu == 1);
 
     // The category reads need only their category; the Pap read drops file slots marked 2 and stores 4 as 6.
-    rgb = {}, sim = {};
-    write_doc(doc({{"SIM", {{0, entry(5, 1, "S")}}}}));
+    rgb = {};
+    write_edited(file, {{"RGB", {}}, {"DST", {}}});
     for (int32_t selector : {0, 2, 3, -1}) EXPECT_EQ(TZPListReadProfile_Dict(&rgb, selector), -1);
     EXPECT_TRUE(same_bytes(rgb, ProfileTable{}) && TZPListReadProfile_Dict(&rgb, TZ_CATEGORY_SIM) == 0 &&
-                rgb.Entry[0].IndexOnDevice == 5);
+                rgb.Entry[0].IndexOnDevice == 1);
 
-    d = doc({{"RGB", {{0, entry(1, 1, "F0")}, {1, entry(2, 2, "F1")}, {2, entry(3, 4, "F2")}, {3, entry(4, 3, "F3")},
-                          {4, entry(5, 6, "F4")}}}});
-    d["RGB/FileName/FileName0005"] = "<string>F5</string>",  // slot 5 has no InMenu
-        d["RGB/iNum"] = "<integer>5</integer>";
-    write_doc(d);
+    fill(file.rgb, {entry(1, 1, "F0"), entry(2, 2, "F1"), entry(3, 4, "F2"), entry(4, 3, "F3"), entry(5, 6, "F4"),
+                    entry(0, 0, "F5")}, 5);
+    write_edited(file, {{"RGB/InMenu/InMenu0005", {}}});
     rgb.Entry[4].InMenu = 9, rgb.Entry[499] = entry(0, 1, "LAST");  // not written: the count check clears it
     ASSERT_EQ(TZPListReadProfile_Dict_Pap(&rgb, TZ_CATEGORY_RGB), 0);
     const char *files[] = {"F0", "F2", "F3", "F4", "F5"}, *marks = "16369";
@@ -226,11 +204,8 @@ TEST(TidyPasses, CleanPaddingAndSalvage) {
 TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
     EXPECT_TRUE(TZPListIsAdminProfile() == 1 && !exists(current) && TZPListExistProfile() == 0);  // probe file gone
     EXPECT_EQ((write_file(current, "current"), TZPListExistProfile()), 1);
-    TZPListSwapProfile(2);  // current copied to previous
+    TZPListSwapProfile(2);  // current copied to previous; the swap types are the service test's
     EXPECT_EQ(read_file(previous), "current");
-    TZPListSwapProfile((write_file(previous, "previous"), 0));  // previous becomes current
-    EXPECT_TRUE(read_file(current) == "previous" && !exists(previous));
-    write_file(previous, "p");
     for (int selector : {0, 1, 4, -1}) EXPECT_EQ(TZPListRemove(selector), 0);
     EXPECT_TRUE(TZPListRemove(2) == 1 && !exists(previous) && exists(current));
     EXPECT_TRUE(TZPListRemove(3) == 1 && TZPListRemove(3) == 0);
@@ -243,8 +218,7 @@ TEST_F(Store, LibraryFileFunctionsUseTheirPaths) {
         EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + read() + write(), -2) << planted;
     }
     EXPECT_EQ(read_file(dir.file("s")), secret);
-    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH =
-        "/nonexistent-tz-folder/x.plist";  // a folder that is not there
+    TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = "/nonexistent-tz-folder/x.plist";  // no such folder
     EXPECT_EQ(TZPListIsAdminProfile() + TZPListExistProfile() + TZPListRemove(3) + TZPListRemove(2), 0);
     EXPECT_TRUE(write() == -1 && TZPListWriteProfile_All_Pap(&rgb, &sim, &dst, &rgb, &sim, &dst) == -1);
     TZ_PLIST_PROFILE_PATH = nullptr;  // unset: no path to probe

@@ -1,7 +1,6 @@
-// Profile tables for tests: entries, zeroed tables, the path globals in a temporary folder, and Python.
+// Profile tables for tests: entries, zeroed tables and the path globals in a temporary folder.
 #pragma once
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -32,7 +31,6 @@ struct Tables {
 // A temporary folder the store's path globals point into while it lives; point() points them back.
 struct ProfilePaths {
     ProfilePaths() { point(); }
-    ProfilePaths(const ProfilePaths&) = delete;
     ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
     void point() const {
         TZ_PLIST_PROFILE_PATH = current.c_str(), TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
@@ -43,15 +41,5 @@ struct ProfilePaths {
     const std::string previous = dir.file("alice-ModelX-profile.prev.plist");
     const std::string spool = dir.file("alice-ModelX-profile.spool.plist");
 };
-
-// Runs `code` with Debian's python3 and `args`: its stdout, with a note appended when it failed.
-inline std::string run_python(const std::string& code, const std::string& args) {
-    TempDir dir;
-    write_file(dir.file("script.py"), code);
-    FILE* pipe = ::popen(("/usr/bin/python3 " + dir.file("script.py") + " " + args).c_str(), "r");
-    std::string out;
-    for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
-    return pipe != nullptr && ::pclose(pipe) == 0 ? out : out + "\n(python failed)";
-}
 
 }  // namespace tz::test
