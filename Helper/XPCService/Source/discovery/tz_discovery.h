@@ -17,7 +17,8 @@
  *    snmp_sess_perror) write to the standard streams.
  *  - Process-wide state, no locks: PlistForSpool, numprinted, sDEBUGmsg, the
  *    net-snmp default store and getopt's globals. One walk at a time per
- *    process; the caller serialises.
+ *    process: the service's walk request (tz::Service::mibwalk_XPC) takes
+ *    turns, so every front is kept to that.
  *  - The rebuild reads and writes the files named by the profile store's path
  *    globals (TZ_PLIST_PROFILE_PATH, ...).
  *    REQUIRES: they point at valid paths for the duration of the walk.

@@ -8,12 +8,14 @@
 // and before any file is touched; the front turns that into "no reply" (XPC)
 // or a named error (D-Bus).
 //
-// The object holds only its configuration; it is safe to use from one thread
-// at a time per object, and different objects may run at the same time. The
-// walk uses process-wide state: only one walk may run at a time in a process.
+// The object holds only its configuration and never changes it: any number
+// of threads may use one object, or several, at the same time. Walks take
+// turns: the walk's state is process-wide, so mibwalk_XPC waits, in arrival
+// order, until no other walk runs in the process.
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -60,10 +62,12 @@ public:
     // "xpc - mibwalk_XPC - iRet=<result>" at LOG_ERR. A missing name is
     // "(null)" in the paths. A path of 256 bytes or more ends the process.
     // More than 511 arguments: no walk; replies and logs "iRet=-1", the
-    // parser's "refused" code. Only one walk may run at a time in a process.
+    // parser's "refused" code. Waits for the walks that asked before it.
     void mibwalk_XPC(std::string_view request, const Reply& reply) const;
 
 private:
+    // mibwalk_XPC's work once it has its turn; returns the walk's result.
+    int32_t walk(std::string_view request) const;
     std::string preferences_dir_;
 };
 

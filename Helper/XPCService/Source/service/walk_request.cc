@@ -1,9 +1,13 @@
 // The walk request: the three profile paths from the user and model names,
 // the argument vector from the ":arg:" list, the walk, its result as the
-// reply and one system-log line.
+// reply and one system-log line. The walk's state is process-wide, so walk
+// requests take turns here, whatever front and thread they come from.
 #include <syslog.h>
 
 #include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,9 +34,45 @@ std::string name_text(std::optional<std::string_view> field) {
     return std::string(*field);
 }
 
+// One walk at a time in the process, in arrival order: a ticket lock, as
+// std::mutex alone lets a thread that has just released it take it again
+// before one that has waited. The wait is bounded by the walks ahead of it,
+// each bounded by the walk's deadline (TZSetWalkLimits).
+class WalkTurn {
+public:
+    WalkTurn() {
+        std::unique_lock lock(mutex_);
+        const uint64_t ticket = next_++;
+        turn_.wait(lock, [&] { return serving_ == ticket; });
+    }
+    ~WalkTurn() {
+        {
+            std::lock_guard lock(mutex_);
+            ++serving_;
+        }
+        turn_.notify_all();
+    }
+    WalkTurn(const WalkTurn&) = delete;
+    WalkTurn& operator=(const WalkTurn&) = delete;
+
+private:
+    static inline std::mutex mutex_;
+    static inline std::condition_variable turn_;
+    static inline uint64_t next_ = 0, serving_ = 0;
+};
+
 }  // namespace
 
 void Service::mibwalk_XPC(std::string_view request, const Reply& reply) const {
+    const int32_t result = [&] {
+        const WalkTurn turn;
+        return walk(request);
+    }();
+    reply("iRet=" + std::to_string(result));
+    ::syslog(LOG_ERR, "xpc - mibwalk_XPC - iRet=%d", result);
+}
+
+int32_t Service::walk(std::string_view request) const {
     char current[kPathBuffer] = {};
     char previous[kPathBuffer] = {};
     char spool[kPathBuffer] = {};
@@ -65,9 +105,7 @@ void Service::mibwalk_XPC(std::string_view request, const Reply& reply) const {
         for (std::size_t i = 0; i < arguments.size(); ++i) argv[i] = arguments[i].data();
         result = mib_walk(static_cast<int32_t>(arguments.size()), argv.data());
     }
-
-    reply("iRet=" + std::to_string(result));
-    ::syslog(LOG_ERR, "xpc - mibwalk_XPC - iRet=%d", result);
+    return result;
 }
 
 }  // namespace tz

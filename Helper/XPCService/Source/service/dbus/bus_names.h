@@ -22,6 +22,9 @@ inline constexpr std::string_view kInterface =
 inline constexpr std::string_view kRangeError = "tazorex.printers.T48Q.Error.RangeException";
 // A caller running as another user than the service.
 inline constexpr std::string_view kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+// A call past what one caller may have waiting (its requests kept aside
+// behind its walk); the message names the limit.
+inline constexpr std::string_view kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 // Anything else that stopped an operation before it could reply.
 inline constexpr std::string_view kFailed = "org.freedesktop.DBus.Error.Failed";
 

@@ -45,6 +45,11 @@ constexpr const char* kUsage =
     "  --address ADDRESS      use this bus instead of the session bus\n"
     "  --walk-window N        keep up to N requests of a walk in flight\n"
     "                         (a positive number; default: the walk's own)\n"
+    "  --walk-timeout SECONDS stop a walk after SECONDS (default 600)\n"
+    "  --walk-max-variables N stop a walk after N variables (default 1000000)\n"
+    "                         (a walk stopped so, or by SIGTERM, or because its\n"
+    "                         caller left, ends as after a timeout: iRet=1, and\n"
+    "                         the profile file is rebuilt)\n"
     "  --debug                write the walk's diagnostics to stderr (the journal)\n"
     "  --version              print the version and exit\n"
     "  --help                 show this text\n";
@@ -53,6 +58,7 @@ struct Options {
     tz::dbus::FrontOptions front;
     std::string address;
     std::optional<int32_t> walk_window;
+    int32_t walk_seconds = TZ_WALK_DEFAULT_SECONDS, walk_variables = TZ_WALK_DEFAULT_VARIABLES;
     bool debug = false;
 };
 
@@ -76,6 +82,8 @@ enum OptionId : int {
     kPreferencesDir,
     kAddress,
     kWalkWindow,
+    kWalkTimeout,
+    kWalkMaxVariables,
     kDebug,
     kVersion,
     kHelp = 'h',
@@ -86,6 +94,8 @@ const option kOptions[] = {
     {"preferences-dir", required_argument, nullptr, kPreferencesDir},
     {"address", required_argument, nullptr, kAddress},
     {"walk-window", required_argument, nullptr, kWalkWindow},
+    {"walk-timeout", required_argument, nullptr, kWalkTimeout},
+    {"walk-max-variables", required_argument, nullptr, kWalkMaxVariables},
     {"debug", no_argument, nullptr, kDebug},
     {"version", no_argument, nullptr, kVersion},
     {"help", no_argument, nullptr, kHelp},
@@ -118,11 +128,15 @@ int parse(int argc, char** argv, Options& options) {
             case kAddress:
                 options.address = value;
                 break;
-            case kWalkWindow: {
-                int32_t window = 0;
-                if (!whole_number(value, int32_t{1}, INT32_MAX, window))
-                    return usage_error("--walk-window takes a positive whole number, not " + quoted(value));
-                options.walk_window = window;
+            case kWalkWindow:
+            case kWalkTimeout:
+            case kWalkMaxVariables: {
+                int32_t& number = id == kWalkWindow    ? options.walk_window.emplace()
+                                  : id == kWalkTimeout ? options.walk_seconds
+                                                       : options.walk_variables;
+                if (!whole_number(value, int32_t{1}, INT32_MAX, number))  // kOptions is in OptionId's order
+                    return usage_error("--" + std::string(kOptions[id - kIdleExit].name) +
+                                       " takes a positive whole number, not " + quoted(value));
                 break;
             }
             case kDebug:
@@ -219,18 +233,18 @@ int main(int argc, char** argv) {
     Options options;
     if (const int status = parse(argc, argv, options); status >= 0) return status;
     if (options.walk_window) TZSetWalkWindow(*options.walk_window);
+    TZSetWalkLimits(options.walk_seconds, options.walk_variables);
     if (options.debug) TZSetWalkDebugHook(&debug_to_stderr);
     if (const auto problem = preferences_problem(options.front.preferences_dir))
         std::fprintf(stderr, SD_WARNING "tzhelperd: %s\n", problem->c_str());
 
-    // Calls run on whichever pool thread is free, each thread with its own
-    // malloc arena. A fixed threshold keeps every large buffer (a request of
-    // megabytes) in its own mapping, returned when the call ends, instead of
-    // letting glibc raise the threshold and park such buffers in the arenas.
+    // A fixed threshold keeps every large buffer (a request of megabytes) in
+    // its own mapping, returned when the call ends, instead of letting glibc
+    // raise the threshold and park such buffers in its arenas.
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
-    // Stop requests arrive on a signalfd; every thread started later inherits
-    // the blocked mask, so only the event loop's poll sees them.
+    // Stop requests arrive on a signalfd; the walk thread, started later,
+    // inherits the blocked mask, so only the loop thread's poll sees them.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGTERM);
