@@ -38,11 +38,15 @@ struct Case {
     std::vector<std::string> snmpd;     // snmpd's configuration, unless the scripted agent's
     std::string script, options, root;  // (a fresh agent per walk: it counts requests)
     int32_t result, counted;  // at every window; counted: numprinted's growth
+    std::string said = "";    // on stderr
+    int32_t stop_at = -1;     // the stop hook says stop when asked a third time after this many variables
+    int32_t limit = TZ_WALK_DEFAULT_VARIABLES;
 };
 
 std::vector<Case> cases() {
     auto v3 = printer_table(12);
     v3.insert(v3.end(), {"createUser tzuser SHA tzpassword1 AES tzpassword1", "rouser tzuser priv"});
+    const std::string v3_as = "-v3 -l authPriv -x AES -X tzpassword1 -a SHA -t 5 -r 0 -u ", forever = " -t 86400 -r 5";
     const std::string outside = "1.3.6.1.4.1.99992.1", same3 = variable(cell(1, 3), R"(, "value": 3)");
     return {
         {"snmpd without rows", {}, "", kV1, kT, 0, 0},
@@ -51,8 +55,10 @@ std::vector<Case> cases() {
         {"snmpd with 500 rows", printer_table(500), "", kV1, kT, 0, 3000},
         {"snmpd with gaps, missing columns, rows outside 1..500", gapped_table(), "", kV1, kT, 0, 55},
         {"snmpd, -C xi: GET of the root counted first", printer_table(2), "", "-Cxi " + kV1, cell(1, 2), 0, 1},
-        {"snmpd, v3 authPriv", v3, "",
-         "-v3 -l authPriv -u tzuser -a SHA -A tzpassword1 -x AES -X tzpassword1 -t 0.5 -r 0", kT, 0, 72},
+        {"snmpd, v3 authPriv", v3, "", v3_as + "tzuser -A tzpassword1", kT, 0, 72},
+        {"snmpd, v3, an unknown user: the report ends the walk", v3, "", v3_as + "nobody -A tzpassword1", kT, 1, 0,
+         "snmpwalk: Unknown user name\n"},
+        {"snmpd with 500 rows, a limit of 1000 variables", printer_table(500), "", kV1, kT, 1, 1000, "", -1, 1000},
         {"no root: MIB-2, left at once", {}, R"("rows": 12)", kV1, "", 0, 0},
         {"the root itself as the first answer", {}, answer(kT, variable(kT, R"(, "value": 1)")), kV1, kT, 1, 1},
         {"an OID that does not increase", {}, answer(cell(1, 3), same3), kV1, kT, 1, 4},
@@ -64,6 +70,10 @@ std::vector<Case> cases() {
         {"noSuchName halfway", {}, answer(cell(3, 7), R"({"error": 2})"), kV1, kT, 0, 31},
         {"no answer at all", {}, R"("rows": 12, "silent_from": "1")", kV1, kT, 1, 0},
         {"an agent that dies halfway", {}, R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", kV1, kT, 1, 42},
+        {"an agent that dies halfway, -t 86400 -r 5: the stop hook ends it", {},
+         R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", "-v1 -c public" + forever, kT, 1, 42, "", 42},
+        {"no answer to the GET of -C i, -t 86400 -r 5: the stop hook ends it", {}, R"("rows": 12, "silent_from": "1")",
+         "-Ci -v1 -c public" + forever, kT, 1, 0, "", 0},
         {"every third answer late, overtaken", {}, R"("rows": 12, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0",
          kT, 0, 72},
         {"every second request dropped", {}, R"("rows": 12, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT, 0, 72},
@@ -72,10 +82,10 @@ std::vector<Case> cases() {
 
 // Everything a walk leaves behind: sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist.
 struct Observed {
-    int32_t result = 0, counted = 0, progress = 0, progress_calls = 0;
-    std::string debug, printed, spool, plist;
+    int32_t result = 0, counted = 0, progress = 0, progress_calls = 0, stop_at = -1, stop_asks = 0;
+    std::string debug, printed, said, spool, plist;
     std::size_t requests = 0;
-    auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed); }
+    auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed, said); }
 } seen;
 
 Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
@@ -83,16 +93,18 @@ Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
     const ProfilePaths paths;
     for (const int boolean : {1, 2, 3}) netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, boolean, 0);
     std::memset(sDEBUGmsg, 0, sizeof sDEBUGmsg);
-    seen = Observed{};
+    seen = Observed{}, seen.stop_at = c.stop_at;
     TZSetWalkProgressHook([](int32_t n) { seen.progress = n, ++seen.progress_calls; });
+    TZSetWalkStopHook([] { return seen.stop_at >= 0 && seen.progress >= seen.stop_at && ++seen.stop_asks >= 3; });
+    TZSetWalkLimits(TZ_WALK_DEFAULT_SECONDS, c.limit);
     TZSetWalkWindow(window);
     std::vector<std::string> args;
     std::istringstream words(c.options + " " + (snmpd ? snmpd->peer() : scripted->peer()) + " " + c.root);
     for (std::string word; words >> word;) args.push_back(word);
     const int32_t before = numprinted;
-    StderrCapture printed(STDOUT_FILENO);
+    StderrCapture printed(STDOUT_FILENO), said;
     seen.result = walk(args);
-    seen.printed = printed.finish(), seen.counted = numprinted - before;
+    seen.printed = printed.finish(), seen.said = said.finish(), seen.counted = numprinted - before;
     seen.spool.assign(reinterpret_cast<const char*>(&PlistForSpool), sizeof PlistForSpool);
     seen.debug.assign(sDEBUGmsg, sizeof sDEBUGmsg), seen.plist = read_file(paths.current);
     seen.requests = scripted ? scripted->requests().size() : 0;
@@ -105,7 +117,8 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
         SCOPED_TRACE(c.name);
         const auto snmpd = c.script.empty() ? std::make_unique<SnmpAgent>(c.snmpd) : nullptr;
         const Observed one = walk_at(c, snmpd.get(), 1);
-        EXPECT_EQ(std::tie(one.result, one.counted, one.progress_calls), std::tie(c.result, c.counted, one.progress));
+        EXPECT_EQ(std::tie(one.result, one.counted, one.progress_calls, one.said),
+                  std::tie(c.result, c.counted, one.progress, c.said));
         for (const int32_t window : {kDefaultWindow, 8}) {
             const Observed many = walk_at(c, snmpd.get(), window);
             EXPECT_EQ(many.facts(), one.facts()) << "window " << window;

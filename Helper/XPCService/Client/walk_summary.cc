@@ -3,16 +3,14 @@
 #include <cstring>
 #include <string_view>
 
+#include "same_profile.h"
+
 namespace tz::ctl {
 namespace {
 
 // A full 32-byte field has no terminator.
 std::string_view text_of(const char (&field)[TZ_PROFILE_TEXT]) {
     return {field, ::strnlen(field, TZ_PROFILE_TEXT)};
-}
-
-bool same_profile(const ProfileEntry& a, const ProfileEntry& b) {
-    return a.Location == b.Location && text_of(a.FileName) == text_of(b.FileName);
 }
 
 ProfileChange change_of(const ProfileEntry& entry, int32_t old_in_menu, int32_t new_in_menu) {
@@ -30,7 +28,7 @@ CategoryChanges compare_profiles(const ProfileTable& before, const ProfileTable&
         int match = -1;
         for (int slot = 0; slot < TZ_PROFILE_SLOTS && match < 0; ++slot) {
             const ProfileEntry& old = before.Entry[slot];
-            if (!paired[slot] && old.InMenu != 0 && same_profile(old, now)) match = slot;
+            if (!paired[slot] && old.InMenu != 0 && tz::store::same_profile_for_merge(old, now)) match = slot;
         }
         if (match < 0) {
             changes.added.push_back(change_of(now, 0, now.InMenu));

@@ -3,8 +3,8 @@
 // and the three read after it. This is the first thing a support engineer
 // asks about a walk.
 //
-// A profile is the same profile before and after when its FileName and its
-// Location agree (the same test the rebuild uses). Only slots in use count
+// A profile is the same profile before and after when the rebuild's merge
+// takes it for one (same_profile.h). Only slots in use count
 // (InMenu not 0), wherever they stand and whatever iNum says. When a table
 // holds the same profile twice, the copies are paired in slot order and the
 // ones left over count as added or dropped.

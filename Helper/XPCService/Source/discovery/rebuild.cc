@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "same_profile.h"
 #include "tz_discovery.h"
 
 namespace {
@@ -55,8 +56,8 @@ extern "C" void vRestructDetail(int32_t row, ProfileTable* table) {
     const int32_t in_use = std::min<int32_t>(table->iNum, TZ_PROFILE_SLOTS);
     for (int32_t slot = 0; slot < in_use; ++slot) {
         ProfileEntry& entry = table->Entry[slot];
-        if (std::memcmp(entry.FileName, source.FileName, TZ_PROFILE_TEXT) != 0 ||
-            entry.Location != source.SourceType)
+        if (!tz::store::same_profile_for_merge(entry.FileName, entry.Location, source.FileName,
+                                               source.SourceType))
             continue;
         if (entry.InMenu == 1 || entry.InMenu == 5) entry.InMenu = 2;
         else if (entry.InMenu == 3 || entry.InMenu == 6) entry.InMenu = 4;

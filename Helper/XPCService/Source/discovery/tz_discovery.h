@@ -6,7 +6,9 @@
  *
  * Conventions
  *  - Results: mib_walk returns 0 (walk complete), 1 (failure: bad root, no
- *    session, timeout, transport error, OID not increasing), 2 (the agent
+ *    session, timeout, transport error, an SNMPv3 report such as an unknown
+ *    user, OID not increasing; or stopped: the stop hook, the deadline or the
+ *    variable limit), 2 (the agent
  *    answered with an error status), -1 (the argument parser refused the
  *    arguments) or -2 (the parser stopped after its help or version output,
  *    or could make no key from a pass phrase). Nothing here throws or calls
@@ -16,9 +18,10 @@
  *    drops them unless a front has set a debug hook. Only net-snmp's own printers (print_variable, snmp_perror,
  *    snmp_sess_perror) write to the standard streams.
  *  - Process-wide state, no locks: PlistForSpool, numprinted, sDEBUGmsg, the
- *    net-snmp default store and getopt's globals. One walk at a time per
+ *    hooks, window and limits set below, the net-snmp default store and
+ *    getopt's globals (walk.cc lists the rest). One walk at a time per
  *    process: the service's walk request (tz::Service::mibwalk_XPC) takes
- *    turns, so every front is kept to that.
+ *    turns, so every front keeps to it.
  *  - The rebuild reads and writes the files named by the profile store's path
  *    globals (TZ_PLIST_PROFILE_PATH, ...).
  *    REQUIRES: they point at valid paths for the duration of the walk.

@@ -6,16 +6,22 @@
 // guessed requests in flight and hands the loop only the answers the
 // one-request-at-a-time walk would get, so the loop itself is unchanged.
 //
-// Process-wide state is limited to what the header names (the spool,
-// numprinted, sDEBUGmsg) plus net-snmp's own: its default store, getopt's
-// globals and the library's one-time start-up.
+// Process-wide state, all of it (one walk at a time per process):
+//  - the spool (PlistForSpool), numprinted and sDEBUGmsg, as the header says;
+//  - flag_noted (an unknown -C letter seen by the parse in progress);
+//  - the pipeline that may take the library's callbacks (walk_pipeline.cc);
+//  - the hooks (debug, progress, stop), the window and the walk's limits;
+//  - file descriptor 2, pointed at a temporary file while the argument
+//    parser and the library's start-up run (StderrToDebug);
+//  - net-snmp's default store (the -C booleans persist in it), getopt's
+//    globals (reset before every parse) and the library's one-time start-up.
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -93,15 +99,17 @@ void forward_lines(std::string_view text) {
 // Routes what the library prints to stderr to the debug hook while it lives.
 // The redirection is process-wide: a line another thread writes to stderr in
 // that window goes to the hook too, so keep the scope to one library call.
-// The text goes to an anonymous memory file, not a pipe, so a long output
+// The text goes to an unnamed temporary file, not a pipe, so a long output
 // (the parser's configuration help runs to many kilobytes) cannot block.
 // When the redirection cannot be set up, nothing is redirected.
 class StderrToDebug {
 public:
     StderrToDebug() {
         std::fflush(stderr);
-        capture_ = ::memfd_create("tz-walk-diagnostics", MFD_CLOEXEC);
-        if (capture_ < 0) return;
+        file_ = std::tmpfile();
+        if (file_ == nullptr) return;
+        capture_ = ::fileno(file_);
+        (void)::fcntl(capture_, F_SETFD, FD_CLOEXEC);  // a child started meanwhile must not keep it
         saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         if (saved_ < 0 || ::dup2(capture_, STDERR_FILENO) < 0) {
             close_all();
@@ -129,9 +137,11 @@ public:
 private:
     void close_all() {
         if (saved_ >= 0) ::close(saved_);
-        if (capture_ >= 0) ::close(capture_);
+        if (file_ != nullptr) std::fclose(file_);  // closes capture_
+        file_ = nullptr;
         saved_ = capture_ = -1;
     }
+    std::FILE* file_ = nullptr;
     int capture_ = -1;
     int saved_ = -1;
 };
@@ -202,12 +212,18 @@ void note_not_increasing(const oid* previous, std::size_t previous_length, const
 // does not clear that pointer: after a parse that stopped early (-V, -H) the
 // next walk would read freed memory as its first option. glibc drops the
 // pointer only when getopt itself runs with optind = 0, so run it once on an
-// empty vector before every parse.
+// empty vector before every parse; the BSD getopt (macOS) starts afresh when
+// optreset is set.
 void forget_previous_parse() {
+#if defined(__GLIBC__)
     static char program[] = "snmpwalk";
     char* const empty[] = {program, nullptr};
     optind = 0;
     (void)getopt(1, empty, "");
+#else
+    optreset = 1;
+    optind = 1;
+#endif
 }
 
 // For SNMPv1 and v2c the parser hands the session record a community of its
@@ -229,19 +245,60 @@ private:
     netsnmp_session& session_;
 };
 
-// The GETNEXT loop from `root`, its requests going through `pipeline`.
+// When a walk must stop: its stop hook says so or its deadline has passed.
+// Once true, stays true.
+class StopCheck {
+public:
+    StopCheck()
+        : deadline_(std::chrono::steady_clock::now() +
+                    std::chrono::seconds(limit_seconds.load(std::memory_order_relaxed))) {}
+    bool operator()() {
+        if (!stopped_) {
+            const TZWalkStopHook hook = stop_hook.load(std::memory_order_acquire);
+            stopped_ = (hook != nullptr && hook()) || std::chrono::steady_clock::now() >= deadline_;
+        }
+        return stopped_;
+    }
+
+private:
+    std::chrono::steady_clock::time_point deadline_;
+    bool stopped_ = false;
+};
+
+// Prints every variable of an error-free answer to a GET, adding each to
+// numprinted; prints nothing for anything else.
+void print_answer(int status, const Pdu& response) {
+    if (status != STAT_SUCCESS || response == nullptr || response->errstat != SNMP_ERR_NOERROR)
+        return;
+    for (netsnmp_variable_list* var = response->variables; var != nullptr;
+         var = var->next_variable) {
+        ++numprinted;
+        print_variable(var->name, var->name_length, var);
+    }
+}
+
+// GETs `name` through `pipeline` (so a stop ends the wait) and prints the answer.
+void get_and_print(GetNextPipeline& pipeline, const oid* name, std::size_t name_length) {
+    Pdu response;
+    const int status = pipeline.get(name, name_length, response);
+    print_answer(status, response);
+}
+
+// The GETNEXT loop from `root`, its requests going through `pipeline`, until
+// the walk ends or `stop` or the variable limit stops it (as a timeout).
 // Returns the walk's result and leaves the last request's status in `status`.
-int32_t walk_subtree(GetNextPipeline& pipeline, netsnmp_session* ss, const oid* root,
-                     std::size_t rootlen, bool check, int& status) {
+int32_t walk_subtree(GetNextPipeline& pipeline, StopCheck& stop, netsnmp_session* ss,
+                     const oid* root, std::size_t rootlen, bool check, int& status) {
     oid name[MAX_OID_LEN];
     std::memcpy(name, root, rootlen * sizeof(oid));
     std::size_t name_length = rootlen;
     bool running = true;
     int32_t exitval = 0;
-    int32_t accepted = 0;  // by this walk, for the progress hook
+    int32_t accepted = 0;  // by this walk, for the progress hook and the limit
+    const int32_t limit = limit_variables.load(std::memory_order_relaxed);
     while (running) {
         Pdu response;
-        status = pipeline.exchange(name, name_length, response);
+        status = accepted >= limit || stop() ? STAT_TIMEOUT : pipeline.exchange(name, name_length, response);
         if (status == STAT_TIMEOUT) {
             exitval = 1;
             running = false;
@@ -294,6 +351,7 @@ struct Outcome {
 };
 
 Outcome walk(int32_t argc, char** argv) {
+    StopCheck stop;  // the deadline counts from here
     netsnmp_session session;
     int arg = 0;
     {
@@ -330,18 +388,17 @@ Outcome walk(int32_t argc, char** argv) {
     }
 
     const bool check = !netsnmp_ds_get_boolean(kStore, kDontCheckOrdering);
-    if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
-        snmp_get_and_print(ss.get(), root, rootlen);
     int status = STAT_SUCCESS;
     int32_t exitval = 0;
     {
-        // The pipeline's guesses die with it, before the fallback GET below.
-        GetNextPipeline pipeline(session, ss.get(), rootlen, TZGetWalkWindow());
-        exitval = walk_subtree(pipeline, ss.get(), root, rootlen, check, status);
+        GetNextPipeline pipeline(session, ss.get(), rootlen, TZGetWalkWindow(), std::ref(stop));
+        if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
+            get_and_print(pipeline, root, rootlen);
+        exitval = walk_subtree(pipeline, stop, ss.get(), root, rootlen, check, status);
+        pipeline.end_guessing();  // the guesses die before the fallback GET
+        // Only while no walk of this process has accepted anything yet.
+        if (numprinted == 0 && status == STAT_SUCCESS) get_and_print(pipeline, root, rootlen);
     }
-
-    // Only while no walk of this process has accepted anything yet.
-    if (numprinted == 0 && status == STAT_SUCCESS) snmp_get_and_print(ss.get(), root, rootlen);
     ss.reset();
 
     if (netsnmp_ds_get_boolean(kStore, kPrintStatistics))
@@ -375,13 +432,7 @@ extern "C" void snmp_get_and_print(struct snmp_session* session, const unsigned 
                                    size_t name_length) {
     Pdu response;
     const int status = exchange(session, request_for(SNMP_MSG_GET, name, name_length), response);
-    if (status != STAT_SUCCESS || response == nullptr || response->errstat != SNMP_ERR_NOERROR)
-        return;
-    for (netsnmp_variable_list* var = response->variables; var != nullptr;
-         var = var->next_variable) {
-        ++numprinted;
-        print_variable(var->name, var->name_length, var);
-    }
+    print_answer(status, response);
 }
 
 extern "C" int32_t mib_walk(int32_t argc, char** argv) {

@@ -17,6 +17,8 @@ constexpr oid kMaxSubIdentifier = 0xFFFFFFFFUL;
 // After a loss the window grows fast again up to half the size it had, but
 // never starts the slow growth below this.
 constexpr double kMinThreshold = 2.0;
+// The longest single wait: the stop check is asked at least this often.
+constexpr long kWaitSliceMicroseconds = 200'000;
 // A window starts with one guess beside the chain's request (when the cap
 // allows it): without a guess in flight no guess can hit and grow it.
 constexpr double kInitialWindow = 2.0;
@@ -51,8 +53,8 @@ void Window::loss() {
 }
 
 GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
-                                 std::size_t root_length, int32_t cap)
-    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap) {
+                                 std::size_t root_length, int32_t cap, StopCheck stop)
+    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap), stop_(std::move(stop)) {
     netsnmp_large_fd_set_init(&fds_, FD_SETSIZE);
     live_pipeline.store(this, std::memory_order_release);
 }
@@ -82,7 +84,19 @@ int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& res
     } else if (guessed) {
         window_.miss();
     }
-    return ask_on_chain(head, response);
+    return ask_on_chain(SNMP_MSG_GETNEXT, head, response);
+}
+
+int GetNextPipeline::get(const oid* name, std::size_t name_length, Pdu& response) {
+    response.reset();
+    return ask_on_chain(SNMP_MSG_GET, Name(name, name + name_length), response);
+}
+
+void GetNextPipeline::end_guessing() {
+    guesser_.reset();  // calls back for every guess still pending
+    guessing_off_ = true;
+    pending_.clear();
+    guesses_.clear();
 }
 
 // Waits until the guess for `name` is answered (true) or has failed and is
@@ -93,14 +107,15 @@ bool GetNextPipeline::wait_for_guess(const Name& name) {
         const auto guess = guesses_.find(name);
         if (guess == guesses_.end()) return false;
         if (guess->second.answer) return true;
-        if (!wait_once()) return false;
+        if (wait_once() != Waited::kSome) return false;
     }
 }
 
-// Sends GETNEXT(name) on the chain session and waits for its outcome, as
-// snmp_synch_response does (same select loop, same timeout and retries).
-int GetNextPipeline::ask_on_chain(const Name& name, Pdu& response) {
-    Pdu pdu = request_for(SNMP_MSG_GETNEXT, name.data(), name.size());
+// Sends `command`(name) on the chain session and waits for its outcome, as
+// snmp_synch_response does (same timeout and retries), in slices.
+int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) {
+    if (stop_ && stop_()) return stopped();
+    Pdu pdu = request_for(command, name.data(), name.size());
     if (!pdu) return STAT_ERROR;  // no memory for the request
     const long reqid = pdu->reqid;
     // A failed send calls back before the request is known here: ignored.
@@ -108,16 +123,29 @@ int GetNextPipeline::ask_on_chain(const Name& name, Pdu& response) {
         return STAT_ERROR;  // the request is still ours to free
     (void)pdu.release();
     chain_request_ = ChainRequest{true, reqid, true, STAT_SUCCESS, nullptr};
-    guess_after(name);
+    if (command == SNMP_MSG_GETNEXT) guess_after(name);
     while (chain_request_.waiting) {
-        if (!wait_once()) {
-            chain_request_.status = STAT_ERROR;
-            chain_request_.waiting = false;
+        const Waited waited = wait_once();
+        if (waited == Waited::kSome) continue;
+        chain_request_.waiting = false;
+        chain_request_.response.reset();
+        if (waited == Waited::kStopped) {
+            chain_request_.status = stopped();  // the request dies with the chain session
+        } else if (chain_request_.status == STAT_SUCCESS) {
+            chain_request_.status = STAT_ERROR;  // a report's error number stands
+            chain_->s_snmp_errno = SNMPERR_GENERR;
         }
     }
     chain_request_.active = false;
     response = std::move(chain_request_.response);
     return chain_request_.status;
+}
+
+// What a stop reports: a timeout on the chain.
+int GetNextPipeline::stopped() {
+    chain_->s_snmp_errno = SNMPERR_TIMEOUT;
+    SET_SNMP_ERROR(SNMPERR_TIMEOUT);
+    return STAT_TIMEOUT;
 }
 
 // Keeps the window full with guesses N+1, N+2, ... after `name` N, going on
@@ -157,7 +185,7 @@ bool GetNextPipeline::send_guess(const Name& name) {
 // already found, so opening it sends nothing. When it cannot be opened the
 // walk goes on without guesses.
 bool GetNextPipeline::open_guess_session() {
-    if (guessing_failed_) return false;
+    if (guessing_off_) return false;
     netsnmp_session settings = settings_;
     settings.retries = 0;
     settings.timeout = chain_->timeout;
@@ -173,8 +201,8 @@ bool GetNextPipeline::open_guess_session() {
         settings.flags |= SNMP_FLAGS_DONT_PROBE;
     }
     guesser_.reset(snmp_open(&settings));
-    guessing_failed_ = !guesser_;
-    return !guessing_failed_;
+    guessing_off_ = !guesser_;
+    return !guessing_off_;
 }
 
 int GetNextPipeline::on_event(int op, netsnmp_session* session, int reqid, netsnmp_pdu* pdu,
@@ -184,8 +212,12 @@ int GetNextPipeline::on_event(int op, netsnmp_session* session, int reqid, netsn
     // A retry sent: the request is still waiting (snmp_synch_response's own
     // callback never hears of it, the library tells only a request's own).
     if (op == NETSNMP_CALLBACK_OP_RESEND) return 1;
-    if (self->chain_request_.active && reqid == self->chain_request_.reqid &&
-        session == self->chain_)
+    // A report is the chain's whatever its request id, as snmp_synch_response
+    // takes it: an agent that cannot decrypt a request cannot echo its id
+    // (the library matched it to the request by its message id).
+    const bool report = pdu != nullptr && pdu->command == SNMP_MSG_REPORT;
+    if (self->chain_request_.active && session == self->chain_ &&
+        (reqid == self->chain_request_.reqid || report))
         return self->on_chain_event(op, session, pdu);
     self->on_guess_event(op, reqid, pdu);
     return 1;
@@ -197,9 +229,11 @@ int GetNextPipeline::on_chain_event(int op, netsnmp_session* session, netsnmp_pd
     request.waiting = false;
     if (op == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE && pdu != nullptr) {
         if (pdu->command == SNMP_MSG_REPORT) {
+            // Ends the request: the library resends on "not in time window"
+            // by itself and tells only once its resends are spent, after
+            // which it holds the request no more (snmp_synch_response would
+            // wait on for it, with nothing to wait for).
             const int report = snmpv3_get_report_type(pdu);
-            if (SNMPV3_IGNORE_UNAUTH_REPORTS || report == SNMPERR_NOT_IN_TIME_WINDOW)
-                request.waiting = true;
             request.response.reset();
             request.status = STAT_ERROR;
             session->s_snmp_errno = report;
@@ -262,28 +296,41 @@ void GetNextPipeline::on_guess_event(int op, long reqid, netsnmp_pdu* pdu) {
     if (wanted) guesses_.erase(guess);
 }
 
-// One round of snmp_synch_response's loop: wait for a packet or the next
-// timeout on every open session and let the library handle it. False when
-// select itself failed.
-bool GetNextPipeline::wait_once() {
+// One round of snmp_synch_response's loop, cut to at most 200 ms: wait for a
+// packet or the next timeout on every open session and let the library
+// handle it. kStopped when the stop check said so (nothing waited for),
+// kFailed when select failed or nothing waited for on the chain can come.
+GetNextPipeline::Waited GetNextPipeline::wait_once() {
+    if (stop_ && stop_()) return Waited::kStopped;
     int fds = 0;
     int block = NETSNMP_SNMPBLOCK;
     timeval timeout{};
-    timeval* wait = &timeout;
     NETSNMP_LARGE_FD_ZERO(&fds_);
-    snmp_sess_select_info2_flags(nullptr, &fds, &fds_, wait, &block, NETSNMP_SELECT_NOALARMS);
-    if (block == 1) wait = nullptr;
-    const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, wait);
+    snmp_sess_select_info2_flags(nullptr, &fds, &fds_, &timeout, &block, NETSNMP_SELECT_NOALARMS);
+    if (block == 1) {  // the library holds no request, so no answer can come
+        forget_unheld();
+        return chain_request_.waiting ? Waited::kFailed : Waited::kSome;
+    }
+    const bool sliced = timeout.tv_sec > 0 || timeout.tv_usec > kWaitSliceMicroseconds;
+    if (sliced) timeout = timeval{0, kWaitSliceMicroseconds};
+    const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &timeout);
     if (count > 0) {
         snmp_read2(&fds_);
     } else if (count == 0) {
-        snmp_timeout();
+        if (!sliced) snmp_timeout();
     } else if (errno != EINTR) {
         snmp_errno = SNMPERR_GENERR;
         snmp_set_detail(std::strerror(errno));
-        return false;
+        return Waited::kFailed;
     }
-    return true;
+    return Waited::kSome;
+}
+
+// Drops the guesses whose requests the library no longer holds (it ended
+// them without a call this pipeline could match, such as a report).
+void GetNextPipeline::forget_unheld() {
+    pending_.clear();
+    std::erase_if(guesses_, [](const auto& guess) { return !guess.second.answer; });
 }
 
 }  // namespace tz::discovery

@@ -34,6 +34,12 @@
 // request went unanswered for a whole timeout. It never exceeds the cap;
 // with a cap of 1 nothing is guessed and the walk sends exactly the
 // sequential walk's requests, one at a time.
+//
+// Waiting: every wait lasts at most 200 ms, and the stop check the walk
+// hands over is asked before each one; when it says stop, the request on the
+// chain ends as timed out. When the library holds no request at all, nothing
+// that is waited for can come: unanswered guesses are dropped and a request
+// still waiting on the chain ends as failed.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -41,6 +47,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <unordered_map>
@@ -79,10 +86,13 @@ private:
 
 class GetNextPipeline {
 public:
+    // True once the walk must stop; asked before every wait, must be quick.
+    using StopCheck = std::function<bool()>;
+
     // `settings` are the parsed arguments `chain` was opened from; both must
     // outlive the pipeline. `root_length` is the walked root's length.
     GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
-                    std::size_t root_length, int32_t cap);
+                    std::size_t root_length, int32_t cap, StopCheck stop);
     ~GetNextPipeline();  // closes the guess session; its stale requests die
     GetNextPipeline(const GetNextPipeline&) = delete;
     GetNextPipeline& operator=(const GetNextPipeline&) = delete;
@@ -90,7 +100,15 @@ public:
     // The agent's answer to GETNEXT(name): STAT_SUCCESS with `response`, or
     // STAT_TIMEOUT / STAT_ERROR with the chain session's error number set,
     // exactly as snmp_synch_response on the chain session reports it.
+    // A stop ends it with STAT_TIMEOUT and the error number SNMPERR_TIMEOUT.
     int exchange(const oid* name, std::size_t name_length, Pdu& response);
+
+    // The agent's answer to GET(name) on the chain, reported as exchange()
+    // reports; nothing is guessed from it.
+    int get(const oid* name, std::size_t name_length, Pdu& response);
+
+    // Closes the guess session (its requests die) and guesses no more.
+    void end_guessing();
 
 private:
     using Name = std::vector<oid>;
@@ -113,19 +131,23 @@ private:
     void on_guess_event(int op, long reqid, netsnmp_pdu* pdu);
 
     bool wait_for_guess(const Name& name);
-    int ask_on_chain(const Name& name, Pdu& response);
+    int ask_on_chain(int command, const Name& name, Pdu& response);
+    int stopped();
     void guess_after(const Name& name);
     bool send_guess(const Name& name);
     bool open_guess_session();
     std::size_t in_flight() const { return pending_.size() + (chain_request_.waiting ? 1 : 0); }
-    bool wait_once();
+    enum class Waited { kSome, kFailed, kStopped };
+    Waited wait_once();
+    void forget_unheld();
 
     const netsnmp_session& settings_;
     netsnmp_session* chain_;
     std::size_t root_length_;
     Window window_;
+    StopCheck stop_;
     Session guesser_;
-    bool guessing_failed_ = false;          // the guess session did not open
+    bool guessing_off_ = false;             // end_guessing, or the guess session did not open
     std::map<Name, Guess> guesses_;         // guesses the chain may still reach
     std::unordered_map<long, Name> pending_;  // guess requests not yet called back
     Name frontier_;                         // the last name guessed

@@ -1,24 +1,17 @@
 // The mapping: a caller's table merged with the current file's device-marked
 // entries (InMenu 2 or 4), the write built on it, and the hand-out of the
 // file's raw dictionaries.
-#include <cstring>
-
 #include "profile_file.h"
 #include "profile_store.h"
+#include "same_profile.h"
 
 namespace tz::store {
 
 namespace {
 
-// The same profile for the mapping: FileName equal up to its terminator
-// (bytes after it do not count) and the same Location.
-bool same_profile(const ProfileEntry& a, const ProfileEntry& b) {
-    return std::strncmp(a.FileName, b.FileName, TZ_PROFILE_TEXT) == 0 && a.Location == b.Location;
-}
-
 bool holds_profile(const ProfileTable& table, const ProfileEntry& entry) {
     for (int32_t i = 0; i < table.iNum && i < TZ_PROFILE_SLOTS; ++i)
-        if (same_profile(table.Entry[i], entry)) return true;
+        if (same_profile_for_mapping(table.Entry[i], entry)) return true;
     return false;
 }
 
