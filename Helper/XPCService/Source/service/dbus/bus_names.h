@@ -1,8 +1,7 @@
-// The helper's public face on the D-Bus session bus: its well-known name, the
-// one object, its two interfaces (the eight methods, named in methods.h; the
-// versioned one with the properties and the walk's progress signal) and the
-// error names a caller can receive. The client library and the service take
-// the names from here; packaging/tazorex.printers.T48Q.Helper.xml documents them.
+// The helper's names on the D-Bus session bus: well-known name, object, its two
+// interfaces (the eight methods, named in methods.h; the versioned one) and the
+// errors a caller can receive. The client library and the service take them
+// from here; packaging/tazorex.printers.T48Q.Helper.xml documents them.
 #pragma once
 
 #include <string_view>
@@ -24,8 +23,7 @@ inline constexpr std::string_view kLimitsExceeded = "org.freedesktop.DBus.Error.
 // Anything else that stopped an operation before it could reply.
 inline constexpr std::string_view kFailed = "org.freedesktop.DBus.Error.Failed";
 
-// The second interface of the same object, versioned by its trailing number:
-// a change that is not backwards compatible gets a new name.
+// The versioned interface: a change that is not backwards compatible gets a new number.
 inline constexpr std::string_view kInterface1 = "tazorex.printers.T48Q.Helper1";
 // Read-only, constant for the process: the service's version ("1.0").
 inline constexpr std::string_view kVersionProperty = "Version";

@@ -1,3 +1,4 @@
+// The D-Bus front (see front.h): the loop thread's state and handlers, the walk thread and the walk's hooks.
 #include "front.h"
 
 #include <poll.h>
@@ -5,11 +6,10 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
-#include <mutex>
 #include <optional>
+#include <semaphore>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -33,29 +33,20 @@ void wake(int fd) {
     [[maybe_unused]] const ssize_t written = ::write(fd, &one, sizeof one);  // a full counter wakes anyway
 }
 
-struct Call {
-    sdbus::MethodCall message;
-    Service::Operation op;
-    std::string_view request;  // inside `message`
-};
-struct Caller {
-    uid_t uid = 0;
-    std::deque<Call> kept;  // its calls behind its walk, in arrival order
-    std::size_t kept_bytes = 0;
-};
+struct Call { sdbus::MethodCall message; Service::Operation op; std::string_view request; /* in message */ };
+struct Caller { uid_t uid; std::deque<Call> kept = {}; /* behind its walk */ std::size_t kept_bytes = 0; };
 struct Answer {
     std::string error, text;  // a bus error name, or empty: `text` is the reply
 };
 
-// An answer that cannot be sent (its caller or the bus has gone) is dropped.
 void send(const Call& call, const Answer& answer) noexcept {
-    try {
-        if (!answer.error.empty()) return call.message.createErrorReply(sdbus::Error(answer.error, answer.text)).send();
-        sdbus::MethodReply reply = call.message.createReply();
-        reply << answer.text;
+    try {  // an answer that cannot be sent (its caller or the bus has gone) is dropped
+        const bool ok = answer.error.empty();
+        sdbus::MethodReply reply = ok ? call.message.createReply()
+                                      : call.message.createErrorReply(sdbus::Error(answer.error, answer.text));
+        if (ok) reply << answer.text;
         reply.send();
-    } catch (...) {
-    }
+    } catch (...) {}
 }
 
 }  // namespace
@@ -76,36 +67,29 @@ struct Front::State {
     std::string running_caller;
     Clock::time_point last_call = Clock::now();
     bool stopping = false, releasing = false, name_gone = false;
-    // Shared with the walk thread.
-    std::mutex mutex;
-    std::condition_variable job_ready;
-    std::optional<std::string_view> job;  // the request of the walk to run
-    std::optional<Answer> done;
-    bool closing = false;
-    std::atomic<bool> stop_walk{false}, progress_due{false};
+    // Shared with the walk thread: `job` is handed over by job_ready, `done` by walk_done.
+    std::counting_semaphore<2> job_ready{0};  // `running` is the job
+    Answer done;
+    std::atomic<bool> walk_done{false}, closing{false}, stop_walk{false}, progress_due{false};
     std::atomic<int32_t> variables{0};
     Clock::time_point last_progress;  // the walk thread's own
     std::thread walker;
     static inline State* hooked = nullptr;  // the walk's hooks report here
-
     bool pending() const { return running || !walk_turns.empty(); }
-
     // From sd-bus, on the loop thread: nothing may escape from here.
     void on_call(Service::Operation op, sdbus::MethodCall message) {
         last_call = Clock::now();
         Call call{std::move(message), op, {}};
         try {
             char* text = nullptr;
-            call.message >> text;
-            call.request = text;
+            call.request = (call.message >> text, text);
             const std::string sender = call.message.getSender();
             auto found = callers.find(sender);  // unique names are never reused: the uid is read once
-            if (found == callers.end()) found = callers.emplace(sender, Caller{call.message.getCredsUid(), {}, 0}).first;
+            if (found == callers.end()) found = callers.emplace(sender, Caller{call.message.getCredsUid()}).first;
             Caller& caller = found->second;
             if (caller.uid != ::getuid())
-                return send(call, {str(bus::kAccessDenied), "caller \"" + sender + "\" runs as uid " +
-                                   std::to_string(caller.uid) + ", the service only serves uid " +
-                                   std::to_string(::getuid())});
+                return send(call, {str(bus::kAccessDenied), "caller \"" + sender + "\" runs as uid " + std::to_string(
+                                   caller.uid) + ", the service only serves uid " + std::to_string(::getuid())});
             const bool behind_walk = !caller.kept.empty() || (running && running_caller == sender);
             if (!is_walk(op) && !behind_walk) return send(call, perform(op, call.request));
             if (caller.kept_bytes + call.request.size() > kQueuedLimit)
@@ -118,41 +102,33 @@ struct Front::State {
             if (call.message.isValid()) send(call, {str(bus::kFailed), e.what()});
         }
     }
-
-    void on_name_owner_changed(sdbus::Message& signal) {
+    void on_name_owner_changed(sdbus::Message& signal) {  // from the bus itself: well formed
         std::string name, old_owner, new_owner;
-        try {
-            signal >> name >> old_owner >> new_owner;
-        } catch (const sdbus::Error&) {
-            return;
-        }
+        signal >> name >> old_owner >> new_owner;
         if (name == bus::kBusName && old_owner == unique_name && new_owner != unique_name) name_gone = true;
         if (!new_owner.empty()) return;
         callers.erase(name);  // a caller gone: its kept calls go unanswered, its walk stops
         if (running && running_caller == name) stop_walk = true;
     }
-
     // Runs one operation: its reply, or the named error it stopped with.
+    // (An operation throws only before it replies.)
     Answer perform(Service::Operation op, std::string_view request) const noexcept {
-        std::optional<Answer> got;
+        Answer answer{str(bus::kFailed), "the operation ended without a reply"};
         try {
-            (service.*op)(request, [&](const std::string& text) { got.emplace(Answer{{}, text}); });
-            if (!got) got.emplace(Answer{str(bus::kFailed), "the operation ended without a reply"});
+            (service.*op)(request, [&](const std::string& text) { answer = {{}, text}; });
         } catch (const std::out_of_range& e) {
-            if (!got) got.emplace(Answer{str(bus::kRangeError), e.what()});
+            answer = {str(bus::kRangeError), e.what()};
         } catch (const std::exception& e) {
-            if (!got) got.emplace(Answer{str(bus::kFailed), e.what()});
+            answer = {str(bus::kFailed), e.what()};
         }
-        return std::move(*got);
+        return answer;
     }
-
     static Call take(Caller& caller) {
         Call call = std::move(caller.kept.front());
         caller.kept.pop_front();
         caller.kept_bytes -= call.request.size();
         return call;
     }
-
     // Runs the calls `caller` kept behind its walk, up to its next walk.
     void run_kept(Caller& caller) {
         while (!caller.kept.empty() && !is_walk(caller.kept.front().op)) {
@@ -160,7 +136,6 @@ struct Front::State {
             send(call, perform(call.op, call.request));
         }
     }
-
     // Hands the first waiting walk whose caller is still there to the walk thread.
     void next_walk() {
         while (!running && !walk_turns.empty()) {
@@ -176,36 +151,25 @@ struct Front::State {
             running_caller = found->first;
             stop_walk = progress_due = false;
             variables = 0;
-            const std::lock_guard lock(mutex);
-            job = walk.request;
             running.emplace(std::move(walk));
-            job_ready.notify_one();
+            job_ready.release();
         }
     }
-
     // Once the walk thread has answered: the final count, the reply, the calls kept behind the walk.
     void walk_ended() {
-        std::optional<Answer> answer;
-        {
-            const std::lock_guard lock(mutex);
-            answer.swap(done);
-        }
-        if (!answer) return;
-        if (answer->error.empty()) emit_progress();
-        send(*running, *answer);
+        if (!walk_done.exchange(false)) return;
+        if (done.error.empty()) emit_progress();
+        send(*running, done);
         running.reset();
         if (const auto found = callers.find(running_caller); found != callers.end()) run_kept(found->second);
         last_call = Clock::now();
     }
-
-    void emit_progress() noexcept {
-        try {  // advisory: a signal that cannot be sent is dropped
+    void emit_progress() noexcept {  // advisory: a signal that cannot be sent is dropped
+        try {
             object->emitSignal(str(bus::kWalkProgressSignal)).onInterface(str(bus::kInterface1))
                 .withArguments(running_caller, static_cast<uint32_t>(std::max(variables.load(), 0)));
-        } catch (...) {
-        }
+        } catch (...) {}
     }
-
     int run(int stop_fd) {
         try {
             for (;;) {
@@ -216,7 +180,10 @@ struct Front::State {
                 next_walk();
                 const bool idle = options.idle_exit.count() > 0 && !pending() &&
                                   Clock::now() - last_call >= options.idle_exit;
-                if (!releasing && (stopping || idle)) release_name();
+                if (!releasing && (stopping || idle)) {
+                    releasing = true;  // a name not ours (any more) has nobody to confirm it has gone
+                    try { bus.releaseName(str(bus::kBusName)); } catch (const sdbus::Error&) { name_gone = true; }
+                }
                 if (releasing && name_gone && !pending()) return 0;
                 wait(stop_fd);
             }
@@ -225,23 +192,13 @@ struct Front::State {
             return 1;
         }
     }
-
-    void release_name() {
-        releasing = true;
-        try {
-            bus.releaseName(str(bus::kBusName));
-        } catch (const sdbus::Error&) {
-            name_gone = true;  // not ours (any more): nothing will confirm it
-        }
-    }
-
     // Sleeps until the bus, the walk thread or the stop signal has something, or the bus's or idle's time is due.
     void wait(int stop_fd) {
         const sdbus::IConnection::PollData data = bus.getEventLoopPollData();
         int timeout = data.getPollTimeout();
         if (!releasing && !pending() && options.idle_exit.count() > 0) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(last_call + options.idle_exit - Clock::now());
-            const int idle_ms = static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT32_MAX));
+            const auto ms = std::chrono::ceil<std::chrono::milliseconds>(last_call + options.idle_exit - Clock::now());
+            const int idle_ms = static_cast<int>(std::clamp<int64_t>(ms.count(), 0, INT32_MAX));
             timeout = timeout < 0 ? idle_ms : std::min(timeout, idle_ms);
         }
         pollfd fds[3] = {{data.fd, data.events, 0}, {wake_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
@@ -252,35 +209,24 @@ struct Front::State {
         if ((fds[1].revents & POLLIN) && ::read(wake_fd, &count, sizeof count) < 0) count = 0;
         if ((fds[2].revents & POLLIN) && ::read(stop_fd, &info, sizeof info) > 0) stopping = stop_walk = true;
     }
-
     // The walk thread: runs each walk the loop hands it and hands back its answer.
     void walk_thread() {
-        std::unique_lock lock(mutex);
-        for (;;) {
-            job_ready.wait(lock, [this] { return job || closing; });
-            if (closing) return;
-            const std::string_view request = *job;
-            job.reset();
-            lock.unlock();
+        for (job_ready.acquire(); !closing; job_ready.acquire()) {
             last_progress = Clock::now();
-            Answer answer = perform(&Service::mibwalk_XPC, request);
-            lock.lock();
-            done.emplace(std::move(answer));
+            done = perform(&Service::mibwalk_XPC, running->request);
+            walk_done = true;
             wake(wake_fd);
         }
     }
-
     // On the walk thread, after each variable: wakes the loop at most once an interval.
     static void progress_hook(int32_t count) {
         if (hooked == nullptr) return;
         hooked->variables = count;
-        const Clock::time_point now = Clock::now();
-        if (now - hooked->last_progress < kProgressInterval) return;
-        hooked->last_progress = now;
+        if (Clock::now() - hooked->last_progress < kProgressInterval) return;
+        hooked->last_progress = Clock::now();
         hooked->progress_due = true;
         wake(hooked->wake_fd);
     }
-
     // On the walk thread: true once the walk's caller has left or the service is stopping.
     static bool stop_hook() { return hooked != nullptr && hooked->stop_walk.load(); }
 };
@@ -295,13 +241,12 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
     s.object = sdbus::createObject(bus, str(bus::kObjectPath));
     for (const NamedOperation& named : kOperations)  // the method table: the protocol's names and operations
         s.object->registerMethod(str(bus::kInterface), str(named.name), "s", {"request"}, "s", {"reply"},
-                                 [&s, op = named.operation](sdbus::MethodCall call) { s.on_call(op, std::move(call)); });
+                                 [&s, op = named.operation](sdbus::MethodCall m) { s.on_call(op, std::move(m)); });
     const std::string interface1 = str(bus::kInterface1);
-    constexpr auto constant = sdbus::Flags::CONST_PROPERTY_VALUE;
-    s.object->registerProperty(str(bus::kVersionProperty)).onInterface(interface1)
-        .withGetter([] { return str(kVersion); }).withUpdateBehavior(constant);
-    s.object->registerProperty(str(bus::kPreferencesDirectoryProperty)).onInterface(interface1)
-        .withGetter([&s] { return s.options.preferences_dir; }).withUpdateBehavior(constant);
+    for (const auto& [name, value] : {std::pair{bus::kVersionProperty, str(kVersion)},
+                                      {bus::kPreferencesDirectoryProperty, s.options.preferences_dir}})
+        s.object->registerProperty(str(name)).onInterface(interface1).withGetter([value] { return value; })
+            .withUpdateBehavior(sdbus::Flags::CONST_PROPERTY_VALUE);
     s.object->registerSignal(str(bus::kWalkProgressSignal)).onInterface(interface1)
         .withParameters<std::string, uint32_t>("caller", "variables");
     s.object->finishRegistration();
@@ -312,15 +257,10 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
 }
 
 Front::~Front() {
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->closing = state_->stop_walk = true;
-    }
-    state_->job_ready.notify_one();
+    state_->closing = state_->stop_walk = true;
+    state_->job_ready.release();
     state_->walker.join();
-    TZSetWalkProgressHook(nullptr);
-    TZSetWalkStopHook(nullptr);
-    State::hooked = nullptr;
+    TZSetWalkProgressHook(nullptr), TZSetWalkStopHook(nullptr), State::hooked = nullptr;
     ::close(state_->wake_fd);
 }
 

@@ -1,30 +1,24 @@
 // The helper's front on the D-Bus session bus: one object with the eight
-// operations of the helper's interface and the versioned interface beside it
-// (bus_names.h: two constant properties and the WalkProgress signal).
+// operations and the versioned interface (bus_names.h). Two threads: the loop
+// thread (the one in run()) owns the connection, so sd-bus is used from one
+// thread only: it alone reads, replies and emits. It runs the short operations
+// inline in arrival order. The walk thread runs the walks one at a time in
+// arrival order and hands each answer back through a wake-up descriptor.
 //
-// Two threads. The loop thread (the one in run()) owns the connection: only
-// it reads, replies and emits, so sd-bus is used from one thread. It runs the
-// short operations inline, in arrival order. The walk thread runs the walks,
-// one at a time in arrival order, and hands each answer back through a
-// wake-up descriptor for the loop thread to send.
-//
-// Callers (unique bus names):
-//   - of another uid (read once from a call's credentials): AccessDenied;
-//   - from a caller's walk until it ends, its later calls are kept aside, then
-//     run in arrival order (a later walk queues as it arrived); other callers'
-//     calls go on. What a caller keeps aside (a waiting walk included) holds at
-//     most kQueuedLimit bytes of requests; past that a call gets LimitsExceeded;
-//   - one that leaves the bus: its kept calls are dropped (a waiting walk gives
-//     up its turn), its running walk is asked to stop (the walk's stop hook)
-//     and ends as after a timeout, the file rebuilt;
-//   - markers missing or out of order: RangeException naming the marker;
-//     anything else that stops an operation: Failed.
+// Callers (unique bus names): another uid (read once, from a call's
+// credentials) gets AccessDenied. From a caller's walk until it ends, its later
+// calls are kept aside, then run in arrival order; other callers' calls go on.
+// What a caller keeps aside (a waiting walk included) holds at most
+// kQueuedLimit bytes of requests; past that a call gets LimitsExceeded. When a
+// caller leaves the bus its kept calls are dropped (a waiting walk gives up its
+// turn) and its running walk is stopped (the walk's stop hook: it ends as after
+// a timeout, the file rebuilt). Markers out of order: RangeException; anything
+// else that stops an operation: Failed.
 //
 // Leaving (idle: no walk runs or waits; or `stop_fd` readable: SIGTERM): the
-// front releases the bus name and serves until the bus confirms it has gone
-// and nothing is pending. On a stop the running walk is asked to stop, and
-// each walk not yet started is answered Failed ("the service is stopping")
-// when its turn comes; the calls kept behind it still run.
+// name is released and calls are served until the bus confirms it has gone and
+// nothing is pending. On a stop the running walk is stopped, and each walk not
+// yet started gets Failed ("the service is stopping") when its turn comes.
 #pragma once
 
 #include <chrono>

@@ -24,17 +24,15 @@
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tzhelperd [OPTION]...\n"
-    "\n"
-    "Serves tazorex.printers.T48Q.Helper on the user's D-Bus session bus.\n"
-    "\n"
+    "Usage: tzhelperd [OPTION]...\n\n"
+    "Serves tazorex.printers.T48Q.Helper on the user's D-Bus session bus.\n\n"
     "  --idle-exit SECONDS    end after SECONDS without a call (default 60, 0 never);\n"
     "                         the bus starts a fresh process on the next call\n"
     "  --walk-window N        keep up to N requests of a walk in flight (default 64)\n"
     "  --walk-timeout SECONDS stop a walk after SECONDS (default 600)\n"
-    "  --walk-max-variables N stop a walk after N variables (default 1000000)\n"
-    "                         (a walk stopped so, by SIGTERM or because its caller\n"
-    "                         left ends as after a timeout: iRet=1, file rebuilt)\n"
+    "  --walk-max-variables N stop a walk after N variables (default 1000000); so\n"
+    "                         stopped, as by SIGTERM or its caller leaving, a walk\n"
+    "                         ends as a timeout does: iRet=1, the file rebuilt\n"
     "  --preferences-dir DIR  folder of the profile plists a walk rewrites\n"
     "                         (default %s)\n"
     "  --address ADDRESS      use this bus instead of the session bus\n"
@@ -70,7 +68,6 @@ int usage_error(const std::string& message) {
     std::fprintf(stderr, "tzhelperd: %s (see --help)\n", message.c_str());
     return 2;
 }
-
 std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
 
 // Parses the command line into `options`. Returns -1 to go on, else the exit
@@ -83,8 +80,8 @@ int parse(int argc, char** argv, Options& options) {
             const auto& bounds = kBounds[id - kNumber];
             int64_t& number = options.*bounds.value;
             const auto [stop, ec] = std::from_chars(value.data(), value.data() + value.size(), number);
-            if (ec != std::errc() || stop != value.data() + value.size() || number < bounds.minimum ||
-                number > bounds.maximum)
+            const bool whole = ec == std::errc() && stop == value.data() + value.size();
+            if (!whole || number < bounds.minimum || number > bounds.maximum)
                 return usage_error("--" + std::string(kOptions[id - kNumber].name) + " takes a whole number from " +
                                    std::to_string(bounds.minimum) + " to " + std::to_string(bounds.maximum) +
                                    ", not " + quoted(value));
@@ -97,12 +94,9 @@ int parse(int argc, char** argv, Options& options) {
                 break;
             case kAddress: options.address = value; break;
             case kDebug: options.debug = true; break;
-            case kVersion:
-                return std::printf("tzhelperd %s\n", std::string(tz::dbus::kVersion).c_str()), 0;
-            case kHelp:
-                return std::printf(kUsage, std::string(tz::dbus::kSystemPreferencesDir).c_str()), 0;
-            case ':':
-                return usage_error(quoted(argv[optind - 1]) + " needs a value");
+            case kVersion: return std::printf("tzhelperd %s\n", std::string(tz::dbus::kVersion).c_str()), 0;
+            case kHelp: return std::printf(kUsage, std::string(tz::dbus::kSystemPreferencesDir).c_str()), 0;
+            case ':': return usage_error(quoted(argv[optind - 1]) + " needs a value");
             default:  // '?': optopt is a short option's letter, or the id of a long one given a value
                 if (optopt > 0 && optopt < kNumber)
                     return usage_error("unknown option " + quoted(std::string("-") + char(optopt)));
@@ -152,26 +146,22 @@ std::optional<std::string> preferences_problem(const std::string& dir) {
 // line at debug priority. The number goes after the last line when it says
 // something: it is not zero, or the text ends in ": " (a count of zero).
 void debug_to_stderr(const char* text, int32_t number) {
-    std::string_view rest = text != nullptr ? text : "";
-    while (!rest.empty() && (rest.back() == '\n' || rest.back() == '\r')) rest.remove_suffix(1);
-    const bool with_number = number != 0 || rest.ends_with(": ");
-    if (rest.empty() && !with_number) return;
-    do {
-        const std::size_t end = rest.find('\n');
-        std::string line = SD_DEBUG "tzhelperd: walk: " + std::string(rest.substr(0, end));
-        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        line += (end == std::string_view::npos && with_number ? std::to_string(number) : "") + "\n";
+    std::string rest = text != nullptr ? text : "";
+    while (!rest.empty() && (rest.back() == '\n' || rest.back() == '\r')) rest.pop_back();
+    if (number != 0 || rest.ends_with(": ")) rest += std::to_string(number);
+    for (std::size_t at = 0, end = 0; at < rest.size(); at = end + 1) {
+        end = std::min(rest.find('\n', at), rest.size());
+        const std::string line = SD_DEBUG "tzhelperd: walk: " + rest.substr(at, end - at) + "\n";
         std::fwrite(line.data(), 1, line.size(), stderr);  // one write per line
-    } while (!rest.empty());
+    }
 }
 
 // The bus to serve on: the one named on the command line, else the one that
 // activated us, else the session bus.
-std::unique_ptr<sdbus::IConnection> connect(const std::string& address) {
-    if (!address.empty()) return sdbus::createSessionBusConnectionWithAddress(address);
-    if (const char* starter = std::getenv("DBUS_STARTER_ADDRESS"); starter && *starter)
-        return sdbus::createSessionBusConnectionWithAddress(starter);
-    return sdbus::createSessionBusConnection();
+std::unique_ptr<sdbus::IConnection> connect(std::string address) {
+    if (const char* starter = std::getenv("DBUS_STARTER_ADDRESS"); address.empty() && starter) address = starter;
+    return address.empty() ? sdbus::createSessionBusConnection()
+                           : sdbus::createSessionBusConnectionWithAddress(address);
 }
 
 int fail(const std::string& what) {
