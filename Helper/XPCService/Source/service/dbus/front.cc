@@ -28,16 +28,11 @@ constexpr std::chrono::milliseconds kProgressInterval{100};  // WalkProgress at 
 
 std::string str(std::string_view text) { return std::string(text); }
 bool is_walk(Service::Operation op) { return op == &Service::mibwalk_XPC; }
-void wake(int fd) {
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(fd, &one, sizeof one);  // a full counter wakes anyway
-}
+void wake(int fd) { ::eventfd_write(fd, 1); }  // a full counter wakes the loop anyway
 
 struct Call { sdbus::MethodCall message; Service::Operation op; std::string_view request; /* in message */ };
 struct Caller { uid_t uid; std::deque<Call> kept = {}; /* behind its walk */ std::size_t kept_bytes = 0; };
-struct Answer {
-    std::string error, text;  // a bus error name, or empty: `text` is the reply
-};
+struct Answer { std::string error, text; };  // error: a bus error name, or empty: `text` is the reply
 
 void send(const Call& call, const Answer& answer) noexcept {
     try {  // an answer that cannot be sent (its caller or the bus has gone) is dropped
@@ -204,9 +199,9 @@ struct Front::State {
         pollfd fds[3] = {{data.fd, data.events, 0}, {wake_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
         if (::poll(fds, stop_fd >= 0 ? 3 : 2, timeout) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "poll");
-        uint64_t count = 0;
+        eventfd_t count = 0;
         signalfd_siginfo info{};
-        if ((fds[1].revents & POLLIN) && ::read(wake_fd, &count, sizeof count) < 0) count = 0;
+        if (fds[1].revents & POLLIN) ::eventfd_read(wake_fd, &count);
         if ((fds[2].revents & POLLIN) && ::read(stop_fd, &info, sizeof info) > 0) stopping = stop_walk = true;
     }
     // The walk thread: runs each walk the loop hands it and hands back its answer.

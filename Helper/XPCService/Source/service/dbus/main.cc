@@ -43,8 +43,8 @@ constexpr const char* kUsage =
 struct Options {
     tz::dbus::FrontOptions front;
     std::string address;
-    int64_t idle_exit = 60, walk_window = 0, walk_seconds = TZ_WALK_DEFAULT_SECONDS,
-            walk_variables = TZ_WALK_DEFAULT_VARIABLES;
+    int64_t idle_exit = 60, walk_window = 0;
+    int64_t walk_seconds = TZ_WALK_DEFAULT_SECONDS, walk_variables = TZ_WALK_DEFAULT_VARIABLES;
     bool debug = false;
 };
 
@@ -179,14 +179,10 @@ int main(int argc, char** argv) {
     if (options.debug) TZSetWalkDebugHook(&debug_to_stderr);
     if (const auto problem = preferences_problem(options.front.preferences_dir))
         std::fprintf(stderr, SD_WARNING "tzhelperd: %s\n", problem->c_str());
-
-    // A fixed threshold keeps every large buffer (a request of megabytes) in
-    // its own mapping, returned when the call ends, instead of letting glibc
-    // raise the threshold and park such buffers in its arenas.
+    // A fixed threshold keeps each large buffer (a request of megabytes) in its own mapping, returned when the call
+    // ends, instead of letting glibc raise the threshold and park such buffers in its arenas.
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-
-    // Stop requests arrive on a signalfd; the walk thread, started later,
-    // inherits the blocked mask, so only the loop thread's poll sees them.
+    // Stop requests arrive on a signalfd; the walk thread, started later, inherits the blocked mask.
     sigset_t stop_signals;
     ::sigemptyset(&stop_signals);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stop_signals, signal);
