@@ -110,12 +110,13 @@ TEST(CommandLine, OptionsAndUsageErrors) {
     };
     const Case cases[] = {
         {{"--help"}, "(default /var/lib/tzhelper/tazorex.printers.T48Q/", ""},
-        {{"--walk-window=1", "--idle-exit=31536000", "--version"}, "tzhelperd " TZ_VERSION "\n", ""},
-        {{"--walk-window=2147483647", "--idle-exit=0", "--debug", "--version"}, "tzhelperd " TZ_VERSION "\n", ""},
-        {{"--walk-window", "0"}, "", "\"0\""},
-        {{"--walk-window=-3"}, "", "\"-3\""},
-        {{"--walk-window", "4x"}, "", "\"4x\""},
-        {{"--walk-window", "2147483648"}, "", "\"2147483648\""},
+        {{"--walk-window=1", "--idle-exit=31536000", "--walk-timeout=1", "--version"}, "tzhelperd " TZ_VERSION "\n", ""},
+        {{"--walk-window=2147483647", "--idle-exit=0", "--debug", "--walk-max-variables=1", "--version"},
+         "tzhelperd " TZ_VERSION "\n", ""},
+        {{"--walk-window", "0"}, "", "--walk-window takes a whole number from 1 to 2147483647, not \"0\""},
+        {{"--walk-max-variables=-3"}, "", "--walk-max-variables takes a whole number from 1 to 2147483647, not \"-3\""},
+        {{"--walk-timeout", "4x"}, "", "--walk-timeout takes a whole number from 1 to 2147483647, not \"4x\""},
+        {{"--walk-timeout", "2147483648"}, "", "\"2147483648\""},
         {{"--idle-exit=soon"}, "", "\"soon\""},
         {{"--idle-exit=31536001"}, "", "\"31536001\""},
         {{"--preferences-dir="}, "", "--preferences-dir"},
@@ -208,14 +209,24 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     }
 }
 
-TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
+// A caller that leaves gives up its waiting walk and stops its running one (-t 86400 at a silent agent), as SIGTERM
+// stops the service's; a running walk's caller keeps at most 64 MiB of requests behind it.
+TEST(WalkTurns, ACallerThatLeavesDropsItsWaitingWalkAndStopsItsRunningOneAsSigtermDoes) {
     tz::test::PrivateBus bus(30);
     tz::test::SnmpAgent printer(tz::test::printer_table(3));
-    UdpRelay relay(printer.port());
+    UdpRelay relay(printer.port());  // held: a silent agent
     auto first = connect(bus), other = connect(bus), leaver = connect(bus);
+    const auto silent_walk = [&](const std::string& user) { return tz::client::walk_request("T48Q", user,
+        {"snmpwalk", "-v", "1", "-c", "public", "-t", "86400", "-r", "0", relay.peer(), tz::test::kProfileTable}); };
     relay.hold(true);
-    auto held = std::async(std::launch::async, [&] { return first->mib_walk(walk_of("T48Q", "alice", relay.peer())); });
+    first->set_walk_timeout(std::chrono::milliseconds(1));
+    EXPECT_FALSE(first->mib_walk(silent_walk("alice")).ok());
     ASSERT_EQ(UdpRelay::first_asked({&relay}), 0);
+    const std::string big(30u << 20, '/');  // two kept behind the walk, the third past the limit
+    first->set_timeout(std::chrono::milliseconds(1));
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(first->exist(big).ok());
+    first->set_timeout(std::chrono::seconds(60));
+    EXPECT_EQ(reply_of(first->exist(big)).substr(0, 56), "error org.freedesktop.DBus.Error.LimitsExceeded: the cal");
 
     // The leaver: known (one call answered), a walk queued (the property read behind it answered), then gone.
     const std::string name = leaver->unique_name();
@@ -231,12 +242,20 @@ TEST(WalkTurns, AWaitingWalkWhoseCallerLeavesNeverRuns) {
         daemon->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name).storeResultsTo(has);
     EXPECT_EQ(reply_of(other->exist("/")), "TRUE");
 
-    relay.hold(false);
-    EXPECT_EQ(reply_of(held.get()), "iRet=0");
-    // Turns go in arrival order: the leaver's walk would have run before this one.
-    EXPECT_EQ(reply_of(other->mib_walk(walk_of("T48Q", "bob", relay.peer()))), "iRet=0");
-    EXPECT_TRUE(tz::test::exists(bus.prefs() + "bob-T48Q-profile.plist"));
-    EXPECT_FALSE(tz::test::exists(bus.prefs() + "leaver-T48Q-profile.plist"));
+    // The first walk could not end (its agent is silent for a day) if it went on; the leaver's would run next.
+    first.reset();
+    EXPECT_EQ(reply_of(other->mib_walk(walk_of("T48Q", "bob", printer.peer()))), "iRet=0");
+    for (const auto& [user, walked] : {std::pair{"alice", true}, {"bob", true}, {"leaver", false}})
+        EXPECT_EQ(tz::test::exists(bus.prefs() + user + "-T48Q-profile.plist"), walked) << user;
+
+    relay.hold(true);  // SIGTERM during such a walk: the service ends, the file is there
+    other->set_walk_timeout(std::chrono::milliseconds(1));
+    EXPECT_FALSE(other->mib_walk(silent_walk("carol")).ok());
+    ASSERT_EQ(UdpRelay::first_asked({&relay}), 0);
+    const pid_t service = bus.service_pid();
+    ASSERT_EQ(::kill(service, SIGTERM), 0);
+    EXPECT_TRUE(tz::test::wait_for_exit(service, std::chrono::seconds(60)));
+    EXPECT_TRUE(tz::test::exists(bus.prefs() + "carol-T48Q-profile.plist"));
 }
 
 }  // namespace

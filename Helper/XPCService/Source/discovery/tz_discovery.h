@@ -20,7 +20,8 @@
  *  - Process-wide state, no locks: PlistForSpool, numprinted, sDEBUGmsg, the
  *    hooks, window and limits set below, the net-snmp default store and
  *    getopt's globals (walk.cc lists the rest). One walk at a time per
- *    process; the caller serialises.
+ *    process: the service's walk request (tz::Service::mibwalk_XPC) takes
+ *    turns, so every front keeps to it.
  *  - The rebuild reads and writes the files named by the profile store's path
  *    globals (TZ_PLIST_PROFILE_PATH, ...).
  *    REQUIRES: they point at valid paths for the duration of the walk.

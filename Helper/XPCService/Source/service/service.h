@@ -8,31 +8,26 @@
 // and before any file is touched; the front turns that into "no reply" (XPC)
 // or a named error (D-Bus).
 //
-// The object holds only its configuration; it is safe to use from one thread
-// at a time per object, and different objects may run at the same time. The
-// walk uses process-wide state: only one walk may run at a time in a process.
+// The object holds only its configuration and never changes it: any number
+// of threads may use one object, or several, at the same time. Walks take
+// turns: the walk's state is process-wide, so mibwalk_XPC waits, in arrival
+// order, until no other walk runs in the process.
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "methods.h"
+#include "private_folder.h"
 
 namespace tz {
 
 inline constexpr std::string_view kDefaultPreferencesDir =
     "/Library/Printers/TAZOREX/Preferences/tazorex.printers.T48Q/";
-
-// Makes `dir` (a folder path ending in '/') when it is missing (mkdir, mode
-// 0700, its parent must exist), then checks it with lstat. Nothing when it is
-// a real folder (not a link) owned by the effective user that neither its
-// group nor others may write; else one sentence that starts with the path and
-// says what is there and who owns it ("/x/bob/ is a symbolic link owned by
-// alice (uid 1002)"), or why it cannot be made or checked.
-std::optional<std::string> private_folder_problem(const std::string& dir);
 
 class Service {
 public:
@@ -79,10 +74,12 @@ public:
     // More than 511 arguments: no walk; replies and logs "iRet=-1", the
     // parser's "refused" code. A private folder that private_folder_problem
     // refuses: no walk; logs the problem at LOG_ERR, replies and logs "iRet=1"
-    // (the walk's failure). Only one walk may run at a time in a process.
+    // (the walk's failure). Waits for the walks that asked before it.
     void mibwalk_XPC(std::string_view request, const Reply& reply) const;
 
 private:
+    // mibwalk_XPC's work once it has its turn; returns the walk's result.
+    int32_t walk(std::string_view request) const;
     std::string preferences_dir_;
     Folder folder_;
 };

@@ -22,8 +22,9 @@
  *    (replies are at most 16 bytes and never cut).
  *  - No function throws or prints. Running out of memory inside an operation
  *    ends the process.
- *  - Threads: as the operations themselves: any number of file requests may run
- *    at once; only one walk request may run at a time in a process.
+ *  - Threads: any function may be called from any thread at any time. Walk
+ *    requests take turns in arrival order (the walk's state is process-wide):
+ *    TZBridge_mibwalk_XPC waits until the walks asked before it have ended.
  */
 #ifndef TZ_SERVICE_BRIDGE_H
 #define TZ_SERVICE_BRIDGE_H

@@ -1,10 +1,7 @@
 // tzhelperd: the helper service on the user's D-Bus session bus, started on
-// demand by the bus (or by systemd --user) and ending itself when idle.
-//
-// Lines to stderr reach the journal when systemd or the bus runs the service;
-// each starts with sd-daemon's priority prefix ("<4>") so that the journal
-// files it at that priority. Usage errors and --help/--version, written for
-// whoever typed the command, carry none.
+// demand by the bus (or systemd --user), ending itself when idle. Its lines to
+// stderr reach the journal, each with sd-daemon's priority prefix ("<4>");
+// usage errors and --help/--version, written for whoever typed them, have none.
 #include <getopt.h>
 #include <malloc.h>
 #include <pwd.h>
@@ -15,36 +12,31 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
 
-#include <sdbus-c++/sdbus-c++.h>
 #include <systemd/sd-daemon.h>
 
 #include "bus_names.h"
 #include "front.h"
+#include "private_folder.h"
 #include "tz_discovery.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tzhelperd [OPTION]...\n"
-    "\n"
-    "Serves tazorex.printers.T48Q.Helper on the user's D-Bus session bus.\n"
-    "\n"
+    "Usage: tzhelperd [OPTION]...\n\n"
+    "Serves tazorex.printers.T48Q.Helper on the user's D-Bus session bus.\n\n"
     "  --idle-exit SECONDS    end after SECONDS without a call (default 60, 0 never);\n"
     "                         the bus starts a fresh process on the next call\n"
+    "  --walk-window N        keep up to N requests of a walk in flight (default 64)\n"
+    "  --walk-timeout SECONDS stop a walk after SECONDS (default 600)\n"
+    "  --walk-max-variables N stop a walk after N variables (default 1000000); so\n"
+    "                         stopped, as by SIGTERM or its caller leaving, a walk\n"
+    "                         ends as a timeout does: iRet=1, the file rebuilt\n"
     "  --preferences-dir DIR  this user's own folder of the profile plists\n"
     "                         (default %s)\n"
     "  --address ADDRESS      use this bus instead of the session bus\n"
-    "  --walk-window N        keep up to N requests of a walk in flight\n"
-    "                         (a positive number; default: the walk's own)\n"
     "  --debug                write the walk's diagnostics to stderr (the journal)\n"
     "  --version              print the version and exit\n"
     "  --help                 show this text\n";
@@ -52,45 +44,32 @@ constexpr const char* kUsage =
 struct Options {
     tz::dbus::FrontOptions front;
     std::string address;
-    std::optional<int32_t> walk_window;
+    int64_t idle_exit = 60, walk_window = 0;
+    int64_t walk_seconds = TZ_WALK_DEFAULT_SECONDS, walk_variables = TZ_WALK_DEFAULT_VARIABLES;
     bool debug = false;
+};
+
+enum OptionId : int { kNumber = 1000, kPreferencesDir = 2000, kAddress, kDebug, kVersion, kHelp = 'h' };
+
+// The options that take a whole number: kNumber + i is the i-th, with kBounds[i].
+const option kOptions[] = {
+    {"idle-exit", required_argument, nullptr, kNumber}, {"walk-window", required_argument, nullptr, kNumber + 1},
+    {"walk-timeout", required_argument, nullptr, kNumber + 2},
+    {"walk-max-variables", required_argument, nullptr, kNumber + 3},
+    {"preferences-dir", required_argument, nullptr, kPreferencesDir}, {"address", required_argument, nullptr, kAddress},
+    {"debug", no_argument, nullptr, kDebug}, {"version", no_argument, nullptr, kVersion},
+    {"help", no_argument, nullptr, kHelp}, {nullptr, 0, nullptr, 0},
+};
+const struct { int64_t minimum, maximum, Options::*value; } kBounds[] = {
+    {0, 86400 * 365, &Options::idle_exit}, {1, INT32_MAX, &Options::walk_window},
+    {1, INT32_MAX, &Options::walk_seconds}, {1, INT32_MAX, &Options::walk_variables},
 };
 
 int usage_error(const std::string& message) {
     std::fprintf(stderr, "tzhelperd: %s (see --help)\n", message.c_str());
     return 2;
 }
-
 std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
-
-// True when all of `text` is one number in [minimum, maximum].
-template <typename Number>
-bool whole_number(std::string_view text, Number minimum, Number maximum, Number& value) {
-    const char* end = text.data() + text.size();
-    const auto [stop, ec] = std::from_chars(text.data(), end, value);
-    return ec == std::errc() && stop == end && value >= minimum && value <= maximum;
-}
-
-enum OptionId : int {
-    kIdleExit = 1000,
-    kPreferencesDir,
-    kAddress,
-    kWalkWindow,
-    kDebug,
-    kVersion,
-    kHelp = 'h',
-};
-
-const option kOptions[] = {
-    {"idle-exit", required_argument, nullptr, kIdleExit},
-    {"preferences-dir", required_argument, nullptr, kPreferencesDir},
-    {"address", required_argument, nullptr, kAddress},
-    {"walk-window", required_argument, nullptr, kWalkWindow},
-    {"debug", no_argument, nullptr, kDebug},
-    {"version", no_argument, nullptr, kVersion},
-    {"help", no_argument, nullptr, kHelp},
-    {nullptr, 0, nullptr, 0},
-};
 
 std::string own_preferences_dir();  // the default folder, below
 
@@ -98,55 +77,37 @@ std::string own_preferences_dir();  // the default folder, below
 // status to end with.
 int parse(int argc, char** argv, Options& options) {
     opterr = 0;  // the messages below name the bad value instead
-    for (;;) {
-        const int id = getopt_long(argc, argv, ":h", kOptions, nullptr);
-        if (id == -1) break;
+    for (int id; (id = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1;) {
         const std::string_view value = optarg != nullptr ? optarg : "";
+        if (id >= kNumber && id < kPreferencesDir) {
+            const auto& bounds = kBounds[id - kNumber];
+            int64_t& number = options.*bounds.value;
+            const auto [stop, ec] = std::from_chars(value.data(), value.data() + value.size(), number);
+            const bool whole = ec == std::errc() && stop == value.data() + value.size();
+            if (!whole || number < bounds.minimum || number > bounds.maximum)
+                return usage_error("--" + std::string(kOptions[id - kNumber].name) + " takes a whole number from " +
+                                   std::to_string(bounds.minimum) + " to " + std::to_string(bounds.maximum) +
+                                   ", not " + quoted(value));
+            continue;
+        }
         switch (id) {
-            case kIdleExit: {
-                unsigned seconds = 0;
-                if (!whole_number(value, 0u, 86400u * 365, seconds))
-                    return usage_error("--idle-exit takes a number of seconds, not " + quoted(value));
-                options.front.idle_exit = std::chrono::seconds(seconds);
-                break;
-            }
-            case kPreferencesDir: {
+            case kPreferencesDir:
                 if (value.empty()) return usage_error("--preferences-dir takes a folder, not \"\"");
-                std::string dir(value);
-                if (dir.back() != '/') dir += '/';
-                options.front.preferences_dir = dir;
+                options.front.preferences_dir = std::string(value) + (value.back() == '/' ? "" : "/");
                 break;
-            }
-            case kAddress:
-                options.address = value;
-                break;
-            case kWalkWindow: {
-                int32_t window = 0;
-                if (!whole_number(value, int32_t{1}, INT32_MAX, window))
-                    return usage_error("--walk-window takes a positive whole number, not " + quoted(value));
-                options.walk_window = window;
-                break;
-            }
-            case kDebug:
-                options.debug = true;
-                break;
-            case kVersion:
-                std::printf("tzhelperd %s\n", std::string(tz::dbus::kVersion).c_str());
-                return 0;
-            case kHelp:
-                std::printf(kUsage, own_preferences_dir().c_str());
-                return 0;
-            case ':':
-                return usage_error(quoted(argv[optind - 1]) + " needs a value");
-            default:  // '?'
-                // optopt is the letter of a short option, or the id of a long
-                // one given a value it does not take.
-                if (optopt > 0 && optopt < kIdleExit)
+            case kAddress: options.address = value; break;
+            case kDebug: options.debug = true; break;
+            case kVersion: return std::printf("tzhelperd %s\n", std::string(tz::dbus::kVersion).c_str()), 0;
+            case kHelp: return std::printf(kUsage, own_preferences_dir().c_str()), 0;
+            case ':': return usage_error(quoted(argv[optind - 1]) + " needs a value");
+            default:  // '?': optopt is a short option's letter, or the id of a long one given a value
+                if (optopt > 0 && optopt < kNumber)
                     return usage_error("unknown option " + quoted(std::string("-") + char(optopt)));
                 return usage_error("unknown option or unexpected value " + quoted(argv[optind - 1]));
         }
     }
     if (optind < argc) return usage_error("unexpected argument " + quoted(argv[optind]));
+    options.front.idle_exit = std::chrono::seconds(options.idle_exit);
     return -1;
 }
 
@@ -182,31 +143,27 @@ std::optional<std::string> preferences_problem(const std::string& dir) {
 // line at debug priority. The number goes after the last line when it says
 // something: it is not zero, or the text ends in ": " (a count of zero).
 void debug_to_stderr(const char* text, int32_t number) {
-    std::string_view rest = text != nullptr ? text : "";
-    while (!rest.empty() && (rest.back() == '\n' || rest.back() == '\r')) rest.remove_suffix(1);
-    const bool with_number = number != 0 || rest.ends_with(": ");
-    if (rest.empty() && !with_number) return;
-    do {
-        const std::size_t end = rest.find('\n');
-        std::string line = SD_DEBUG "tzhelperd: walk: " + std::string(rest.substr(0, end));
-        if (end == std::string_view::npos) {
-            if (with_number) line += std::to_string(number);
-            rest = {};
-        } else {
-            rest.remove_prefix(end + 1);
-        }
-        line += '\n';
+    std::string rest = text != nullptr ? text : "";
+    while (!rest.empty() && (rest.back() == '\n' || rest.back() == '\r')) rest.pop_back();
+    if (number != 0 || rest.ends_with(": ")) rest += std::to_string(number);
+    for (std::size_t at = 0, end = 0; at < rest.size(); at = end + 1) {
+        end = std::min(rest.find('\n', at), rest.size());
+        const std::string line = SD_DEBUG "tzhelperd: walk: " + rest.substr(at, end - at) + "\n";
         std::fwrite(line.data(), 1, line.size(), stderr);  // one write per line
-    } while (!rest.empty());
+    }
 }
 
 // The bus to serve on: the one named on the command line, else the one that
 // activated us, else the session bus.
-std::unique_ptr<sdbus::IConnection> connect(const std::string& address) {
-    if (!address.empty()) return sdbus::createSessionBusConnectionWithAddress(address);
-    if (const char* starter = std::getenv("DBUS_STARTER_ADDRESS"); starter && *starter)
-        return sdbus::createSessionBusConnectionWithAddress(starter);
-    return sdbus::createSessionBusConnection();
+std::unique_ptr<sdbus::IConnection> connect(std::string address) {
+    if (const char* starter = std::getenv("DBUS_STARTER_ADDRESS"); address.empty() && starter) address = starter;
+    return address.empty() ? sdbus::createSessionBusConnection()
+                           : sdbus::createSessionBusConnectionWithAddress(address);
+}
+
+int fail(const std::string& what) {
+    std::fprintf(stderr, SD_ERR "tzhelperd: %s\n", what.c_str());
+    return 1;
 }
 
 }  // namespace
@@ -215,58 +172,30 @@ int main(int argc, char** argv) {
     Options options;
     options.front.preferences_dir = own_preferences_dir();
     if (const int status = parse(argc, argv, options); status >= 0) return status;
-    if (options.walk_window) TZSetWalkWindow(*options.walk_window);
+    if (options.walk_window > 0) TZSetWalkWindow(static_cast<int32_t>(options.walk_window));
+    TZSetWalkLimits(static_cast<int32_t>(options.walk_seconds), static_cast<int32_t>(options.walk_variables));
     if (options.debug) TZSetWalkDebugHook(&debug_to_stderr);
     if (const auto problem = preferences_problem(options.front.preferences_dir))
         std::fprintf(stderr, SD_WARNING "tzhelperd: %s\n", problem->c_str());
-
-    // Calls run on whichever pool thread is free, each thread with its own
-    // malloc arena. A fixed threshold keeps every large buffer (a request of
-    // megabytes) in its own mapping, returned when the call ends, instead of
-    // letting glibc raise the threshold and park such buffers in the arenas.
+    // A fixed threshold keeps each large buffer (a request of megabytes) in its own mapping, returned when the call
+    // ends, instead of letting glibc raise the threshold and park such buffers in its arenas.
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-
-    // Stop requests arrive on a signalfd; every thread started later inherits
-    // the blocked mask, so only the event loop's poll sees them.
+    // Stop requests arrive on a signalfd; the walk thread, started later, inherits the blocked mask.
     sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGTERM);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGHUP);
-    if (pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0) {
-        std::fprintf(stderr, SD_ERR "tzhelperd: cannot block the stop signals\n");
-        return 1;
-    }
+    ::sigemptyset(&stop_signals);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stop_signals, signal);
+    if (pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0) return fail("cannot block the stop signals");
     const int stop_fd = ::signalfd(-1, &stop_signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (stop_fd < 0) {
-        std::fprintf(stderr, SD_ERR "tzhelperd: cannot create a signalfd: %s\n", std::strerror(errno));
-        return 1;
-    }
-
-    std::unique_ptr<sdbus::IConnection> bus;
+    if (stop_fd < 0) return fail(std::string("cannot create a signalfd: ") + std::strerror(errno));
+    std::string step = "cannot connect to the session bus";
     try {
-        bus = connect(options.address);
-    } catch (const sdbus::Error& e) {
-        std::fprintf(stderr, SD_ERR "tzhelperd: cannot connect to the session bus: %s\n",
-                     e.getMessage().c_str());
-        return 1;
-    }
-
-    int status = 1;
-    try {
+        const std::unique_ptr<sdbus::IConnection> bus = connect(options.address);
+        step = "cannot serve";
         tz::dbus::Front front(*bus, options.front);
-        try {
-            bus->requestName(std::string(tz::bus::kBusName));
-        } catch (const sdbus::Error& e) {
-            std::fprintf(stderr, SD_ERR "tzhelperd: cannot own the bus name %s: %s\n",
-                         std::string(tz::bus::kBusName).c_str(), e.getMessage().c_str());
-            return 1;
-        }
-        status = front.run(stop_fd);
+        step = "cannot own the bus name " + std::string(tz::bus::kBusName);
+        bus->requestName(std::string(tz::bus::kBusName));
+        return front.run(stop_fd);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, SD_ERR "tzhelperd: %s\n", e.what());
-        status = 1;
+        return fail(step + ": " + e.what());
     }
-    ::close(stop_fd);
-    return status;
 }

@@ -1,0 +1,19 @@
+// The Linux service's own folder for a user's profile files: made when
+// missing, and checked before every use, so that no other user's entry is
+// ever taken for it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace tz {
+
+// Makes `dir` (a folder path ending in '/') when it is missing (mkdir, mode
+// 0700, its parent must exist), then checks it with lstat. Nothing when it is
+// a real folder (not a link) owned by the effective user that neither its
+// group nor others may write; else one sentence that starts with the path and
+// says what is there and who owns it ("/x/bob/ is a symbolic link owned by
+// alice (uid 1002)"), or why it cannot be made or checked.
+std::optional<std::string> private_folder_problem(const std::string& dir);
+
+}  // namespace tz
