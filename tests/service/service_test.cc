@@ -11,7 +11,6 @@
 #include "as_unprivileged.h"
 #include "folder_text.h"
 #include "plist_codec.h"
-#include "profile_tables.h"
 #include "request.h"
 #include "service_call.h"
 #include "snmp_agent.h"
@@ -41,51 +40,33 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     std::string big;  // several copy blocks, a zero byte in the second
     for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
     big[70000] = '\0';
-    const std::string dummy_ab = "t=old;t.dummy=AB";
     std::vector<Row> rows = {
-        {"probe of a new file leaves none", "", kProbe, "@new", "TRUE", ""},
         {"probe keeps a file", "f=keep me", kProbe, "@f", "TRUE", "f=keep me"},
         {"probe of a folder", "d/", kProbe, "@d", "FALSE", "d/"},
         {"probe never creates folders", "", kProbe, "@no/x", "FALSE", ""},
         {"probe of a path without UTF-8 form", "", kProbe, "@bad\xff", "FALSE", ""},
         {"probe of a read-only file", "f(444)=ro", kProbe, "@f", "FALSE", "f(444)=ro", true},
-        {"probe in an unwritable folder", "", kProbe, "@new", "FALSE", "", true},
         {"exist of a read-only file", "f(444)=ro", kExist, "@f", "TRUE", "f(444)=ro", true},
-        {"exist of a folder", "d/", kExist, "@d", "TRUE", "d/"},
-        {"exist of nothing", "", kExist, "@f", "FALSE", ""},
-        {"exist of a path without UTF-8 form", "bad\xff=x", kExist, "@bad\xff", "FALSE", "bad\xff=x"},
-        {"remove a file", "f=x;g=y", kRemove, "@f", "TRUE", "g=y"},
-        {"remove nothing", "", kRemove, "@f", "FALSE", ""},
         {"remove a full folder", "d/;d/f=x", kRemove, "@d", "FALSE", "d/;d/f=x"},
-        {"remove an empty folder", "d/", kRemove, "@d", "TRUE", ""},
         {"swap 2 copies in blocks", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE", "cur=" + big + ";prev=" + big},
         {"swap 2 of a folder copies nothing", "d/;prev=old", kSwap, S(2, "@d"), "TRUE", "d/;prev="},
         {"swap 2 of a link copies nothing", "cur->s;prev=old;s=secret", kSwap, S(2), "TRUE", "cur->s;prev=;s=secret"},
         {"swap 2 of no current", "prev=old", kSwap, S(2), "TRUE", "prev="},
-        {"swap 0 restores the previous copy", "cur=c;prev=p", kSwap, S(0), "TRUE", "cur=p"},
         {"swap 0 without a previous copy", "cur=c", kSwap, S(0), "TRUE", ""},
         {"swap 1 drops the previous copy", "cur=c;prev=p", kSwap, S(1), "TRUE", "cur=c"},
         {"swap of an unknown type", "cur=c;prev=p", kSwap, S(3), "TRUE", "cur=c;prev=p"},
         {"swap 1 with a current path without UTF-8 form", "prev=p", kSwap, S(1, "@no\xff"), "TRUE", ""},
         {"swap of no paths", "cur=c;prev=p", kSwap, S(0, "", ""), "TRUE", "cur=c;prev=p"},
-        {"write replaces", "t=" + big, kPlist, W("t", "<a>:AddURL:END</a>"), "TRUE", "t=<a>:AddURL:END</a>"},
-        {"write of text without UTF-8 form", "", kPlist, W("t.plist", "\xff"), "FALSE", ""},
-        {"write decodes the URL", "", kPlist, W("caf%C3%A9%20menu", "x"), "TRUE", "caf\xc3\xa9 menu=x"},
         {"write to localhost", "", kPlist, "FILE://localhost@b:AddURL:ENDy", "TRUE", "b=y"},
         {"write to a URL without authority", "", kPlist, "file:@c:AddURL:ENDz", "TRUE", "c=z"},
         {"write drops a trailing slash", "", kPlist, W("t.plist/", "x"), "TRUE", "t.plist=x"},
         {"write into a missing folder", "", kPlist, W("no/a", "x"), "FALSE", ""},
         {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
-        {"write onto a full disk", "t.plist->/dev/full", kPlist, W("t.plist", "x"), "FALSE", "t.plist->/dev/full"},
-        {"write in an unwritable folder", "", kPlist, W("t.plist", "x"), "FALSE", "", true},
-        {"piece in an unwritable folder", "t.dummy(777)=AB", kPiece, W("t", "CD"), "FALSE", "t.dummy(777)=AB", true},
-        {"a piece is appended", dummy_ab, kPiece, W("t", "CD\xc3\xa9"), "TRUE", "t=old;t.dummy=ABCD\xc3\xa9"},
         {"an empty piece starts the file", "", kPiece, W("t", ""), "TRUE", "t.dummy="},
         {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
-        {"a piece without UTF-8 form", dummy_ab, kPiece, W("t", "\xc3"), "FALSE", dummy_ab},
+        {"a piece without UTF-8 form", "t.dummy=AB", kPiece, W("t", "\xc3"), "FALSE", "t.dummy=AB"},
         {"a link is not followed", "k/;k/p=AB;t.dummy->k/p", kPiece, W("t", "CD"), "FALSE", "k/;k/p=AB;t.dummy->k/p"},
         {"a piece into a missing folder", "", kPiece, W("no/a", "x"), "FALSE", ""},
-        {"finish renames the pieces onto the target", dummy_ab, kFinish, "file://@t", "TRUE", "t=AB"},
         {"finish without pieces deletes the target", "t=old", kFinish, "file://@t", "TRUE", ""},
     };
     // A FIFO or a socket at each path an operation opens is refused at once (a FIFO would block a plain open).
@@ -121,17 +102,9 @@ TEST(Service, TheSwapNeverWritesThroughALinkPlantedBetweenItsUnlinkAndItsCreate)
     EXPECT_EQ(read_file(dir.file("s")), "secret");
 }
 
-// A temporary file past the plist size limit is refused unread, and so is a piece that would take it past.
-TEST(Service, PiecesStopAtThePlistSizeLimit) {
-    TempDir dir;
-    for (const std::size_t size : {plist::kMaxFileBytes + 1, plist::kMaxFileBytes}) {
-        fs::resize_file((write_file(dir.file("t.dummy"), ""), dir.file("t.dummy")), size);  // sparse
-        EXPECT_EQ(call(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
-        EXPECT_EQ(fs::file_size(dir.file("t.dummy")), size);
-    }
-}
-
-TEST(Service, WritesRefuseWhatIsNotAFileUrl) {
+// A URL that is not a file URL, a temporary file past the plist size limit, or a piece that would take it past are
+// refused unread.
+TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     TempDir dir;
     for (const std::string bad : {"file://@with space", "@bare", "file://otherhost@c", "file:relative",
                                   "file://@caf\xc3\xa9", "file://@nul%00byte", "files://@x"}) {
@@ -140,6 +113,11 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrl) {
         EXPECT_EQ(call(kFinish, url), "FALSE") << url;
     }
     EXPECT_EQ(listing(dir), "");
+    for (const std::size_t size : {plist::kMaxFileBytes + 1, plist::kMaxFileBytes}) {
+        fs::resize_file((write_file(dir.file("t.dummy"), ""), dir.file("t.dummy")), size);  // sparse
+        EXPECT_EQ(call(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
+        EXPECT_EQ(fs::file_size(dir.file("t.dummy")), size);
+    }
     // The exported function writes any bytes.
     const std::string bytes("bin\0\xff", 5), url = "file://" + dir.file("t");
     EXPECT_EQ(writeDictionaryToPlistFile_XPC(url.c_str(), bytes.data(), bytes.size()), 1);
@@ -156,27 +134,19 @@ std::string walk(const Service& service, const std::string& user, const std::vec
     return call(&Service::mibwalk_XPC, protocol::walk_request("ModelX", user, arguments), service);
 }
 
-// The walk rebuilds the user's file from the device and the entries already there; 512 arguments do not walk.
-TEST(WalkRequest, RebuildsTheUsersFileWithAtMost511Arguments) {
-    const ProfilePaths paths;
-    const Service service(paths.dir.prefix());
-    Tables before, after;
-    Tables::add(before.sim, entry(2, 6, "OWN.ICC", 4, 3));
-    ASSERT_EQ(before.write(), 0);
+// 511 arguments walk and write the user's file; 512 do not walk. The folder's name is not a format.
+TEST(WalkRequest, TakesAtMost511ArgumentsAndItsPathsLiterally) {
+    TempDir parent;
+    const std::string folder = parent.file("100%s%n%d") + "/", file = folder + "alice-ModelX-profile.plist";
+    fs::create_directory(folder);
     SnmpAgent agent(printer_table(3));
-    std::vector<std::string> arguments = {"snmpwalk", "-v1", "-c", "public", "-t", "0.2", "-r", "0",
-                                          agent.peer(), kProfileTable};
+    std::vector<std::string> arguments = {"snmpwalk", "-v1", "-c", "public", agent.peer(), kProfileTable};
     arguments.insert(arguments.begin() + 1, 511 - arguments.size(), "-v1");
-    EXPECT_EQ(walk(service, "alice", arguments), "iRet=0");
-    paths.point();
-    ASSERT_EQ(after.read(), 0);
-    EXPECT_STREQ(after.sim.Entry[0].FileName, "OWN.ICC");  // the rebuild itself is the discovery tests'
-    EXPECT_STREQ(after.dst.Entry[0].ProfileName, "Profile 3");
-
-    ASSERT_TRUE(fs::remove(paths.current));
+    EXPECT_EQ(walk(Service(folder), "alice", arguments), "iRet=0");
+    ASSERT_TRUE(fs::remove(file));
     arguments.insert(arguments.begin() + 1, "-v1");
-    EXPECT_EQ(walk(service, "alice", arguments), "iRet=-1");
-    EXPECT_FALSE(exists(paths.current));
+    EXPECT_EQ(walk(Service(folder), "alice", arguments), "iRet=-1");
+    EXPECT_FALSE(exists(file));
 }
 
 // Before each walk a private folder is made (0700) when missing, then taken only as a folder of this user that neither
@@ -217,13 +187,7 @@ TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeIts
     }
 }
 
-TEST(WalkRequestDeathTest, PathsAreTakenLiterallyAndEndTheProcessWhenTooLong) {
-    TempDir parent;
-    const std::string odd = parent.file("100%s%n%d") + "/";
-    fs::create_directory(odd);
-    EXPECT_EQ(walk(Service(odd), "alice", {"snmpwalk"}), "iRet=-1");
-    EXPECT_TRUE(exists(odd + "alice-ModelX-profile.plist"));
-
+TEST(WalkRequestDeathTest, PathsEndTheProcessWhenTooLong) {
     // The spool path, 6 longer than the current one, must fit in 255 bytes.
     TempDir folder;
     const Service service(folder.prefix());
