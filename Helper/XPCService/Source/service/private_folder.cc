@@ -23,6 +23,12 @@ std::string owner_text(uid_t uid) {
     return std::string(found->pw_name) + " (" + number + ")";
 }
 
+// `dir` without its trailing '/', which would make lstat follow a link.
+std::string without_trailing_slash(std::string dir) {
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    return dir;
+}
+
 const char* kind_text(mode_t mode) {
     if (S_ISLNK(mode)) return "a symbolic link";
     if (S_ISREG(mode)) return "a file";
@@ -35,8 +41,7 @@ const char* kind_text(mode_t mode) {
 }  // namespace
 
 std::optional<std::string> private_folder_problem(const std::string& dir) {
-    std::string path = dir;  // without its trailing '/', which would make lstat follow a link
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    const std::string path = without_trailing_slash(dir);
     struct stat st;
     if (::lstat(path.c_str(), &st) != 0 && errno == ENOENT && ::mkdir(path.c_str(), 0700) != 0)
         return dir + " cannot be made: " + std::strerror(errno);
@@ -50,6 +55,18 @@ std::optional<std::string> private_folder_problem(const std::string& dir) {
         return what + " that its group or others may write (mode " + mode + ")";
     }
     return std::nullopt;
+}
+
+std::optional<std::string> private_folder_warning(const std::string& dir) {
+    const auto problem = private_folder_problem(dir);
+    if (!problem) return std::nullopt;
+    const std::string path = without_trailing_slash(dir);
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0)  // it could not be made
+        return "the preferences folder " + *problem + "; walks do not run until it can: ask an administrator " +
+               "to add this user to the lpadmin group";
+    return "the preferences folder " + *problem + "; walks do not run until it is a folder of user " +
+           owner_text(::geteuid()) + " that only this user may write: move it aside (or ask an administrator to)";
 }
 
 }  // namespace tz

@@ -16,4 +16,9 @@ namespace tz {
 // alice (uid 1002)"), or why it cannot be made or checked.
 std::optional<std::string> private_folder_problem(const std::string& dir);
 
+// What private_folder_problem finds, as a warning for the service's start
+// that also says what to do about it ("the preferences folder ...; walks do
+// not run until ..."); nothing when the folder is right.
+std::optional<std::string> private_folder_warning(const std::string& dir);
+
 }  // namespace tz

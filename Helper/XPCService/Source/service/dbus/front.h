@@ -32,7 +32,8 @@
 namespace tz::dbus {
 
 inline constexpr std::string_view kVersion = TZ_VERSION;
-// The profile files' folder on Linux: system-wide, group lpadmin, mode 2775.
+// The package's folder on Linux (root:lpadmin 1775); each user's files are in
+// its own folder inside (private_folder.h).
 inline constexpr std::string_view kSystemPreferencesDir = "/var/lib/tzhelper/tazorex.printers.T48Q/";
 // The requests one caller may have kept aside at once.
 inline constexpr std::size_t kQueuedLimit = std::size_t{64} << 20;

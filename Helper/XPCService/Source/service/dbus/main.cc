@@ -7,7 +7,6 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -117,27 +116,9 @@ std::string user_name() {
     return entry != nullptr ? std::string(entry->pw_name) : "uid " + std::to_string(::getuid());
 }
 
-// "bob (uid 1001)".
-std::string this_user() { return user_name() + " (uid " + std::to_string(::getuid()) + ")"; }
-
 // This user's folder inside the package's shared one: the default of
 // --preferences-dir.
 std::string own_preferences_dir() { return std::string(tz::dbus::kSystemPreferencesDir) + user_name() + "/"; }
-
-// What is wrong with this user's preferences folder, as each walk checks it
-// (made first when missing), and what to do; or nothing. The service starts
-// anyway: the file operations do not need the folder, and a walk does not run
-// until the folder is right. Files of the old shared folder are not read.
-std::optional<std::string> preferences_problem(const std::string& dir) {
-    const auto problem = tz::private_folder_problem(dir);
-    if (!problem) return std::nullopt;
-    struct stat info {};
-    if (::lstat(dir.c_str(), &info) != 0)
-        return "the preferences folder " + *problem + "; walks do not run until it can: ask an administrator " +
-               "to add this user to the lpadmin group";
-    return "the preferences folder " + *problem + "; walks do not run until it is a folder of user " + this_user() +
-           " that only this user may write: move it aside (or ask an administrator to)";
-}
 
 // The walk's debug hook under --debug: each line of a diagnostic becomes one
 // line at debug priority. The number goes after the last line when it says
@@ -175,7 +156,7 @@ int main(int argc, char** argv) {
     if (options.walk_window > 0) TZSetWalkWindow(static_cast<int32_t>(options.walk_window));
     TZSetWalkLimits(static_cast<int32_t>(options.walk_seconds), static_cast<int32_t>(options.walk_variables));
     if (options.debug) TZSetWalkDebugHook(&debug_to_stderr);
-    if (const auto problem = preferences_problem(options.front.preferences_dir))
+    if (const auto problem = tz::private_folder_warning(options.front.preferences_dir))
         std::fprintf(stderr, SD_WARNING "tzhelperd: %s\n", problem->c_str());
     // A fixed threshold keeps each large buffer (a request of megabytes) in its own mapping, returned when the call
     // ends, instead of letting glibc raise the threshold and park such buffers in its arenas.
