@@ -391,7 +391,7 @@ Outcome walk(int32_t argc, char** argv) {
     int status = STAT_SUCCESS;
     int32_t exitval = 0;
     {
-        GetNextPipeline pipeline(session, ss.get(), rootlen, TZGetWalkWindow(), std::ref(stop));
+        GetNextPipeline pipeline(session, ss.get(), TZGetWalkWindow(), std::ref(stop));
         if (netsnmp_ds_get_boolean(kStore, kIncludeRequested))
             get_and_print(pipeline, root, rootlen);
         exitval = walk_subtree(pipeline, stop, ss.get(), root, rootlen, check, status);

@@ -178,8 +178,8 @@ void Window::loss() {
 }
 
 GetNextPipeline::GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
-                                 std::size_t root_length, int32_t cap, StopCheck stop)
-    : settings_(settings), chain_(chain), root_length_(root_length), window_(cap < 0 ? -std::max(cap, -INT32_MAX) : cap),
+                                 int32_t cap, StopCheck stop)
+    : settings_(settings), chain_(chain), window_(cap < 0 ? -std::max(cap, -INT32_MAX) : cap),
       stop_(std::move(stop)), forced_(cap < 0) {
     if (forced_) pace_ = static_cast<std::size_t>(window_.cap());
     netsnmp_large_fd_set_init(&fds_, FD_SETSIZE);

@@ -154,10 +154,9 @@ public:
     using StopCheck = std::function<bool()>;
 
     // `settings` are the parsed arguments `chain` was opened from; both must
-    // outlive the pipeline. `root_length` is the walked root's length.
-    // `cap` bounds the window; a negative cap -N is N with the pace skipped.
-    GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain,
-                    std::size_t root_length, int32_t cap, StopCheck stop);
+    // outlive the pipeline. `cap` bounds the window; a negative cap -N is N
+    // with the pace skipped.
+    GetNextPipeline(const netsnmp_session& settings, netsnmp_session* chain, int32_t cap, StopCheck stop);
     ~GetNextPipeline();  // closes the guess session; its stale requests die
     GetNextPipeline(const GetNextPipeline&) = delete;
     GetNextPipeline& operator=(const GetNextPipeline&) = delete;
@@ -211,7 +210,6 @@ private:
 
     const netsnmp_session& settings_;
     netsnmp_session* chain_;
-    std::size_t root_length_;
     Window window_;
     StopCheck stop_;
     Session guesser_;

@@ -240,7 +240,7 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
     const std::string interface1 = str(bus::kInterface1);
     for (const auto& [name, value] : {std::pair{bus::kVersionProperty, str(kVersion)},
                                       {bus::kPreferencesDirectoryProperty, s.options.preferences_dir}})
-        s.object->registerProperty(str(name)).onInterface(interface1).withGetter([value] { return value; })
+        s.object->registerProperty(str(name)).onInterface(interface1).withGetter([copy = value] { return copy; })
             .withUpdateBehavior(sdbus::Flags::CONST_PROPERTY_VALUE);
     s.object->registerSignal(str(bus::kWalkProgressSignal)).onInterface(interface1)
         .withParameters<std::string, uint32_t>("caller", "variables");
