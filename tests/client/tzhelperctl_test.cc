@@ -124,6 +124,8 @@ TEST(Tzhelperctl, EveryCommandHasItsOwnHelp) {
         EXPECT_EQ(got.out.rfind("Usage: tzhelperctl [OPTIONS] " + command + " ", 0), 0u) << got.out;
         EXPECT_NE(got.out.find("\nExample:\n  "), std::string::npos) << got.out;
     }
+    EXPECT_NE(run_command({kCtl, "raw", "--help"}).out.find(",\n           writeDataToPlistFileRename_XPC or mibwalk_XPC"),
+              std::string::npos);
     EXPECT_EQ(run_command({kCtl, "--version"}).out, "tzhelperctl " TZ_VERSION "\n");
     // No room for the copy of standard input (a file-size limit of 0): show fails and says so.
     const auto full = run_command(
@@ -153,7 +155,12 @@ TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
     const std::string text = run(0, {"show", "--user", "bob", "--model", "T48Q"}).out;  // three tables, DST last
     const size_t dst = text.find("DST (iNum 2)\n");
     EXPECT_TRUE(text.rfind("RGB (iNum 4)\n", 0) == 0 && dst != std::string::npos &&
-                text.find("(iNum", dst + 5) == std::string::npos) << text;
+                text.find("(iNum", dst + 5) == std::string::npos && text.find("(no profile)") == std::string::npos)
+        << text;
+    const std::string all = run(0, {"show", "--all", "--user", "bob", "--model", "T48Q"}).out;  // free slots too
+    size_t last_slots = 0;
+    for (size_t at = 0; (at = all.find("\n   499 ", at + 1)) != std::string::npos;) ++last_slots;
+    EXPECT_EQ(last_slots, 3u) << all.substr(0, 400);
     // Row 6 is gone from the printer: kept, and marked so; no progress line when stderr is not a terminal.
     const std::string remarked = "0 added, 0 dropped, 1 re-marked\n  re-marked  PRF00006.ICC  location 4   "
                                  "\"Profile 6\"           InMenu 2 -> 1\n";
