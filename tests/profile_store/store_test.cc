@@ -83,6 +83,9 @@ TEST_F(Store, ReadChecksPresenceValuesAndCountAndCategoryReads) {
                     entry(0, 0, "F5")}, 5);
     write_edited(file, {{"RGB/InMenu/InMenu0005", {}}});
     rgb.Entry[4].InMenu = 9, rgb.Entry[499] = entry(0, 1, "LAST");  // not written: the count check clears it
+    ProfileTable plain{};  // the plain category read keeps marks 2 and 4
+    ASSERT_EQ(TZPListReadProfile_Dict(&plain, TZ_CATEGORY_RGB), 0);
+    EXPECT_TRUE(plain.Entry[1].InMenu == 2 && plain.Entry[2].InMenu == 4 && !strcmp(plain.Entry[1].FileName, "F1"));
     ASSERT_EQ(TZPListReadProfile_Dict_Pap(&rgb, TZ_CATEGORY_RGB), 0);
     const char *files[] = {"F0", "F2", "F3", "F4", "F5"}, *marks = "16369";
     for (int n = 0; n < 5; ++n)

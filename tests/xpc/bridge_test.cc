@@ -109,6 +109,9 @@ TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
     for (const auto& row : rows) EXPECT_EQ(utf8(row.units), row.bytes)
         << ::testing::PrintToString(std::vector<int>(row.units.begin(), row.units.end()));
     EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
+    const unsigned short pair[] = {0xD83D, 0xDE00};  // a high at the end of the count, a low past it: not read
+    char three[6];
+    EXPECT_EQ(TZBridge_UTF8FromUTF16(pair, 1, three), 3u);
 }
 
 }  // namespace
