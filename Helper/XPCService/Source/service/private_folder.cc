@@ -10,17 +10,21 @@
 #include <cstring>
 
 namespace tz {
+std::string user_name(uid_t uid) {
+    passwd entry;
+    passwd* found = nullptr;
+    std::array<char, 4096> scratch;
+    if (::getpwuid_r(uid, &entry, scratch.data(), scratch.size(), &found) != 0 || found == nullptr)
+        return "uid " + std::to_string(uid);
+    return found->pw_name;
+}
+
 namespace {
 
 // "alice (uid 1002)", or "uid 1002" for a uid without a name.
 std::string owner_text(uid_t uid) {
-    passwd entry;
-    passwd* found = nullptr;
-    std::array<char, 4096> scratch;
-    const std::string number = "uid " + std::to_string(uid);
-    if (::getpwuid_r(uid, &entry, scratch.data(), scratch.size(), &found) != 0 || found == nullptr)
-        return number;
-    return std::string(found->pw_name) + " (" + number + ")";
+    const std::string name = user_name(uid), number = "uid " + std::to_string(uid);
+    return name == number ? number : name + " (" + number + ")";
 }
 
 // `dir` without its trailing '/', which would make lstat follow a link.

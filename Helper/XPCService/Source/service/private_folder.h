@@ -3,6 +3,8 @@
 // ever taken for it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 
@@ -15,6 +17,10 @@ namespace tz {
 // says what is there and who owns it ("/x/bob/ is a symbolic link owned by
 // alice (uid 1002)"), or why it cannot be made or checked.
 std::optional<std::string> private_folder_problem(const std::string& dir);
+
+// The account name of `uid` (the name its folder gets), or "uid 1001" when it
+// has none.
+std::string user_name(uid_t uid);
 
 // What private_folder_problem finds, as a warning for the service's start
 // that also says what to do about it ("the preferences folder ...; walks do

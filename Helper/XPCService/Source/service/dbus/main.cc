@@ -4,7 +4,6 @@
 // usage errors and --help/--version, written for whoever typed them, have none.
 #include <getopt.h>
 #include <malloc.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -110,15 +109,9 @@ int parse(int argc, char** argv, Options& options) {
     return -1;
 }
 
-// This user's name, or "uid 1001" when it has none.
-std::string user_name() {
-    const passwd* entry = ::getpwuid(::getuid());
-    return entry != nullptr ? std::string(entry->pw_name) : "uid " + std::to_string(::getuid());
-}
-
 // This user's folder inside the package's shared one: the default of
 // --preferences-dir.
-std::string own_preferences_dir() { return std::string(tz::dbus::kSystemPreferencesDir) + user_name() + "/"; }
+std::string own_preferences_dir() { return std::string(tz::dbus::kSystemPreferencesDir) + tz::user_name(::getuid()) + "/"; }
 
 // The walk's debug hook under --debug: each line of a diagnostic becomes one
 // line at debug priority. The number goes after the last line when it says
