@@ -14,8 +14,8 @@ LAYERS = {
     SOURCE + "service": ("service", {"discovery", "profile_store", "base", "protocol"}),
     SOURCE + "service/dbus": ("dbus", {"service", "discovery", "profile_store", "base", "protocol"}),
     SOURCE + "service/xpc": ("xpc", {"service", "base", "protocol"}),
-    # The client reads profile files itself and takes the bus names from the front's one list of them.
-    "Helper/XPCService/Client": ("client", {"dbus", "profile_store", "base", "protocol"}),
+    # The client reads profile files itself.
+    "Helper/XPCService/Client": ("client", {"profile_store", "base", "protocol"}),
 }
 INCLUDE = re.compile(r'^\s*#\s*(?:include|import)\s+"([^"]+)"')
 

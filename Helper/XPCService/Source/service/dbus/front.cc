@@ -1,4 +1,4 @@
-// The D-Bus front (see front.h): the loop thread's state and handlers, the walk thread and the walk's hooks.
+// The D-Bus front (see front.h): the loop thread's state and handlers, the lanes and the walk's hooks.
 #include "front.h"
 
 #include <poll.h>
@@ -6,10 +6,11 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <array>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
-#include <optional>
-#include <semaphore>
+#include <mutex>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -25,14 +26,25 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kProgressInterval{100};  // WalkProgress at most once per interval
+constexpr std::size_t kShortLanes = 4;  // lanes for the calls that may wait on the disk; one more runs the walks
 
 std::string str(std::string_view text) { return std::string(text); }
 bool is_walk(Service::Operation op) { return op == &Service::mibwalk_XPC; }
+// Only reads: never waits for the disk to take a write (a rename may flush the file it replaces, say).
+bool reads_only(Service::Operation op) { return op == &Service::tzPListExistProfile_XPC; }
 void wake(int fd) { ::eventfd_write(fd, 1); }  // a full counter wakes the loop anyway
 
 struct Call { sdbus::MethodCall message; Service::Operation op; std::string_view request; /* in message */ };
-struct Caller { uid_t uid; std::deque<Call> kept = {}; /* behind its walk */ std::size_t kept_bytes = 0; };
+struct Caller {
+    uid_t uid;
+    std::deque<Call> kept = {};    // behind its walk, in arrival order
+    std::size_t queued_bytes = 0;  // the requests it has kept aside or on a lane
+    int on_lane = 0;               // its calls on a lane, not yet answered
+};
 struct Answer { std::string error, text; };  // error: a bus error name, or empty: `text` is the reply
+// A call on a lane: the loop thread keeps the message (no message leaves it), the lane sees the request.
+struct Job { std::uint64_t id; Service::Operation op; std::string_view request; };
+struct Lane { std::mutex mutex; std::condition_variable ready; std::deque<Job> jobs; std::thread thread; };
 
 void send(const Call& call, const Answer& answer) noexcept {
     try {  // an answer that cannot be sent (its caller or the bus has gone) is dropped
@@ -58,19 +70,20 @@ struct Front::State {
     // The loop thread's own.
     std::unordered_map<std::string, Caller> callers;
     std::deque<std::string> walk_turns;  // the caller of each waiting walk, in arrival order
-    std::optional<Call> running;         // the walk the walk thread has
+    std::unordered_map<std::uint64_t, std::pair<std::string, Call>> on_lanes;  // by job: its caller and call
+    std::uint64_t last_job = 0, running = 0;  // running: the walk's job, or 0
     std::string running_caller;
     Clock::time_point last_call = Clock::now();
     bool stopping = false, releasing = false, name_gone = false;
-    // Shared with the walk thread: `job` is handed over by job_ready, `done` by walk_done.
-    std::counting_semaphore<2> job_ready{0};  // `running` is the job
-    Answer done;
-    std::atomic<bool> walk_done{false}, closing{false}, stop_walk{false}, progress_due{false};
+    // Shared with the lanes: jobs go in by each lane's queue, answers come back by `answered`.
+    std::array<Lane, kShortLanes + 1> lanes;  // the last runs the walks
+    std::mutex answered_mutex;
+    std::vector<std::pair<std::uint64_t, Answer>> answered;  // guarded by answered_mutex
+    std::atomic<bool> closing{false}, stop_walk{false}, progress_due{false};
     std::atomic<int32_t> variables{0};
-    Clock::time_point last_progress;  // the walk thread's own
-    std::thread walker;
+    Clock::time_point last_progress;  // set before a walk is handed over, then the walk's own
     static inline State* hooked = nullptr;  // the walk's hooks report here
-    bool pending() const { return running || !walk_turns.empty(); }
+    bool pending() const { return !walk_turns.empty() || !on_lanes.empty(); }
     // From sd-bus, on the loop thread: nothing may escape from here.
     void on_call(Service::Operation op, sdbus::MethodCall message) {
         last_call = Clock::now();
@@ -86,12 +99,10 @@ struct Front::State {
                 return send(call, {str(bus::kAccessDenied), "caller \"" + sender + "\" runs as uid " + std::to_string(
                                    caller.uid) + ", the service only serves uid " + std::to_string(::getuid())});
             const bool behind_walk = !caller.kept.empty() || (running && running_caller == sender);
-            if (!is_walk(op) && !behind_walk) return send(call, perform(op, call.request));
-            if (caller.kept_bytes + call.request.size() > kQueuedLimit)
-                return send(call, {str(bus::kLimitsExceeded), "the calls of \"" + sender + "\" waiting for a " +
-                                   "walk would hold more than " + std::to_string(kQueuedLimit >> 20) + " MiB"});
+            if (!is_walk(op) && !behind_walk) return run_short(sender, caller, std::move(call));
+            if (!fits(sender, caller, call)) return;
             if (is_walk(op)) walk_turns.push_back(sender);
-            caller.kept_bytes += call.request.size();
+            caller.queued_bytes += call.request.size();
             caller.kept.push_back(std::move(call));
         } catch (const std::exception& e) {
             if (call.message.isValid()) send(call, {str(bus::kFailed), e.what()});
@@ -118,46 +129,97 @@ struct Front::State {
         }
         return answer;
     }
+    // False, once `call` is answered LimitsExceeded, if it would take its caller's waiting requests past the limit.
+    static bool fits(const std::string& sender, const Caller& caller, const Call& call) {
+        if (caller.queued_bytes + call.request.size() <= kQueuedLimit) return true;
+        send(call, {str(bus::kLimitsExceeded), "the calls of \"" + sender + "\" waiting their turn would hold " +
+                    "more than " + std::to_string(kQueuedLimit >> 20) + " MiB"});
+        return false;
+    }
+    // Runs a short call whose turn has come: inline if it only reads and its caller has nothing on a lane, else on
+    // the caller's lane (a caller's calls all go to the same one, so they run in arrival order).
+    void run_short(const std::string& sender, Caller& caller, Call call) {
+        if (reads_only(call.op) && caller.on_lane == 0) return send(call, perform(call.op, call.request));
+        if (fits(sender, caller, call))
+            to_lane(lanes[std::hash<std::string>{}(sender) % kShortLanes], sender, caller, std::move(call));
+    }
     static Call take(Caller& caller) {
         Call call = std::move(caller.kept.front());
         caller.kept.pop_front();
-        caller.kept_bytes -= call.request.size();
+        caller.queued_bytes -= call.request.size();
         return call;
     }
-    // Runs the calls `caller` kept behind its walk, up to its next walk.
-    void run_kept(Caller& caller) {
-        while (!caller.kept.empty() && !is_walk(caller.kept.front().op)) {
-            const Call call = take(caller);
-            send(call, perform(call.op, call.request));
+    // Hands `call` to `lane`; lanes_answered sends its answer. Returns its job's id.
+    std::uint64_t to_lane(Lane& lane, const std::string& sender, Caller& caller, Call call) {
+        const Job job{++last_job, call.op, call.request};
+        caller.queued_bytes += job.request.size();
+        ++caller.on_lane;
+        on_lanes.emplace(job.id, std::pair{sender, std::move(call)});
+        std::lock_guard lock(lane.mutex);
+        lane.jobs.push_back(job);
+        lane.ready.notify_one();
+        return job.id;
+    }
+    // A lane's thread: runs its jobs in order and hands back their answers.
+    void lane_thread(Lane& lane) {
+        std::unique_lock lock(lane.mutex);
+        while (lane.ready.wait(lock, [&] { return closing || !lane.jobs.empty(); }), !closing) {
+            const Job job = lane.jobs.front();
+            lane.jobs.pop_front();
+            lock.unlock();
+            Answer answer = perform(job.op, job.request);
+            {
+                std::lock_guard hand_back(answered_mutex);
+                if (answered.empty()) wake(wake_fd);
+                answered.emplace_back(job.id, std::move(answer));
+            }
+            lock.lock();
         }
     }
-    // Hands the first waiting walk whose caller is still there to the walk thread.
+    // Sends the lanes' answers; a walk's goes after its final count and lets the calls kept behind it go on.
+    void lanes_answered() {
+        std::vector<std::pair<std::uint64_t, Answer>> answers;
+        {
+            std::lock_guard lock(answered_mutex);
+            answers.swap(answered);
+        }
+        for (const auto& [id, answer] : answers) {
+            auto node = on_lanes.extract(id);
+            const auto& [sender, call] = node.mapped();
+            if (id == running && answer.error.empty()) emit_progress();
+            send(call, answer);
+            const auto found = callers.find(sender);
+            if (found != callers.end()) --found->second.on_lane, found->second.queued_bytes -= call.request.size();
+            if (id != running) continue;
+            running = 0;
+            last_call = Clock::now();
+            if (found != callers.end()) run_kept(found->first, found->second);
+        }
+    }
+    // Runs the calls `caller` kept behind its walk, up to its next walk.
+    void run_kept(const std::string& sender, Caller& caller) {
+        while (!caller.kept.empty() && !is_walk(caller.kept.front().op)) run_short(sender, caller, take(caller));
+    }
+    // Hands the first waiting walk whose caller is still there to the walk lane, once that caller's earlier calls
+    // have been answered.
     void next_walk() {
         while (!running && !walk_turns.empty()) {
             const auto found = callers.find(walk_turns.front());
+            if (found != callers.end() && found->second.on_lane > 0) return;
             walk_turns.pop_front();
             if (found == callers.end()) continue;  // gone, its calls dropped
             Call walk = take(found->second);
             if (stopping) {
                 send(walk, {str(bus::kFailed), "the service is stopping"});
-                run_kept(found->second);
+                run_kept(found->first, found->second);
                 continue;
             }
             running_caller = found->first;
             stop_walk = progress_due = false;
             variables = 0;
-            running.emplace(std::move(walk));
-            job_ready.release();
+            last_progress = Clock::now();
+            running = to_lane(lanes.back(), found->first, found->second, std::move(walk));
         }
-    }
-    // Once the walk thread has answered: the final count, the reply, the calls kept behind the walk.
-    void walk_ended() {
-        if (!walk_done.exchange(false)) return;
-        if (done.error.empty()) emit_progress();
-        send(*running, done);
-        running.reset();
-        if (const auto found = callers.find(running_caller); found != callers.end()) run_kept(found->second);
-        last_call = Clock::now();
     }
     void emit_progress() noexcept {  // advisory: a signal that cannot be sent is dropped
         try {
@@ -168,9 +230,9 @@ struct Front::State {
     int run(int stop_fd) {
         try {
             for (;;) {
-                for (int i = 0; i < 64 && bus.processPendingRequest(); ++i) {  // a walk's end waits for no stream
+                for (int i = 0; i < 64 && bus.processPendingRequest(); ++i) {  // answers wait for no stream of calls
                 }
-                walk_ended();
+                lanes_answered();
                 if (running && progress_due.exchange(false)) emit_progress();
                 next_walk();
                 const bool idle = options.idle_exit.count() > 0 && !pending() &&
@@ -187,7 +249,7 @@ struct Front::State {
             return 1;
         }
     }
-    // Sleeps until the bus, the walk thread or the stop signal has something, or the bus's or idle's time is due.
+    // Sleeps until the bus, a lane or the stop signal has something, or the bus's or idle's time is due.
     void wait(int stop_fd) {
         const sdbus::IConnection::PollData data = bus.getEventLoopPollData();
         int timeout = data.getPollTimeout();
@@ -204,16 +266,7 @@ struct Front::State {
         if (fds[1].revents & POLLIN) ::eventfd_read(wake_fd, &count);
         if ((fds[2].revents & POLLIN) && ::read(stop_fd, &info, sizeof info) > 0) stopping = stop_walk = true;
     }
-    // The walk thread: runs each walk the loop hands it and hands back its answer.
-    void walk_thread() {
-        for (job_ready.acquire(); !closing; job_ready.acquire()) {
-            last_progress = Clock::now();
-            done = perform(&Service::mibwalk_XPC, running->request);
-            walk_done = true;
-            wake(wake_fd);
-        }
-    }
-    // On the walk thread, after each variable: wakes the loop at most once an interval.
+    // On the walk lane, after each variable: wakes the loop at most once an interval.
     static void progress_hook(int32_t count) {
         if (hooked == nullptr) return;
         hooked->variables = count;
@@ -222,7 +275,7 @@ struct Front::State {
         hooked->progress_due = true;
         wake(hooked->wake_fd);
     }
-    // On the walk thread: true once the walk's caller has left or the service is stopping.
+    // On the walk lane: true once the walk's caller has left or the service is stopping.
     static bool stop_hook() { return hooked != nullptr && hooked->stop_walk.load(); }
 };
 
@@ -248,13 +301,16 @@ Front::Front(sdbus::IConnection& bus, FrontOptions options)
     State::hooked = &s;
     TZSetWalkProgressHook(&State::progress_hook);
     TZSetWalkStopHook(&State::stop_hook);
-    s.walker = std::thread([&s] { s.walk_thread(); });
+    for (Lane& lane : s.lanes) lane.thread = std::thread([&s, &lane] { s.lane_thread(lane); });
 }
 
 Front::~Front() {
     state_->closing = state_->stop_walk = true;
-    state_->job_ready.release();
-    state_->walker.join();
+    for (Lane& lane : state_->lanes) {
+        { std::lock_guard lock(lane.mutex); }  // a lane between its check of `closing` and its wait is waiting now
+        lane.ready.notify_all();
+        lane.thread.join();
+    }
     TZSetWalkProgressHook(nullptr), TZSetWalkStopHook(nullptr), State::hooked = nullptr;
     ::close(state_->wake_fd);
 }

@@ -154,7 +154,7 @@ int main(int argc, char** argv) {
     // A fixed threshold keeps each large buffer (a request of megabytes) in its own mapping, returned when the call
     // ends, instead of letting glibc raise the threshold and park such buffers in its arenas.
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-    // Stop requests arrive on a signalfd; the walk thread, started later, inherits the blocked mask.
+    // Stop requests arrive on a signalfd; the lanes, started later, inherit the blocked mask.
     sigset_t stop_signals;
     ::sigemptyset(&stop_signals);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stop_signals, signal);
