@@ -1,10 +1,8 @@
 // tzhelperctl against a real tzhelperd on a private bus (exit status, stderr line and JSON of each outcome, help, a
-// walk's summary), the client library's properties and progress, and the summary's comparison of tables.
+// walk's summary, show through the helper's preferences folder), and the summary's comparison of tables.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <future>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -166,34 +164,6 @@ TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
                                  "\"Profile 6\"           InMenu 2 -> 1\n";
     const auto again = run(5, {});
     EXPECT_EQ(again.out + again.err, "iRet=0\nRGB: no change\nSIM: " + remarked + "DST: " + remarked);
-}
-
-// Another caller's walk of 3 rows waits for a long one (the agent's whole tree), hearing its progress, and
-// must count only its own: 6 variables a row, the final count last.
-TEST(HelperClient, ReportsItsOwnWalksProgressOnly) {
-    // No client from a bus that cannot be reached, even with no place for the reason (tzhelperctl shows that);
-    // checked before any bus runs, so that a crash here ends the test at once.
-    EXPECT_EQ(tz::client::HelperClient::connect("unix:path=/nonexistent/bus", nullptr), nullptr);
-    PrivateBus bus;
-    auto first = tz::test::connect(bus), second = tz::test::connect(bus);
-    tz::test::SnmpAgent agent(tz::test::printer_table(3));
-    std::vector<uint32_t> long_counts, counts;
-    std::promise<void> under_way;
-    const auto walk = [&](tz::client::HelperClient& walker, const std::string& root, std::vector<uint32_t>& seen) {
-        const Args arguments = {"snmpwalk", "-v", "2c", "-c", "public", agent.peer(), root};
-        return walker.mib_walk(tz::client::walk_request("T48Q", "alice", arguments), [&](uint32_t variables) {
-            if (seen.empty() && &seen == &long_counts) under_way.set_value();
-            seen.push_back(variables);
-        }).reply;
-    };
-    auto long_walk = std::async(std::launch::async, [&] { return walk(*first, "1.3.6.1", long_counts); });
-    under_way.get_future().wait();
-    EXPECT_EQ(walk(*second, tz::test::kProfileTable, counts), "iRet=0");
-    EXPECT_EQ(long_walk.get(), "iRet=0");
-    EXPECT_TRUE(!counts.empty() && counts.back() == 18u && std::is_sorted(counts.begin(), counts.end()))
-        << ::testing::PrintToString(counts);
-    EXPECT_GT(long_counts.back(), 18u);
-    EXPECT_EQ(first->exist(bus.prefs()).reply, "TRUE") << "the connection serves plain calls after it";
 }
 
 // Slots (slot:InMenu:FILE@LOCATION) before and after; changes "+FILE@LOC:NEW", "-FILE@LOC:OLD", "~FILE@LOC:OLD>NEW".

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The Debian packages as an administrator installs them and as users use them (as root, on a machine that may be
-# changed: CI's). Builds and lintians the packages, installs them with dpkg -i, checks exist, the probe, a walk and
+# changed: CI's). Builds and lintians the packages, installs them with dpkg -i, checks the probe, a walk and
 # the PreferencesDirectory property as a member of lpadmin and as another user on their own session buses, lets a
 # second member of lpadmin attack the first's files, builds against the .pc file, verifies the user unit, purges,
 # and checks that nothing is left. Everything is undone on every way out.
@@ -78,7 +78,6 @@ as_user() {
 session_checks='
   set -u; cd "$HOME"
   folder=$1 printer=$2 table=$3
-  echo "exist=$(tzhelperctl exist /etc/passwd)"
   echo "admin=$(tzhelperctl is-admin "${folder}$(id -un)/probe.plist")"
   echo "property=$(busctl --user get-property tazorex.printers.T48Q.Helper \
     /tazorex/printers/T48Q/Helper tazorex.printers.T48Q.Helper1 PreferencesDirectory)"
@@ -100,12 +99,11 @@ for squat in "mkdir -m 777 $folder$member" "ln -s /home/$member $folder$member" 
 done
 
 for user in "$member" "$other"; do
-  step "as $user: exist, is-admin, PreferencesDirectory, walk"
+  step "as $user: is-admin, PreferencesDirectory, walk"
   as_user "$user" bash -c "$session_checks" session "$folder" "$printer" "$table" \
     >"$work/$user.out" 2>"$work/$user.err" || true
   sed 's/^/   | /' "$work/$user.out"
   value() { sed -n "s/^$1=//p" "$work/$user.out"; }
-  check "$user: exist" TRUE "$(value exist)"
   check "$user: PreferencesDirectory" "s \"$folder$user/\"" "$(value property)"
   if [ "$user" = "$member" ]; then
     check "$user: is-admin" TRUE "$(value admin)"
@@ -113,18 +111,13 @@ for user in "$member" "$other"; do
     plist="$folder$user/$user-T48Q-profile.plist"
     check "$user: own folder 0700, profile plist the user's" "700 $user $user" \
       "$(stat -c '%a %U' "$folder$user") $(stat -c '%U' "$plist" 2>/dev/null)"
-    check "$user: profile plist holds the printer's 12 profiles (RGB, SIM, DST)" "8 4 4" \
-      "$(python3 -c 'import plistlib, sys
-p = plistlib.load(open(sys.argv[1], "rb"))
-print(*(p[c]["iNum"] for c in ("RGB", "SIM", "DST")))' \
-        "$plist" 2>&1)"
   else
     check "$user: is-admin" FALSE "$(value admin)"
     check "$user: no folder of its own" no "$(test -e "$folder$user" && echo yes || echo no)"
   fi
 done
 
-step "$attacker plants links, FIFOs and big files where $member's service works; $member walks, swaps, writes"
+step "$attacker plants links, FIFOs and big files where $member's service works; $member calls"
 mine=$folder$member/ flat=$folder$member-T48Q-profile
 runuser -u "$member" -- sh -c 'cd; mkdir -p -m 700 .ssh; echo member-secret-notes >notes.txt
   echo member-secret-key >.ssh/id_ed25519; chmod 600 notes.txt .ssh/id_ed25519'
@@ -143,27 +136,17 @@ as_attacker sh -c "ln -s /home/$member/notes.txt $flat.plist; ln -s /home/$membe
 touch "$work/racing"
 as_attacker sh -c "while [ -e $work/racing ]; do ln -sf /home/$member/.bashrc $flat.race.plist; done" & racer=$!
 member_calls='
-  set -u; cd "$HOME"; mine=$1 flat=$2 printer=$3 table=$4; t="timeout 20 tzhelperctl"
-  echo "walk=$($t walk --model T48Q --user "$(id -un)" -- -v 1 -c public "$printer" "$table" 2>/dev/null |
-    head -n 1)"
+  set -u; cd "$HOME"; mine=$1 flat=$2; t="timeout 20 tzhelperctl"
   current=$mine$(id -un)-T48Q-profile.plist
-  echo "swap=$($t swap 2 "$current" "${current%.plist}.prev.plist")$(cmp -s "$current" "${current%.plist}.prev.plist" &&
-    echo " copied")"
-  pieces=
-  for p in A B; do pieces=$($t write-piece "${mine}p.plist" "$p")$pieces; done
-  echo "pieces=$pieces $($t finish-piece "${mine}p.plist") $(cat "${mine}p.plist")"
   echo "fifo=$($t exist "$flat.fifo.plist") $($t is-admin "$flat.fifo.plist") $($t write-piece "$flat.fifo.plist" x)" \
     "$($t show "$flat.fifo.plist" 2>/dev/null; echo $?)"
   echo "leak=$($t swap 2 "$flat.key.plist" "$flat.copy.plist") $($t write-piece "$flat.big.plist" x)"
   for i in $(seq 200); do $t swap 2 "$current" "$flat.race.plist" >/dev/null || echo "race=timeout"; done
 '
-as_user "$member" bash -c "$member_calls" calls "$mine" "$flat" "$printer" "$table" >"$work/attack.out" 2>&1 || true
+as_user "$member" bash -c "$member_calls" calls "$mine" "$flat" >"$work/attack.out" 2>&1 || true
 rm "$work/racing"; wait "$racer" || true
 sed 's/^/   | /' "$work/attack.out"
 value() { sed -n "s/^$1=//p" "$work/attack.out"; }
-check "$member: walk" iRet=0 "$(value walk)"
-check "$member: swap 2 copies the profile" "TRUE copied" "$(value swap)"
-check "$member: pieces written and renamed" "TRUETRUE TRUE AB" "$(value pieces)"
 check "$member: a FIFO answers at once (exist, is-admin, piece, show)" "FALSE FALSE FALSE 1" "$(value fifo)"
 check "$member: a planted link is not copied, a planted .dummy not written" "TRUE FALSE" "$(value leak)"
 check "$member: every swap in the race answered in time" "" "$(value race)"
