@@ -1,4 +1,5 @@
-// The operations on real files as {folder before, operation, request, reply, folder after}, and the walk request.
+// The operations on real files as {folder before, operation, request, reply, folder after}, each called through the
+// C face the macOS front calls (so the rows also pin its routing), and the walk request.
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -15,6 +16,7 @@
 #include "service_call.h"
 #include "snmp_agent.h"
 #include "stderr_capture.h"
+#include "tz_service_bridge.h"
 #include "tz_writes.h"
 
 namespace tz::test {
@@ -22,24 +24,33 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const Operation kProbe = &Service::tzPListIsAdminProfile_XPC, kSwap = &Service::tzPListSwapProfile_XPC,
-                kExist = &Service::tzPListExistProfile_XPC, kRemove = &Service::tzPListRemove_XPC,
-                kPlist = &Service::writeDictionaryToPlistFile_XPC, kPiece = &Service::writeDataToPlistFile_XPC,
-                kFinish = &Service::writeDataToPlistFileRename_XPC;
+using Bridge = TZBridgeResult (*)(const char*, size_t);
+const Bridge kProbe = TZBridge_tzPListIsAdminProfile_XPC, kSwap = TZBridge_tzPListSwapProfile_XPC,
+             kExist = TZBridge_tzPListExistProfile_XPC, kRemove = TZBridge_tzPListRemove_XPC,
+             kPlist = TZBridge_writeDictionaryToPlistFile_XPC, kPiece = TZBridge_writeDataToPlistFile_XPC,
+             kFinish = TZBridge_writeDataToPlistFileRename_XPC, kWalk = TZBridge_mibwalk_XPC;
 
+// The reply, or the range exception's message after "range: "; the first `length` bytes of `request` when given.
+std::string run(Bridge bridge, const std::string& request, std::size_t length = std::string::npos) {
+    const TZBridgeResult r = bridge(request.data(), std::min(length, request.size()));
+    return (r.outcome == TZ_BRIDGE_REPLY ? "" : r.outcome == TZ_BRIDGE_RANGE_EXCEPTION ? "range: " : "none: ") +
+           std::string(r.text);
+}
 std::string S(int t, const char* c = "@cur", const char* p = "@prev") { return protocol::swap_request(t, c, p); }
 std::string W(const std::string& n, const std::string& t) { return protocol::write_request("file://@" + n, t); }
 
-// '@' in a request stands for the folder and its '/'; as_nobody runs it in a folder of mode 0755 as nobody.
+// '@' in a request stands for the folder and its '/'; as_nobody runs it in a folder of mode 0755 as nobody; the
+// last `cut` bytes are not passed as the request's.
 struct Row {
-    std::string what; std::string before; Operation operation; std::string request; const char* reply;
-    std::string after; bool as_nobody = false;
+    std::string what; std::string before; Bridge operation; std::string request; std::string reply;
+    std::string after; bool as_nobody = false; std::size_t cut = 0;
 };
 
 TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     std::string big;  // several copy blocks, a zero byte in the second
     for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
     big[70000] = '\0';
+    const std::string range = "range: request: missing marker before \":AddURL:END\"";
     std::vector<Row> rows = {
         {"probe keeps a file", "f=keep me", kProbe, "@f", "TRUE", "f=keep me"},
         {"probe of a folder", "d/", kProbe, "@d", "FALSE", "d/"},
@@ -48,6 +59,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"probe of a read-only file", "f(444)=ro", kProbe, "@f", "FALSE", "f(444)=ro", true},
         {"exist of a read-only file", "f(444)=ro", kExist, "@f", "TRUE", "f(444)=ro", true},
         {"remove a full folder", "d/;d/f=x", kRemove, "@d", "FALSE", "d/;d/f=x"},
+        {"remove reads only its length", "short=", kRemove, "@shorter", "TRUE", "", false, 2},
         {"swap 2 copies in blocks", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE", "cur=" + big + ";prev=" + big},
         {"swap 2 of a folder copies nothing", "d/;prev=old", kSwap, S(2, "@d"), "TRUE", "d/;prev="},
         {"swap 2 of a link copies nothing", "cur->s;prev=old;s=secret", kSwap, S(2), "TRUE", "cur->s;prev=;s=secret"},
@@ -62,12 +74,15 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"write drops a trailing slash", "", kPlist, W("t.plist/", "x"), "TRUE", "t.plist=x"},
         {"write into a missing folder", "", kPlist, W("no/a", "x"), "FALSE", ""},
         {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
+        {"write without its marker", "t=kept", kPlist, "file://@t<plist/>", range, "t=kept"},
         {"an empty piece starts the file", "", kPiece, W("t", ""), "TRUE", "t.dummy="},
         {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
         {"a piece without UTF-8 form", "t.dummy=AB", kPiece, W("t", "\xc3"), "FALSE", "t.dummy=AB"},
         {"a link is not followed", "k/;k/p=AB;t.dummy->k/p", kPiece, W("t", "CD"), "FALSE", "k/;k/p=AB;t.dummy->k/p"},
         {"a piece into a missing folder", "", kPiece, W("no/a", "x"), "FALSE", ""},
         {"finish without pieces deletes the target", "t=old", kFinish, "file://@t", "TRUE", ""},
+        {"a walk of 512 arguments", "", kWalk, protocol::walk_request("M", "u", std::vector<std::string>(512, "-v")),
+         "iRet=-1", ""},
     };
     // A FIFO or a socket at each path an operation opens is refused at once (a FIFO would block a plain open).
     for (const char* kind : {"|fifo", "|socket"})
@@ -83,11 +98,12 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         build(dir, row.before);
         const std::string request = at_folder(row.request, dir);
         std::string got = "not that, as nobody";
-        const auto replies = [&] { return (got = call(row.operation, request)) == row.reply ? 0 : 1; };
+        const auto replies = [&] { return (got = run(row.operation, request, request.size() - row.cut)) == row.reply ? 0 : 1; };
         if (row.as_nobody) fs::permissions(dir.path(), fs::perms{0755});
         EXPECT_EQ(row.as_nobody ? run_unprivileged(replies) : replies(), 0) << got << ", expected " << row.reply;
         EXPECT_EQ(listing(dir), row.after);
     }
+    EXPECT_STREQ(kExist(nullptr, 0).text, "FALSE");
 }
 
 // A link planted again and again at the previous file while swaps run: its target is never written.
@@ -96,7 +112,7 @@ TEST(Service, TheSwapNeverWritesThroughALinkPlantedBetweenItsUnlinkAndItsCreate)
     build(dir, "cur=mine;s=secret");
     std::atomic<bool> done{false};
     std::thread planter([&] { while (!done) ::symlink(dir.file("s").c_str(), dir.file("prev").c_str()); });
-    for (int i = 0; i < 500; ++i) call(kSwap, at_folder(S(2), dir));
+    for (int i = 0; i < 500; ++i) run(kSwap, at_folder(S(2), dir));
     done = true;
     planter.join();
     EXPECT_EQ(read_file(dir.file("s")), "secret");
@@ -109,13 +125,13 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     for (const std::string bad : {"file://@with space", "@bare", "file://otherhost@c", "file:relative",
                                   "file://@caf\xc3\xa9", "file://@nul%00byte", "files://@x"}) {
         const std::string url = at_folder(bad, dir), request = protocol::write_request(url, "z");
-        for (const Operation write : {kPlist, kPiece}) EXPECT_EQ(call(write, request), "FALSE") << url;
-        EXPECT_EQ(call(kFinish, url), "FALSE") << url;
+        for (const Bridge write : {kPlist, kPiece}) EXPECT_EQ(run(write, request), "FALSE") << url;
+        EXPECT_EQ(run(kFinish, url), "FALSE") << url;
     }
     EXPECT_EQ(listing(dir), "");
     for (const std::size_t size : {plist::kMaxFileBytes + 1, plist::kMaxFileBytes}) {
         fs::resize_file((write_file(dir.file("t.dummy"), ""), dir.file("t.dummy")), size);  // sparse
-        EXPECT_EQ(call(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
+        EXPECT_EQ(run(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
         EXPECT_EQ(fs::file_size(dir.file("t.dummy")), size);
     }
     // The exported function writes any bytes.
@@ -126,7 +142,7 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     EXPECT_EQ(writeDictionaryToPlistFile_XPC(nullptr, "x", 1), 0);
     // The probe sets the umask for good.
     ::umask(022);
-    call(kProbe, dir.file("t"));
+    run(kProbe, dir.file("t"));
     EXPECT_EQ(::umask(022), 002u);
 }
 
