@@ -30,17 +30,16 @@ const Bridge kProbe = TZBridge_tzPListIsAdminProfile_XPC, kSwap = TZBridge_tzPLi
              kPlist = TZBridge_writeDictionaryToPlistFile_XPC, kPiece = TZBridge_writeDataToPlistFile_XPC,
              kFinish = TZBridge_writeDataToPlistFileRename_XPC, kWalk = TZBridge_mibwalk_XPC;
 
-// The reply, or the range exception's message after "range: "; the first `length` bytes of `request` when given.
-std::string run(Bridge bridge, const std::string& request, std::size_t length = std::string::npos) {
-    const TZBridgeResult r = bridge(request.data(), std::min(length, request.size()));
+// The reply, or the range exception's message after "range: "; the last `cut` bytes are not passed.
+std::string run(Bridge bridge, const std::string& request, std::size_t cut = 0) {
+    const TZBridgeResult r = bridge(request.data(), request.size() - cut);
     return (r.outcome == TZ_BRIDGE_REPLY ? "" : r.outcome == TZ_BRIDGE_RANGE_EXCEPTION ? "range: " : "none: ") +
            std::string(r.text);
 }
 std::string S(int t, const char* c = "@cur", const char* p = "@prev") { return protocol::swap_request(t, c, p); }
 std::string W(const std::string& n, const std::string& t) { return protocol::write_request("file://@" + n, t); }
 
-// '@' in a request stands for the folder and its '/'; as_nobody runs it in a folder of mode 0755 as nobody; the
-// last `cut` bytes are not passed as the request's.
+// '@' in a request stands for the folder and its '/'; as_nobody runs it in a folder of mode 0755 as nobody.
 struct Row {
     std::string what; std::string before; Bridge operation; std::string request; std::string reply;
     std::string after; bool as_nobody = false; std::size_t cut = 0;
@@ -98,7 +97,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         build(dir, row.before);
         const std::string request = at_folder(row.request, dir);
         std::string got = "not that, as nobody";
-        const auto replies = [&] { return (got = run(row.operation, request, request.size() - row.cut)) == row.reply ? 0 : 1; };
+        const auto replies = [&] { return (got = run(row.operation, request, row.cut)) == row.reply ? 0 : 1; };
         if (row.as_nobody) fs::permissions(dir.path(), fs::perms{0755});
         EXPECT_EQ(row.as_nobody ? run_unprivileged(replies) : replies(), 0) << got << ", expected " << row.reply;
         EXPECT_EQ(listing(dir), row.after);
