@@ -164,6 +164,36 @@ TEST(WalkRequest, TakesAtMost511ArgumentsAndItsPathsLiterally) {
     EXPECT_FALSE(exists(file));
 }
 
+// As two dialogs on macOS would, each call on a service object of its own: two threads walk two printers whose tables
+// differ in every column, many times.
+TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndEachLeavesTheFileOfALoneWalk) {
+    std::vector<std::string> second;
+    for (int r = 1; r <= 14; ++r)
+        for (auto& line : printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3)) second.push_back(line);
+    const SnmpAgent printers[2] = {SnmpAgent(printer_table(9)), SnmpAgent(second)};
+    const TempDir dir;
+    const std::string users[2] = {"alice", "bob"};
+    const auto walk_of = [&](int i) {
+        const std::string reply = walk(Service(dir.prefix()), users[i], {"snmpwalk", "-v", "1", "-c", "public", "-r",
+                                                                         "0", printers[i].peer(), kProfileTable});
+        return reply + read_file(dir.file(users[i] + "-ModelX-profile.plist"));
+    };
+    const StderrCapture quiet(STDOUT_FILENO);  // the walks print their variables
+    std::string alone[2], both[2];
+    for (int round = -1; round < 10; ++round) {
+        for (const auto& entry : fs::directory_iterator(dir.path())) fs::remove(entry);
+        if (round < 0) {
+            for (int i = 0; i < 2; ++i) alone[i] = walk_of(i);
+            continue;
+        }
+        std::thread other([&] { both[1] = walk_of(1); });
+        both[0] = walk_of(0);
+        other.join();
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(both[i], alone[i]) << "printer " << i << ", round " << round;
+    }
+    EXPECT_EQ(alone[0].substr(0, 7), "iRet=0<");
+}
+
 // Before each walk a private folder is made (0700) when missing, then taken only as a folder of this user that neither
 // group nor others may write; anything else gets a log line naming it, no walk (no file) and "iRet=1". The reply
 // comes before the one line that logs it.

@@ -1,17 +1,11 @@
-// The C bridge of the macOS front: UTF-16 to UTF-8, and walks from two threads at once take turns in the core. Its
-// routing, outcomes and request length are pinned by the service's rows, which call the operations through it.
+// The C bridge of the macOS front: UTF-16 to UTF-8. Its routing, outcomes and request length are pinned by the
+// service's rows, which call the operations through it; its walks' turns by the service's walk tests.
 #include <algorithm>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "request.h"
-#include "service.h"
-#include "snmp_agent.h"
-#include "stderr_capture.h"
-#include "temp_dir.h"
 #include "tz_service_bridge.h"
 
 namespace tz::test {
@@ -23,37 +17,6 @@ std::string utf8(const std::u16string& text, std::size_t count = std::u16string:
     std::string out(3 * units.size(), '\0');
     out.resize(TZBridge_UTF8FromUTF16(units.data(), std::min(count, units.size()), out.data()));
     return out;
-}
-
-// As two dialogs on macOS would: two threads walk two printers whose tables differ in every column, many times.
-TEST(Bridge, WalksFromTwoThreadsTakeTurnsAndEachLeavesTheFileOfALoneWalk) {
-    std::vector<std::string> second;
-    for (int r = 1; r <= 14; ++r)
-        for (auto& line : printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3)) second.push_back(line);
-    const SnmpAgent printers[2] = {SnmpAgent(printer_table(9)), SnmpAgent(second)};
-    const TempDir dir;
-    const Service service(dir.prefix());  // the bridge's own folder does not exist here
-    const auto walk = [&](int i) {
-        std::string reply, user = i == 0 ? "alice" : "bob";
-        service.mibwalk_XPC(protocol::walk_request("T48Q", user, {"snmpwalk", "-v", "1", "-c", "public", "-r", "0",
-                                                                  printers[i].peer(), kProfileTable}),
-                            [&](const std::string& r) { reply = r; });
-        return reply + read_file(dir.file(user + "-T48Q-profile.plist"));
-    };
-    const StderrCapture quiet(STDOUT_FILENO);  // the walks print their variables
-    std::string alone[2], both[2];
-    for (int round = -1; round < 10; ++round) {
-        for (const auto& entry : std::filesystem::directory_iterator(dir.path())) std::filesystem::remove(entry);
-        if (round < 0) {
-            for (int i = 0; i < 2; ++i) alone[i] = walk(i);
-            continue;
-        }
-        std::thread other([&] { both[1] = walk(1); });
-        both[0] = walk(0);
-        other.join();
-        for (int i = 0; i < 2; ++i) EXPECT_EQ(both[i], alone[i]) << "printer " << i << ", round " << round;
-    }
-    EXPECT_EQ(alone[0].substr(0, 7), "iRet=0<");
 }
 
 TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
