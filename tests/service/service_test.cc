@@ -1,8 +1,9 @@
 // The operations on real files as {folder before, operation, request, reply, folder after}, each called through the
-// C face the macOS front calls (so the rows also pin its routing), and the walk request.
+// C face the macOS front calls (so the rows also pin its routing), that face's UTF-16 conversion, and the walk request.
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -103,6 +104,31 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         EXPECT_EQ(listing(dir), row.after);
     }
     EXPECT_STREQ(kExist(nullptr, 0).text, "FALSE");
+}
+
+// The UTF-8 form of the first `count` units of `text` (all when not given).
+std::string utf8(const std::u16string& text, std::size_t count = std::u16string::npos) {
+    const std::vector<unsigned short> units(text.begin(), text.end());
+    std::string out(3 * units.size(), '\0');
+    out.resize(TZBridge_UTF8FromUTF16(units.data(), std::min(count, units.size()), out.data()));
+    return out;
+}
+
+TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
+    const struct { std::u16string units; std::string bytes; std::size_t count = std::u16string::npos; } rows[] = {
+        {u"", ""},
+        {u"\x7F\x80\x7FF\x800\xFFFF", "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF"},
+        {u"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+        {u"\xD83D", "\xED\xA0\xBD"},                        // high at the end
+        {u"\xD83D\xDE00", "\xED\xA0\xBD", 1},                // high at the end of the count, a low past it
+        {u"\xDC00\xDC00", "\xED\xB0\x80\xED\xB0\x80"},      // low without a high
+        {u"\xD7FF\xDC00", "\xED\x9F\xBF\xED\xB0\x80"},      // just below the highs
+        {u"\xD800\xE000", "\xED\xA0\x80\xEE\x80\x80"},      // just above the lows
+        {u"\xD83D\xD83D\xDE00!", "\xED\xA0\xBD\xF0\x9F\x98\x80!"},  // a high before a pair
+    };
+    for (const auto& row : rows) EXPECT_EQ(utf8(row.units, row.count), row.bytes)
+        << ::testing::PrintToString(std::vector<int>(row.units.begin(), row.units.end()));
+    EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
 }
 
 // A link planted again and again at the previous file while swaps run: its target is never written.
