@@ -175,39 +175,29 @@ std::string walk(const Service& service, const std::string& user, const std::vec
     return call(&Service::mibwalk_XPC, protocol::walk_request("ModelX", user, arguments), service);
 }
 
-// 511 arguments walk and write the user's file; 512 do not walk. The folder's name is not a format.
-TEST(WalkRequest, TakesAtMost511ArgumentsAndItsPathsLiterally) {
-    TempDir parent;
-    const std::string folder = parent.file("100%s%n%d") + "/", file = folder + "alice-ModelX-profile.plist";
-    fs::create_directory(folder);
-    SnmpAgent agent(printer_table(3));
-    std::vector<std::string> arguments = {"snmpwalk", "-v1", "-c", "public", agent.peer(), kProfileTable};
-    arguments.insert(arguments.begin() + 1, 511 - arguments.size(), "-v1");
-    EXPECT_EQ(walk(Service(folder), "alice", arguments), "iRet=0");
-    ASSERT_TRUE(fs::remove(file));
-    arguments.insert(arguments.begin() + 1, "-v1");
-    EXPECT_EQ(walk(Service(folder), "alice", arguments), "iRet=-1");
-    EXPECT_FALSE(exists(file));
-}
-
 // As two dialogs on macOS would, each call on a service object of its own: two threads walk two printers whose tables
-// differ in every column, many times.
-TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndEachLeavesTheFileOfALoneWalk) {
+// differ in every column, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the
+// most a walk takes; the folder's name is not a format.
+TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirPathsLiterally) {
     std::vector<std::string> second;
     for (int r = 1; r <= 14; ++r)
         for (auto& line : printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3)) second.push_back(line);
     const SnmpAgent printers[2] = {SnmpAgent(printer_table(9)), SnmpAgent(second)};
-    const TempDir dir;
-    const std::string users[2] = {"alice", "bob"};
+    const TempDir parent;
+    const std::string folder = parent.file("100%s%n%d") + "/", users[2] = {"alice", "bob"};
+    fs::create_directory(folder);
+    std::vector<std::string> arguments[2];
+    for (int i = 0; i < 2; ++i)
+        arguments[i] = {"snmpwalk", "-v1", "-c", "public", "-r", "0", printers[i].peer(), kProfileTable};
+    arguments[0].insert(arguments[0].begin() + 1, 511 - arguments[0].size(), "-v1");
     const auto walk_of = [&](int i) {
-        const std::string reply = walk(Service(dir.prefix()), users[i], {"snmpwalk", "-v", "1", "-c", "public", "-r",
-                                                                         "0", printers[i].peer(), kProfileTable});
-        return reply + read_file(dir.file(users[i] + "-ModelX-profile.plist"));
+        const std::string reply = walk(Service(folder), users[i], arguments[i]);
+        return reply + read_file(folder + users[i] + "-ModelX-profile.plist");
     };
     const StderrCapture quiet(STDOUT_FILENO);  // the walks print their variables
     std::string alone[2], both[2];
     for (int round = -1; round < 10; ++round) {
-        for (const auto& entry : fs::directory_iterator(dir.path())) fs::remove(entry);
+        for (const auto& entry : fs::directory_iterator(folder)) fs::remove(entry);
         if (round < 0) {
             for (int i = 0; i < 2; ++i) alone[i] = walk_of(i);
             continue;
@@ -218,6 +208,10 @@ TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndEachLeavesTheFileOfALoneWalk) {
         for (int i = 0; i < 2; ++i) EXPECT_EQ(both[i], alone[i]) << "printer " << i << ", round " << round;
     }
     EXPECT_EQ(alone[0].substr(0, 7), "iRet=0<");
+    ASSERT_TRUE(fs::remove(folder + "alice-ModelX-profile.plist"));
+    arguments[0].insert(arguments[0].begin() + 1, "-v1");  // 512: no walk
+    EXPECT_EQ(walk(Service(folder), "alice", arguments[0]), "iRet=-1");
+    EXPECT_FALSE(exists(folder + "alice-ModelX-profile.plist"));
 }
 
 // Before each walk a private folder is made (0700) when missing, then taken only as a folder of this user that neither
