@@ -1,14 +1,8 @@
 #!/usr/bin/env python3
-"""Checks that the core's libraries call only C17, POSIX.1-2008 and their declared libraries.
-
-usage: check_portable.py NM LIST --deps LIB... --core ARCHIVE...
-
-Every name an archive leaves undefined (`nm -u`) must be defined by one of the core's archives, by a declared
-library (`nm -D --defined-only` of each LIB: net-snmp, libplist, pugixml, uriparser, the C++ runtime), or be a
-function or object of C17 or POSIX.1-2008 (LIST). glibc spells some standard calls with names of its own (the
-fortified `__memcpy_chk`, `__isoc99_sscanf`, `__errno_location` for errno); those are read as the standard name.
-Each other name is reported as "ARCHIVE: NAME is outside C17 and POSIX.1-2008"; exit status 1 then.
-"""
+"""check_portable.py NM LIST --deps LIB... --core ARCHIVE...: each name a core archive leaves undefined must be
+defined by a core archive or a declared library (net-snmp, libplist, pugixml, uriparser, the C++ runtime), or be
+named in LIST (C17 and POSIX.1-2008). Prints "ARCHIVE: NAME is outside C17 and POSIX.1-2008" for each other name
+and exits 1 then."""
 import re
 import subprocess
 import sys
@@ -23,12 +17,11 @@ SANITIZER = re.compile(r"^__(asan|ubsan|tsan|lsan|sanitizer)_")
 
 
 def standard_name(name):
-    """The standard name glibc's own spelling stands for."""
+    """glibc's own spellings of standard calls: errno, the fortified __memcpy_chk, __isoc99_sscanf."""
     if name == "__errno_location":
         return "errno"
     name = re.sub(r"^__isoc(99|23)_", "", name)
-    fortified = re.fullmatch(r"__(\w+)_chk", name)
-    return fortified.group(1) if fortified else name
+    return re.sub(r"^__(\w+)_chk$", r"\1", name)
 
 
 def symbols(nm, *args):
@@ -36,27 +29,18 @@ def symbols(nm, *args):
     return {line.split()[-1].split("@")[0] for line in out.splitlines() if line.strip() and not line.endswith(":")}
 
 
-def main(argv):
-    nm, listing = argv[1], argv[2]
-    deps = argv[argv.index("--deps") + 1:argv.index("--core")]
-    core = argv[argv.index("--core") + 1:]
-    standard = set()
-    with open(listing, encoding="utf-8") as f:
-        for line in f:
-            line = line.split("#", 1)[0].strip()
-            if line and not line.startswith("["):
-                standard.update(line.split())
-    provided = set().union(*(symbols(nm, "--defined-only", a) for a in core))
-    provided |= set().union(*(symbols(nm, "-D", "--defined-only", lib) for lib in deps))
-    failed = False
-    for archive in core:
-        for name in sorted(symbols(nm, "-u", archive)):
-            if name in provided or name in ABI or SANITIZER.match(name) or standard_name(name) in standard:
-                continue
-            print(f"{archive}: {name} is outside C17 and POSIX.1-2008")
-            failed = True
-    return 1 if failed else 0
+def main(nm, listing, *rest):
+    deps, core = rest[rest.index("--deps") + 1:rest.index("--core")], rest[rest.index("--core") + 1:]
+    standard = {name for line in open(listing, encoding="utf-8") if not line.lstrip().startswith("[")
+                for name in line.split("#", 1)[0].split()}
+    provided = ABI.union(*(symbols(nm, "--defined-only", a) for a in core),
+                           *(symbols(nm, "-D", "--defined-only", lib) for lib in deps))
+    outside = [f"{archive}: {name} is outside C17 and POSIX.1-2008" for archive in core
+               for name in sorted(symbols(nm, "-u", archive))
+               if name not in provided and not SANITIZER.match(name) and standard_name(name) not in standard]
+    print("\n".join(outside))
+    return 1 if outside else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(main(*sys.argv[1:]))

@@ -155,9 +155,14 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
         {{{"\x10\x75", five}}, "refused"}, {{{std::string("\x51\0", 2), five}}, "refused"},  // keys libplist aborts on
         {{{std::string("\x62\0a\0\0", 5), five}}, "refused"}, {{{a, "\x14"}}, "refused"}};  // the last cut short
     for (const auto& [items, expected] : rows) EXPECT_EQ(json_of(binary_dict(items)), expected) << expected;
-    for (const auto& [w, ow, read] : {std::tuple{1, 8, R"({"a": 5})"}, {8, 1, R"({"a": 5})"}, {9, 8, "refused"},
-                                      {8, 9, "refused"}, {0, 1, "refused"}, {1, 0, "refused"}})
-        EXPECT_EQ(json_of(binary_dict({{a, five}}, w, ow)), read) << w << " " << ow;  // widths 1 to 8
+    const auto one = [&](int w, int ow, uint64_t table = 0) {  // {"a": 5}; `table` moves the offset table's start
+        std::string bytes = binary_dict({{a, five}}, w, ow);
+        return table ? bytes.replace(bytes.size() - 8, 8, be(table, 8)) : bytes;
+    };
+    const std::pair<std::string, const char*> files[] = {  // widths 1 to 8; a table in the header or far past the end
+        {one(1, 8), R"({"a": 5})"}, {one(8, 1), R"({"a": 5})"}, {one(9, 8), "refused"}, {one(8, 9), "refused"},
+        {one(0, 1), "refused"}, {one(1, 0), "refused"}, {one(4, 4, 7), "refused"}, {one(4, 4, 1ull << 40), "refused"}};
+    for (const auto& [bytes, read] : files) EXPECT_EQ(json_of(bytes), read) << ::testing::PrintToString(bytes);
 
     EXPECT_TRUE(plist::parse(xml_dicts(63)) && !plist::parse(xml_dicts(64)) && !plist::parse(xml_dicts(100000)));
     std::string arrays = "<plist><dict><key>a</key>";

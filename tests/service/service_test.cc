@@ -1,7 +1,9 @@
-// The operations on real files as {folder before, operation, request, reply, folder after}, and the walk request.
+// The operations on real files as {folder before, operation, request, reply, folder after}, each called through the
+// C face the macOS front calls (so the rows also pin its routing), that face's UTF-16 conversion, and the walk request.
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -15,6 +17,7 @@
 #include "service_call.h"
 #include "snmp_agent.h"
 #include "stderr_capture.h"
+#include "tz_service_bridge.h"
 #include "tz_writes.h"
 
 namespace tz::test {
@@ -22,24 +25,32 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const Operation kProbe = &Service::tzPListIsAdminProfile_XPC, kSwap = &Service::tzPListSwapProfile_XPC,
-                kExist = &Service::tzPListExistProfile_XPC, kRemove = &Service::tzPListRemove_XPC,
-                kPlist = &Service::writeDictionaryToPlistFile_XPC, kPiece = &Service::writeDataToPlistFile_XPC,
-                kFinish = &Service::writeDataToPlistFileRename_XPC;
+using Bridge = TZBridgeResult (*)(const char*, size_t);
+const Bridge kProbe = TZBridge_tzPListIsAdminProfile_XPC, kSwap = TZBridge_tzPListSwapProfile_XPC,
+             kExist = TZBridge_tzPListExistProfile_XPC, kRemove = TZBridge_tzPListRemove_XPC,
+             kPlist = TZBridge_writeDictionaryToPlistFile_XPC, kPiece = TZBridge_writeDataToPlistFile_XPC,
+             kFinish = TZBridge_writeDataToPlistFileRename_XPC, kWalk = TZBridge_mibwalk_XPC;
 
+// The reply, or the range exception's message after "range: "; the last `cut` bytes are not passed.
+std::string run(Bridge bridge, const std::string& request, std::size_t cut = 0) {
+    const TZBridgeResult r = bridge(request.data(), request.size() - cut);
+    return (r.outcome == TZ_BRIDGE_REPLY ? "" : r.outcome == TZ_BRIDGE_RANGE_EXCEPTION ? "range: " : "none: ") +
+           std::string(r.text);
+}
 std::string S(int t, const char* c = "@cur", const char* p = "@prev") { return protocol::swap_request(t, c, p); }
 std::string W(const std::string& n, const std::string& t) { return protocol::write_request("file://@" + n, t); }
 
 // '@' in a request stands for the folder and its '/'; as_nobody runs it in a folder of mode 0755 as nobody.
 struct Row {
-    std::string what; std::string before; Operation operation; std::string request; const char* reply;
-    std::string after; bool as_nobody = false;
+    std::string what; std::string before; Bridge operation; std::string request; std::string reply;
+    std::string after; bool as_nobody = false; std::size_t cut = 0;
 };
 
 TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     std::string big;  // several copy blocks, a zero byte in the second
     for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
     big[70000] = '\0';
+    const std::string range = "range: request: missing marker before \":AddURL:END\"";
     std::vector<Row> rows = {
         {"probe keeps a file", "f=keep me", kProbe, "@f", "TRUE", "f=keep me"},
         {"probe of a folder", "d/", kProbe, "@d", "FALSE", "d/"},
@@ -48,6 +59,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"probe of a read-only file", "f(444)=ro", kProbe, "@f", "FALSE", "f(444)=ro", true},
         {"exist of a read-only file", "f(444)=ro", kExist, "@f", "TRUE", "f(444)=ro", true},
         {"remove a full folder", "d/;d/f=x", kRemove, "@d", "FALSE", "d/;d/f=x"},
+        {"remove reads only its length", "short=", kRemove, "@shorter", "TRUE", "", false, 2},
         {"swap 2 copies in blocks", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE", "cur=" + big + ";prev=" + big},
         {"swap 2 of a folder copies nothing", "d/;prev=old", kSwap, S(2, "@d"), "TRUE", "d/;prev="},
         {"swap 2 of a link copies nothing", "cur->s;prev=old;s=secret", kSwap, S(2), "TRUE", "cur->s;prev=;s=secret"},
@@ -62,12 +74,15 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"write drops a trailing slash", "", kPlist, W("t.plist/", "x"), "TRUE", "t.plist=x"},
         {"write into a missing folder", "", kPlist, W("no/a", "x"), "FALSE", ""},
         {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
+        {"write without its marker", "t=kept", kPlist, "file://@t<plist/>", range, "t=kept"},
         {"an empty piece starts the file", "", kPiece, W("t", ""), "TRUE", "t.dummy="},
         {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
         {"a piece without UTF-8 form", "t.dummy=AB", kPiece, W("t", "\xc3"), "FALSE", "t.dummy=AB"},
         {"a link is not followed", "k/;k/p=AB;t.dummy->k/p", kPiece, W("t", "CD"), "FALSE", "k/;k/p=AB;t.dummy->k/p"},
         {"a piece into a missing folder", "", kPiece, W("no/a", "x"), "FALSE", ""},
         {"finish without pieces deletes the target", "t=old", kFinish, "file://@t", "TRUE", ""},
+        {"a walk of 512 arguments", "", kWalk, protocol::walk_request("M", "u", std::vector<std::string>(512, "-v")),
+         "iRet=-1", ""},
     };
     // A FIFO or a socket at each path an operation opens is refused at once (a FIFO would block a plain open).
     for (const char* kind : {"|fifo", "|socket"})
@@ -83,11 +98,37 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         build(dir, row.before);
         const std::string request = at_folder(row.request, dir);
         std::string got = "not that, as nobody";
-        const auto replies = [&] { return (got = call(row.operation, request)) == row.reply ? 0 : 1; };
+        const auto replies = [&] { return (got = run(row.operation, request, row.cut)) == row.reply ? 0 : 1; };
         if (row.as_nobody) fs::permissions(dir.path(), fs::perms{0755});
         EXPECT_EQ(row.as_nobody ? run_unprivileged(replies) : replies(), 0) << got << ", expected " << row.reply;
         EXPECT_EQ(listing(dir), row.after);
     }
+    EXPECT_STREQ(kExist(nullptr, 0).text, "FALSE");
+}
+
+// The UTF-8 form of the first `count` units of `text` (all when not given).
+std::string utf8(const std::u16string& text, std::size_t count = std::u16string::npos) {
+    const std::vector<unsigned short> units(text.begin(), text.end());
+    std::string out(3 * units.size(), '\0');
+    out.resize(TZBridge_UTF8FromUTF16(units.data(), std::min(count, units.size()), out.data()));
+    return out;
+}
+
+TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
+    const struct { std::u16string units; std::string bytes; std::size_t count = std::u16string::npos; } rows[] = {
+        {u"", ""},
+        {u"\x7F\x80\x7FF\x800\xFFFF", "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF"},
+        {u"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+        {u"\xD83D", "\xED\xA0\xBD"},                        // high at the end
+        {u"\xD83D\xDE00", "\xED\xA0\xBD", 1},                // high at the end of the count, a low past it
+        {u"\xDC00\xDC00", "\xED\xB0\x80\xED\xB0\x80"},      // low without a high
+        {u"\xD7FF\xDC00", "\xED\x9F\xBF\xED\xB0\x80"},      // just below the highs
+        {u"\xD800\xE000", "\xED\xA0\x80\xEE\x80\x80"},      // just above the lows
+        {u"\xD83D\xD83D\xDE00!", "\xED\xA0\xBD\xF0\x9F\x98\x80!"},  // a high before a pair
+    };
+    for (const auto& row : rows) EXPECT_EQ(utf8(row.units, row.count), row.bytes)
+        << ::testing::PrintToString(std::vector<int>(row.units.begin(), row.units.end()));
+    EXPECT_EQ(TZBridge_UTF8FromUTF16(nullptr, 0, nullptr), 0u);
 }
 
 // A link planted again and again at the previous file while swaps run: its target is never written.
@@ -96,7 +137,7 @@ TEST(Service, TheSwapNeverWritesThroughALinkPlantedBetweenItsUnlinkAndItsCreate)
     build(dir, "cur=mine;s=secret");
     std::atomic<bool> done{false};
     std::thread planter([&] { while (!done) ::symlink(dir.file("s").c_str(), dir.file("prev").c_str()); });
-    for (int i = 0; i < 500; ++i) call(kSwap, at_folder(S(2), dir));
+    for (int i = 0; i < 500; ++i) run(kSwap, at_folder(S(2), dir));
     done = true;
     planter.join();
     EXPECT_EQ(read_file(dir.file("s")), "secret");
@@ -109,13 +150,13 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     for (const std::string bad : {"file://@with space", "@bare", "file://otherhost@c", "file:relative",
                                   "file://@caf\xc3\xa9", "file://@nul%00byte", "files://@x"}) {
         const std::string url = at_folder(bad, dir), request = protocol::write_request(url, "z");
-        for (const Operation write : {kPlist, kPiece}) EXPECT_EQ(call(write, request), "FALSE") << url;
-        EXPECT_EQ(call(kFinish, url), "FALSE") << url;
+        for (const Bridge write : {kPlist, kPiece}) EXPECT_EQ(run(write, request), "FALSE") << url;
+        EXPECT_EQ(run(kFinish, url), "FALSE") << url;
     }
     EXPECT_EQ(listing(dir), "");
     for (const std::size_t size : {plist::kMaxFileBytes + 1, plist::kMaxFileBytes}) {
         fs::resize_file((write_file(dir.file("t.dummy"), ""), dir.file("t.dummy")), size);  // sparse
-        EXPECT_EQ(call(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
+        EXPECT_EQ(run(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
         EXPECT_EQ(fs::file_size(dir.file("t.dummy")), size);
     }
     // The exported function writes any bytes.
@@ -126,7 +167,7 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     EXPECT_EQ(writeDictionaryToPlistFile_XPC(nullptr, "x", 1), 0);
     // The probe sets the umask for good.
     ::umask(022);
-    call(kProbe, dir.file("t"));
+    run(kProbe, dir.file("t"));
     EXPECT_EQ(::umask(022), 002u);
 }
 
@@ -134,19 +175,43 @@ std::string walk(const Service& service, const std::string& user, const std::vec
     return call(&Service::mibwalk_XPC, protocol::walk_request("ModelX", user, arguments), service);
 }
 
-// 511 arguments walk and write the user's file; 512 do not walk. The folder's name is not a format.
-TEST(WalkRequest, TakesAtMost511ArgumentsAndItsPathsLiterally) {
-    TempDir parent;
-    const std::string folder = parent.file("100%s%n%d") + "/", file = folder + "alice-ModelX-profile.plist";
+// As two dialogs on macOS would, each call on a service object of its own: two threads walk two printers whose tables
+// differ in every column, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the
+// most a walk takes; the folder's name is not a format.
+TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirPathsLiterally) {
+    std::vector<std::string> second;
+    for (int r = 1; r <= 14; ++r)
+        for (auto& line : printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3)) second.push_back(line);
+    const SnmpAgent printers[2] = {SnmpAgent(printer_table(9)), SnmpAgent(second)};
+    const TempDir parent;
+    const std::string folder = parent.file("100%s%n%d") + "/", users[2] = {"alice", "bob"};
     fs::create_directory(folder);
-    SnmpAgent agent(printer_table(3));
-    std::vector<std::string> arguments = {"snmpwalk", "-v1", "-c", "public", agent.peer(), kProfileTable};
-    arguments.insert(arguments.begin() + 1, 511 - arguments.size(), "-v1");
-    EXPECT_EQ(walk(Service(folder), "alice", arguments), "iRet=0");
-    ASSERT_TRUE(fs::remove(file));
-    arguments.insert(arguments.begin() + 1, "-v1");
-    EXPECT_EQ(walk(Service(folder), "alice", arguments), "iRet=-1");
-    EXPECT_FALSE(exists(file));
+    std::vector<std::string> arguments[2];
+    for (int i = 0; i < 2; ++i)
+        arguments[i] = {"snmpwalk", "-v1", "-c", "public", "-r", "0", printers[i].peer(), kProfileTable};
+    arguments[0].insert(arguments[0].begin() + 1, 511 - arguments[0].size(), "-v1");
+    const auto walk_of = [&](int i) {
+        const std::string reply = walk(Service(folder), users[i], arguments[i]);
+        return reply + read_file(folder + users[i] + "-ModelX-profile.plist");
+    };
+    const StderrCapture quiet(STDOUT_FILENO);  // the walks print their variables
+    std::string alone[2], both[2];
+    for (int round = -1; round < 10; ++round) {
+        for (const auto& entry : fs::directory_iterator(folder)) fs::remove(entry);
+        if (round < 0) {
+            for (int i = 0; i < 2; ++i) alone[i] = walk_of(i);
+            continue;
+        }
+        std::thread other([&] { both[1] = walk_of(1); });
+        both[0] = walk_of(0);
+        other.join();
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(both[i], alone[i]) << "printer " << i << ", round " << round;
+    }
+    EXPECT_EQ(alone[0].substr(0, 7), "iRet=0<");
+    ASSERT_TRUE(fs::remove(folder + "alice-ModelX-profile.plist"));
+    arguments[0].insert(arguments[0].begin() + 1, "-v1");  // 512: no walk
+    EXPECT_EQ(walk(Service(folder), "alice", arguments[0]), "iRet=-1");
+    EXPECT_FALSE(exists(folder + "alice-ModelX-profile.plist"));
 }
 
 // Before each walk a private folder is made (0700) when missing, then taken only as a folder of this user that neither

@@ -20,7 +20,6 @@ inline ProfileEntry entry(int32_t index, int32_t in_menu, const char* file_name,
 
 template <typename T> bool same_bytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
 
-// The three categories, zeroed.
 struct Tables {
     ProfileTable rgb{}, sim{}, dst{};
     static void add(ProfileTable& t, const ProfileEntry& e) { t.Entry[t.iNum++] = e; }

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-# objc_metadata_check.py check CLANG OBJDUMP SOURCE_DIR: checks the Objective-C metadata of the XPC front compiled for
+# objc_metadata_check.py CLANG OBJDUMP SOURCE_DIR: checks the Objective-C metadata of the XPC front compiled for
 # macOS (no SDK, never linked). Each class's name and methods must be found, so a dump it cannot read fails.
 import re, subprocess, sys, tempfile
 from pathlib import Path
@@ -71,7 +71,7 @@ def check(objects, objdump):  # the problems found in the objects
     return problems
 
 
-def main(mode, clang, objdump, front):
+def main(clang, objdump, front):
     flags = ["-Wall", "-Wextra", "-Werror", "-I", front, "-I", Path(front).resolve().parent]
     with tempfile.TemporaryDirectory() as tmp:
         for source in sorted(Path(front).glob("*.mm")):
@@ -82,5 +82,4 @@ def main(mode, clang, objdump, front):
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]) if len(sys.argv) == 5 and sys.argv[1] == "check" else
-             "usage: objc_metadata_check.py check CLANG OBJDUMP SOURCE_DIR")
+    sys.exit(main(*sys.argv[1:]) if len(sys.argv) == 4 else "usage: objc_metadata_check.py CLANG OBJDUMP SOURCE_DIR")
