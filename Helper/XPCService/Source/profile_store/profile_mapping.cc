@@ -21,7 +21,6 @@ void map_pap(const ProfileTable& new_table, const ProfileTable& current, Profile
              const ProfileTable& exclusion) {
     int32_t used = 0;
     for (int32_t i = 0; i < current.iNum && i < TZ_PROFILE_SLOTS; ++i) {
-        if (used >= TZ_PROFILE_SLOTS) continue;
         const ProfileEntry& entry = current.Entry[i];
         if (entry.InMenu != 2 && entry.InMenu != 4) continue;
         if (holds_profile(new_table, entry) || holds_profile(exclusion, entry)) continue;
