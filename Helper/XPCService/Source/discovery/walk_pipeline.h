@@ -127,21 +127,37 @@ public:
         bool known;
     };
     std::optional<Next> after(const Name& name, bool runs) const;
+    // The last known row of `name`'s table column and of the columns after
+    // it, up to a few past the last one shown, where what follows is not yet
+    // known: asked early, they show the columns that follow before the
+    // guesses get there. None outside a table.
+    std::vector<Next> probes(const Name& name) const;
 
 private:
-    bool in_table(const Name& name) const;
+    // A table: the names at + 1 + row_length long that start with its
+    // prefix (the map's key), their column at `at`, their row after it.
+    struct Table {
+        std::size_t at;
+        std::size_t row_length;
+        std::set<Name> rows;     // row indexes seen
+        std::set<oid> columns;   // columns seen
+        std::set<oid> closed;    // columns whose last known row has been answered
+    };
+    void find_table(const Name& asked, const Name& next);
     void learn_table(const Name& name);
-    Name cell(oid column, const Name& row) const;
+    Table* table_of(const Name& name);
+    const Table* table_of(const Name& name) const;
+    static Name row_of(const Table& table, const Name& name);
+    // The name in `name`'s table at `column` and `row`.
+    static Name cell(const Name& name, const Table& table, oid column, const Name& row);
     oid end_of(const Name& column) const;
 
-    static constexpr std::size_t kMaxRemembered = 20000;  // names kept before the table is known
+    static constexpr std::size_t kMaxRemembered = 20000;  // names kept outside any known table
     Name root_;
     Name first_;                     // the first name under the root
-    std::size_t column_ = 0;         // where the column sits in first_; 0: not known
-    std::set<Name> rows_;            // row indexes seen (after the column)
-    std::set<oid> columns_;          // columns seen
+    std::map<Name, Table> tables_;   // by prefix
     std::set<Name> revealed_;        // names answers showed, not yet passed by the chain
-    std::vector<Name> remembered_;   // names seen before the table was known
+    std::vector<Name> remembered_;   // names seen in no known table, not yet passed
     std::map<Name, oid> ends_;       // per column (name less its last sub-identifier): no name past this
     std::map<Name, Name> gaps_;      // asked -> answered in the same column: no name between them
     std::set<Name> runs_;            // columns the chain has walked two neighbours in
