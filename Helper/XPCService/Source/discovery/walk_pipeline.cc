@@ -41,6 +41,10 @@ constexpr oid kColumnsAhead = 1;
 constexpr oid kColumnsProbed = 3;
 // Answers between two decisions on the pace, once it is known.
 constexpr long kPaceEvery = 32;
+// One exchange in this many is timed (its round trip on the chain, the
+// walk's busy time up to the next exchange): clock reads cost as much as a
+// little of the walk's own work.
+constexpr long kSampleEvery = 8;
 // Tables kept: a walk of a whole MIB finds some hundreds.
 constexpr std::size_t kMaxTables = 4096;
 
@@ -256,8 +260,16 @@ GetNextPipeline::~GetNextPipeline() {
 int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& response) {
     response.reset();
     const Name head(name, name + name_length);
-    if (!predictor_) predictor_.emplace(head), started_ = Clock::now();
-    predictor_->passed(head);
+    if (!predictor_) predictor_.emplace(head);
+    // One exchange in kSampleEvery is timed, from its start to the next one's,
+    // less its waits: the walk's busy time per answer.
+    if (sampling_ || answers_ % kSampleEvery == 0) {
+        const Clock::time_point now = Clock::now();
+        if (sampling_) busy_ += now - sample_start_ - sample_waited_, ++busy_samples_;
+        sampling_ = answers_ % kSampleEvery == 0;
+        sample_start_ = now, sample_waited_ = {};
+    }
+    if (pace_ > 1) predictor_->passed(head);  // at a pace of 1 nothing is guessed: no bookkeeping
     advancing_ = head_.empty() || head > head_;  // an agent that repeats itself: guesses cannot help
     head_ = head;
     // Guesses below the new name are ones the chain has passed.
@@ -316,7 +328,8 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     (void)pdu.release();
     chain_request_ = ChainRequest{true, reqid, true, STAT_SUCCESS, nullptr};
     if (command == SNMP_MSG_GETNEXT) guess_after(name);
-    const Clock::time_point sent = Clock::now();
+    const bool timed = command == SNMP_MSG_GETNEXT && sampling_;
+    const Clock::time_point sent = timed ? Clock::now() : Clock::time_point{};
     while (chain_request_.waiting) {
         const Waited waited = wait_once();
         if (waited == Waited::kSome) continue;
@@ -332,10 +345,12 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     chain_request_.active = false;
     response = std::move(chain_request_.response);
     if (chain_request_.status == STAT_SUCCESS && command == SNMP_MSG_GETNEXT) {
-        const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
-        round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
+        if (timed) {
+            const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
+            round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
+        }
         if (++answers_ == 1) decide_pace();
-        if (predictor_) predictor_->learn(name, response.get());
+        if (pace_ > 1 && predictor_) predictor_->learn(name, response.get());
     }
     return chain_request_.status;
 }
@@ -382,8 +397,10 @@ void GetNextPipeline::guess_after(const Name& name) {
 void GetNextPipeline::decide_pace() {
     decided_at_ = answers_;
     if (forced_ || window_.cap() <= 1 || round_trip_ == 0.0) return;
-    const double busy =
-        std::chrono::duration<double>(Clock::now() - started_ - waited_).count() / static_cast<double>(answers_);
+    // Before a whole sample, the first exchange's time so far.
+    const double busy = busy_samples_ > 0
+                            ? std::chrono::duration<double>(busy_).count() / static_cast<double>(busy_samples_)
+                            : std::chrono::duration<double>(Clock::now() - sample_start_ - sample_waited_).count();
     const double pace = busy > 0.0 ? round_trip_ / busy : static_cast<double>(window_.cap());
     pace_ = pace < kPaysFactor ? 1 : std::min(static_cast<std::size_t>(pace), static_cast<std::size_t>(window_.cap()));
 }
@@ -541,9 +558,9 @@ GetNextPipeline::Waited GetNextPipeline::wait_once() {
     }
     const bool sliced = timeout.tv_sec > 0 || timeout.tv_usec > kWaitSliceMicroseconds;
     if (sliced) timeout = timeval{0, kWaitSliceMicroseconds};
-    const Clock::time_point before = Clock::now();
+    const Clock::time_point before = sampling_ ? Clock::now() : Clock::time_point{};
     const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &timeout);
-    waited_ += Clock::now() - before;
+    if (sampling_) sample_waited_ += Clock::now() - before;
     if (count > 0) {
         snmp_read2(&fds_);
         // While guesses are out, read whatever else has come before the
