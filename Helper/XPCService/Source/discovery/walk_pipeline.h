@@ -46,17 +46,17 @@
 // has two bounds. The pace: guessing pays only where a round trip is long
 // against the time the walk itself spends per answer (decoding, spooling,
 // its loop), both measured on one exchange in eight (its round trip on the
-// chain, its time outside its waits) and
-// decided after the first answer, then once per 32: below four times, 1 (on
-// a link of sub-millisecond round trips nothing is guessed, and nothing is
-// kept for guessing either); else round trip / time
-// per answer. The congestion window, for guesses along runs: it starts at
-// 16, grows by one per used guess up to the threshold, then by one per
-// window's worth; it is halved, to 16 at most and 2 at least, when the
-// chain goes where no guess pointed, and back to 2 with the threshold halved when a request
-// went unanswered for a whole timeout. Neither exceeds the cap; with a cap
-// of 1 nothing is guessed and the walk sends exactly the sequential walk's
-// requests, one at a time; a negative cap -N skips the pace (tests).
+// chain, its time outside its waits) and decided after the first answer,
+// then once per 32: below four times, 1 (on a link of sub-millisecond round
+// trips nothing is guessed, and nothing is kept for guessing either); else
+// round trip / time per answer. The congestion window, for guesses along
+// runs: it starts at 16, grows by one per used guess up to the threshold,
+// then by one per window's worth; it is halved, to 16 at most and 2 at
+// least, when the chain goes where no guess pointed, and back to 2 with the
+// threshold halved when a request went unanswered for a whole timeout.
+// Neither exceeds the cap; with a cap of 1 nothing is guessed and the walk
+// sends exactly the sequential walk's requests, one at a time; a negative
+// cap -N skips the pace (tests).
 // While guesses are out, every answer that has come is read before the
 // chain goes on.
 //
