@@ -45,8 +45,9 @@ constexpr long kPaceEvery = 32;
 // walk's busy time up to the next exchange): clock reads cost as much as a
 // little of the walk's own work.
 constexpr long kSampleEvery = 8;
-// Tables kept: a walk of a whole MIB finds some hundreds.
-constexpr std::size_t kMaxTables = 4096;
+// Tables kept: a walk of a whole MIB finds some hundreds. Each one found
+// files the names kept outside tables again, so this also bounds that work.
+constexpr std::size_t kMaxTables = 1024;
 
 // The pipeline that may take callbacks. A request can outlive its pipeline
 // in the library (a chain request answered with a PDU of the wrong kind stays
