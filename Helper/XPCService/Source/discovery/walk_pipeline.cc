@@ -65,9 +65,13 @@ Pdu request_for(int command, const oid* name, std::size_t name_length) {
 
 void NamePredictor::passed(const Name& head) {
     if (first_.empty() && head.size() > root_.size()) first_ = head;
-    if (head.size() > root_.size() && head.size() == previous_.size() && head.back() == previous_.back() + 1 &&
-        std::equal(head.begin(), head.end() - 1, previous_.begin()))
-        runs_.emplace(head.begin(), head.end() - 1);
+    // A column runs while the chain's last step in it was one up.
+    if (head.size() > root_.size() && head.size() == previous_.size() &&
+        std::equal(head.begin(), head.end() - 1, previous_.begin())) {
+        Name column(head.begin(), head.end() - 1);
+        if (head.back() == previous_.back() + 1) runs_.insert(std::move(column));
+        else runs_.erase(column);
+    }
     previous_ = head;
     revealed_.erase(revealed_.begin(), revealed_.upper_bound(head));
     learn_table(head);

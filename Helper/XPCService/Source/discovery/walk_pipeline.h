@@ -22,9 +22,10 @@
 //    after it, so columns are found without a round trip each; while that
 //    answer is out, the next column's rows are guessed as a run is;
 //  - elsewhere (the first column of a table, or outside any) it guesses the
-//    last sub-identifier plus one along runs, but never past a point an
-//    answer has shown to be the end of that column or of the column before
-//    it;
+//    last sub-identifier plus one along runs (except in the walk's first
+//    column, only while the chain's last step there was one up), but never
+//    past a point an answer has shown to be the end of that column or of the
+//    column before it;
 //  - while the chain gets a name it has already passed, nothing is guessed.
 // Each guess is the predicted successor of the previous one, so the window
 // holds the next names of the walk in its own order.
@@ -165,7 +166,7 @@ private:
     std::vector<Name> remembered_;   // names seen in no known table, not yet passed
     std::map<Name, oid> ends_;       // per column (name less its last sub-identifier): no name past this
     std::map<Name, Name> gaps_;      // asked -> answered in the same column: no name between them
-    std::set<Name> runs_;            // columns the chain has walked two neighbours in
+    std::set<Name> runs_;            // columns whose last step on the chain was one up
     Name previous_;                  // the chain's last name
 };
 
