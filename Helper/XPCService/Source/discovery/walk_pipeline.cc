@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <cstdlib>
 #include <utility>
 #include <net-snmp/library/large_fd_set.h>
 #include <sys/select.h>
@@ -29,12 +30,24 @@ constexpr double kPaysFactor = 4.0;
 constexpr double kInitialWindow = 16.0;
 // After a miss or a loss the window falls back to this, not below.
 constexpr double kFloorWindow = 2.0;
-// Columns past the last one shown whose rows are guessed: each new column
-// costs no round trip of its own, at the cost of these columns' rows wasted
-// past the table's end.
-constexpr oid kColumnsAhead = 2;
+// Columns past the last one shown whose rows are guessed while the answer
+// for the last shown column's last row is still out: a short column costs no
+// round trip of its own, at the cost of one column's rows wasted past the
+// table's end.
+constexpr oid kColumnsAhead = 1;
+// Columns past the last one shown whose last known row is asked for early:
+// each answer shows the column after it, so columns are found this many per
+// round trip, at the cost of as many requests past the table's end.
+constexpr oid kColumnsProbed = 3;
 // Answers between two decisions on the pace, once it is known.
 constexpr long kPaceEvery = 32;
+// One exchange in this many is timed (its round trip on the chain, the
+// walk's busy time up to the next exchange): clock reads cost as much as a
+// little of the walk's own work.
+constexpr long kSampleEvery = 8;
+// Tables kept: a walk of a whole MIB finds some hundreds. Each one found
+// files the names kept outside tables again, so this also bounds that work.
+constexpr std::size_t kMaxTables = 1024;
 
 // The pipeline that may take callbacks. A request can outlive its pipeline
 // in the library (a chain request answered with a PDU of the wrong kind stays
@@ -52,9 +65,13 @@ Pdu request_for(int command, const oid* name, std::size_t name_length) {
 
 void NamePredictor::passed(const Name& head) {
     if (first_.empty() && head.size() > root_.size()) first_ = head;
-    if (head.size() > root_.size() && head.size() == previous_.size() && head.back() == previous_.back() + 1 &&
-        std::equal(head.begin(), head.end() - 1, previous_.begin()))
-        runs_.emplace(head.begin(), head.end() - 1);
+    // A column runs while the chain's last step in it was one up.
+    if (head.size() > root_.size() && head.size() == previous_.size() &&
+        std::equal(head.begin(), head.end() - 1, previous_.begin())) {
+        Name column(head.begin(), head.end() - 1);
+        if (head.back() == previous_.back() + 1) runs_.insert(std::move(column));
+        else runs_.erase(column);
+    }
     previous_ = head;
     revealed_.erase(revealed_.begin(), revealed_.upper_bound(head));
     learn_table(head);
@@ -74,42 +91,82 @@ void NamePredictor::learn(const Name& asked, const netsnmp_pdu* answer) {
         const auto end = ends_.try_emplace(column, asked.back()).first;
         end->second = std::min(end->second, asked.back());
     }
+    if (Table* table = table_of(asked); table != nullptr && !table->rows.empty() &&
+                                        row_of(*table, asked) == *table->rows.rbegin())
+        table->closed.insert(asked[table->at]);
     if (!inside || next <= asked) return;
     if (same_column && next.back() != asked.back() + 1) gaps_[asked] = next;
     revealed_.insert(next);
+    find_table(asked, next);
     learn_table(next);
 }
 
-// Finds the column from a name that differs from the first in one
-// sub-identifier before the last, and files the name's row and column.
+// A step from `asked` to `next` of the same length that goes up in a
+// sub-identifier before the last goes from one column of a table to a later
+// one: the table is what comes before that sub-identifier.
+void NamePredictor::find_table(const Name& asked, const Name& next) {
+    if (asked.size() != next.size() || asked.size() <= root_.size()) return;
+    const auto differ = std::mismatch(asked.begin() + static_cast<std::ptrdiff_t>(root_.size()), asked.end(),
+                                      next.begin() + static_cast<std::ptrdiff_t>(root_.size()));
+    const auto at = static_cast<std::size_t>(differ.first - asked.begin());
+    if (at + 1 >= next.size() || next[at] <= asked[at]) return;
+    Name prefix(next.begin(), next.begin() + static_cast<std::ptrdiff_t>(at));
+    if (tables_.count(prefix) != 0 || tables_.size() >= kMaxTables) return;
+    std::vector<Name> seen = std::exchange(remembered_, {});
+    seen.push_back(asked);
+    std::erase_if(seen, [&](const Name& name) { return name < prefix; });  // passed: no later table has them
+    tables_.emplace(std::move(prefix), Table{at, next.size() - at - 1, {}, {}, {}});
+    for (const Name& name : seen) learn_table(name);
+}
+
+// Files the row and column of a name in its table (rows of a table all have
+// one length); a name in no table is kept until one is found.
 void NamePredictor::learn_table(const Name& name) {
-    if (first_.empty() || name.size() <= root_.size()) return;
-    if (column_ == 0) {
-        if (remembered_.size() < kMaxRemembered) remembered_.push_back(name);
-        if (name.size() != first_.size()) return;
-        std::size_t differ = 0, at = 0;
-        for (std::size_t i = root_.size(); i < name.size(); ++i)
-            if (name[i] != first_[i]) ++differ, at = i;
-        if (differ != 1 || at + 1 >= name.size() || name[at] < first_[at]) return;
-        column_ = at;
-        for (const Name& seen : std::exchange(remembered_, {})) learn_table(seen);
+    Table* table = table_of(name);
+    if (table == nullptr || name.size() != table->at + 1 + table->row_length) {
+        if (name.size() > root_.size() && remembered_.size() < kMaxRemembered) remembered_.push_back(name);
         return;
     }
-    if (!in_table(name)) return;
-    columns_.insert(name[column_]);
-    rows_.emplace(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
+    table->columns.insert(name[table->at]);
+    table->rows.insert(row_of(*table, name));
 }
 
-bool NamePredictor::in_table(const Name& name) const {
-    return column_ != 0 && name.size() > column_ + 1 &&
-           std::equal(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(column_), name.begin());
+// The table `name` is in (the last one found before it whose prefix it
+// starts with), or null.
+NamePredictor::Table* NamePredictor::table_of(const Name& name) {
+    auto table = tables_.upper_bound(name);
+    if (table == tables_.begin()) return nullptr;
+    --table;
+    const Name& prefix = table->first;
+    const bool in = name.size() > prefix.size() + 1 && std::equal(prefix.begin(), prefix.end(), name.begin());
+    return in ? &table->second : nullptr;
+}
+const NamePredictor::Table* NamePredictor::table_of(const Name& name) const {
+    return const_cast<NamePredictor*>(this)->table_of(name);
 }
 
-Name NamePredictor::cell(oid column, const Name& row) const {
-    Name name(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(column_));
-    name.push_back(column);
-    name.insert(name.end(), row.begin(), row.end());
-    return name;
+Name NamePredictor::row_of(const Table& table, const Name& name) {
+    return Name(name.begin() + static_cast<std::ptrdiff_t>(table.at) + 1, name.end());
+}
+
+Name NamePredictor::cell(const Name& name, const Table& table, oid column, const Name& row) {
+    Name cell(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(table.at));
+    cell.push_back(column);
+    cell.insert(cell.end(), row.begin(), row.end());
+    return cell;
+}
+
+std::vector<NamePredictor::Next> NamePredictor::probes(const Name& name) const {
+    std::vector<Next> found;
+    const Table* table = table_of(name);
+    if (table == nullptr || table->rows.size() < 2 || name.size() != table->at + 1 + table->row_length) return found;
+    const oid last = *table->columns.rbegin();
+    for (oid column = name[table->at]; column <= last + kColumnsProbed && column < kMaxSubIdentifier; ++column) {
+        const bool shown = table->columns.count(column) != 0;
+        if ((shown || column > last) && table->closed.count(column) == 0)
+            found.push_back({cell(name, *table, column, *table->rows.rbegin()), shown});
+    }
+    return found;
 }
 
 std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool runs) const {
@@ -118,33 +175,43 @@ std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool r
         if (candidate > name && (!best || candidate < best->name)) best = Next{std::move(candidate), known};
     };
     if (const auto shown = revealed_.upper_bound(name); shown != revealed_.end()) consider(*shown, true);
-    if (in_table(name) && !rows_.empty()) {
+    const Table* table = table_of(name);
+    if (table != nullptr && !table->rows.empty() && name.size() == table->at + 1 + table->row_length) {
         // Past the last known column, the next kColumnsAhead columns' rows
-        // are guesses along a run (held to the congestion window).
-        const oid column = name[column_];
-        const bool shown = columns_.count(column) != 0;
-        const Name row(name.begin() + static_cast<std::ptrdiff_t>(column_) + 1, name.end());
-        if (const auto next = rows_.upper_bound(row); next != rows_.end()) {
-            if (shown || runs) consider(cell(column, *next), shown);
-        } else if (const auto later = columns_.upper_bound(column); later != columns_.end()) {
-            consider(cell(*later, *rows_.begin()), true);
-        } else if (runs && column < *columns_.rbegin() + kColumnsAhead && column < kMaxSubIdentifier) {
-            consider(cell(column + 1, *rows_.begin()), false);
+        // are guesses along a run (held to the congestion window). A column
+        // not shown before a shown one has no rows: the answers went past
+        // it. Past a column whose last row has been answered, what follows
+        // is known (revealed), so nothing is guessed there.
+        const std::set<oid>& columns = table->columns;
+        const std::set<Name>& rows = table->rows;
+        const oid column = name[table->at];
+        const bool shown = columns.count(column) != 0;
+        const auto later = columns.upper_bound(column);
+        const auto next = rows.upper_bound(row_of(*table, name));
+        if (!shown && later != columns.end()) {
+            consider(cell(name, *table, *later, *rows.begin()), true);
+        } else if (next != rows.end()) {
+            if (shown || runs) consider(cell(name, *table, column, *next), shown);
+        } else if (later != columns.end()) {
+            consider(cell(name, *table, *later, *rows.begin()), true);
+        } else if (runs && table->closed.count(column) == 0 && column < *columns.rbegin() + kColumnsAhead &&
+                   column < kMaxSubIdentifier) {
+            consider(cell(name, *table, column + 1, *rows.begin()), false);
         }
         return best;
     }
     if (!runs || name.size() <= root_.size() || name.back() >= kMaxSubIdentifier) return best;
     // Along a run: not past the column's known end, not into a known gap,
-    // and in a column other than the first only once it has shown a run.
+    // and only once the column has shown a run.
     const Name column(name.begin(), name.end() - 1);
     if (name.back() >= end_of(column)) return best;
     if (auto gap = gaps_.upper_bound(name); gap != gaps_.begin() && (--gap)->second > name &&
                                             gap->first.size() == name.size() && gap->first <= name)
         return best;
-    Name next = name;
-    ++next.back();
     const bool first_column = first_.size() == name.size() && std::equal(column.begin(), column.end(), first_.begin());
     if (!first_column && runs_.count(column) == 0) return best;
+    Name next = name;
+    ++next.back();
     consider(std::move(next), false);
     return best;
 }
@@ -170,7 +237,9 @@ void Window::hit() {
     size_ = std::min(size_, static_cast<double>(cap_));
 }
 
-void Window::miss() { size_ = std::max(std::min<double>(kFloorWindow, cap_), size_ / 2); }
+// A long run's window past a miss would be wasted past the next short run's
+// end: the window starts again from the first one's size at most.
+void Window::miss() { size_ = std::max(std::min<double>(kFloorWindow, cap_), std::min(size_ / 2, kInitialWindow)); }
 
 void Window::loss() {
     threshold_ = std::max(kMinThreshold, size_ / 2);
@@ -196,8 +265,16 @@ GetNextPipeline::~GetNextPipeline() {
 int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& response) {
     response.reset();
     const Name head(name, name + name_length);
-    if (!predictor_) predictor_.emplace(head), started_ = Clock::now();
-    predictor_->passed(head);
+    if (!predictor_) predictor_.emplace(head);
+    // One exchange in kSampleEvery is timed, from its start to the next one's,
+    // less its waits: the walk's busy time per answer.
+    if (sampling_ || answers_ % kSampleEvery == 0) {
+        const Clock::time_point now = Clock::now();
+        if (sampling_) busy_ += now - sample_start_ - sample_waited_, ++busy_samples_;
+        sampling_ = answers_ % kSampleEvery == 0;
+        sample_start_ = now, sample_waited_ = {};
+    }
+    if (pace_ > 1) predictor_->passed(head);  // at a pace of 1 nothing is guessed: no bookkeeping
     advancing_ = head_.empty() || head > head_;  // an agent that repeats itself: guesses cannot help
     head_ = head;
     // Guesses below the new name are ones the chain has passed.
@@ -256,7 +333,8 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     (void)pdu.release();
     chain_request_ = ChainRequest{true, reqid, true, STAT_SUCCESS, nullptr};
     if (command == SNMP_MSG_GETNEXT) guess_after(name);
-    const Clock::time_point sent = Clock::now();
+    const bool timed = command == SNMP_MSG_GETNEXT && sampling_;
+    const Clock::time_point sent = timed ? Clock::now() : Clock::time_point{};
     while (chain_request_.waiting) {
         const Waited waited = wait_once();
         if (waited == Waited::kSome) continue;
@@ -272,10 +350,12 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     chain_request_.active = false;
     response = std::move(chain_request_.response);
     if (chain_request_.status == STAT_SUCCESS && command == SNMP_MSG_GETNEXT) {
-        const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
-        round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
+        if (timed) {
+            const double trip = std::chrono::duration<double>(Clock::now() - sent).count();
+            round_trip_ = round_trip_ == 0.0 ? trip : 0.75 * round_trip_ + 0.25 * trip;
+        }
         if (++answers_ == 1) decide_pace();
-        if (predictor_) predictor_->learn(name, response.get());
+        if (pace_ > 1 && predictor_) predictor_->learn(name, response.get());
     }
     return chain_request_.status;
 }
@@ -301,6 +381,10 @@ void GetNextPipeline::guess_after(const Name& name) {
     std::size_t runs = 0;
     for (const auto& [guessed, guess] : guesses_) runs += guessed > name && !guess.known ? 1 : 0;
     for (std::size_t step = 0; in_flight() < window && step < 8 * window; ++step) {
+        // The last known row of this column, asked early, shows which column
+        // follows before the guesses get there.
+        for (auto& ahead : predictor_->probes(next))
+            if (guesses_.count(ahead.name) == 0 && ahead.name > name && !send_guess(ahead.name, ahead.known)) return;
         auto guess = predictor_->after(next, runs < static_cast<std::size_t>(window_.size()));
         if (!guess) return;
         next = std::move(guess->name);
@@ -318,8 +402,10 @@ void GetNextPipeline::guess_after(const Name& name) {
 void GetNextPipeline::decide_pace() {
     decided_at_ = answers_;
     if (forced_ || window_.cap() <= 1 || round_trip_ == 0.0) return;
-    const double busy =
-        std::chrono::duration<double>(Clock::now() - started_ - waited_).count() / static_cast<double>(answers_);
+    // Before a whole sample, the first exchange's time so far.
+    const double busy = busy_samples_ > 0
+                            ? std::chrono::duration<double>(busy_).count() / static_cast<double>(busy_samples_)
+                            : std::chrono::duration<double>(Clock::now() - sample_start_ - sample_waited_).count();
     const double pace = busy > 0.0 ? round_trip_ / busy : static_cast<double>(window_.cap());
     pace_ = pace < kPaysFactor ? 1 : std::min(static_cast<std::size_t>(pace), static_cast<std::size_t>(window_.cap()));
 }
@@ -477,9 +563,9 @@ GetNextPipeline::Waited GetNextPipeline::wait_once() {
     }
     const bool sliced = timeout.tv_sec > 0 || timeout.tv_usec > kWaitSliceMicroseconds;
     if (sliced) timeout = timeval{0, kWaitSliceMicroseconds};
-    const Clock::time_point before = Clock::now();
+    const Clock::time_point before = sampling_ ? Clock::now() : Clock::time_point{};
     const int count = netsnmp_large_fd_set_select(fds, &fds_, nullptr, nullptr, &timeout);
-    waited_ += Clock::now() - before;
+    if (sampling_) sample_waited_ += Clock::now() - before;
     if (count > 0) {
         snmp_read2(&fds_);
         // While guesses are out, read whatever else has come before the

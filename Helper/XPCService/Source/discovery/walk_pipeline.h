@@ -12,15 +12,20 @@
 // pattern alone:
 //  - every name an answer reveals inside the subtree is one the walk will
 //    reach, so asking for what follows it is never wasted;
-//  - a table's columns share their rows: once the walk has seen a column
-//    change (a name that differs from the first name in one sub-identifier
-//    before the last), it knows where the column sits and the rows (row
-//    indexes of any length), and predicts every later column's names
-//    exactly, row after row, then the next known column; past the known
-//    ones, the rows of the next two columns are guessed as a run is;
-//  - elsewhere (the first column, or outside the table) it guesses the last
-//    sub-identifier plus one along runs, but never past a point an answer
-//    has shown to be the end of that column or of the column before it;
+//  - a table's columns share their rows: a step from one column to a later
+//    one (same length, up in a sub-identifier before the last) shows where a
+//    table's column sits, anywhere under the root; from then on the walk
+//    knows its rows (row indexes of any length) and predicts every later
+//    column's names exactly, row after row, then the next known column;
+//  - the last known row of the current column and of up to three columns
+//    past the last one shown is asked early: each answer shows the column
+//    after it, so columns are found without a round trip each; while that
+//    answer is out, the next column's rows are guessed as a run is;
+//  - elsewhere (the first column of a table, or outside any) it guesses the
+//    last sub-identifier plus one along runs (except in the walk's first
+//    column, only while the chain's last step there was one up), but never
+//    past a point an answer has shown to be the end of that column or of the
+//    column before it;
 //  - while the chain gets a name it has already passed, nothing is guessed.
 // Each guess is the predicted successor of the previous one, so the window
 // holds the next names of the walk in its own order.
@@ -41,17 +46,18 @@
 // The window (requests in flight on both sessions, stale guesses included)
 // has two bounds. The pace: guessing pays only where a round trip is long
 // against the time the walk itself spends per answer (decoding, spooling,
-// its loop), both measured as the walk goes (a round trip of the chain's
-// requests, the walk's busy time outside its waits) and decided after the
-// first answer, then once per 32: below four times, 1 (on a link of
-// sub-millisecond round trips nothing is guessed); else round trip / time
-// per answer. The congestion window, for guesses along runs: it starts at
-// 16, grows by one per used guess up to the threshold, then by one per
-// window's worth; it is halved (not below 2) when the chain goes where no
-// guess pointed, and back to 2 with the threshold halved when a request
-// went unanswered for a whole timeout. Neither exceeds the cap; with a cap
-// of 1 nothing is guessed and the walk sends exactly the sequential walk's
-// requests, one at a time; a negative cap -N skips the pace (tests).
+// its loop), both measured on one exchange in eight (its round trip on the
+// chain, its time outside its waits) and decided after the first answer,
+// then once per 32: below four times, 1 (on a link of sub-millisecond round
+// trips nothing is guessed, and nothing is kept for guessing either); else
+// round trip / time per answer. The congestion window, for guesses along
+// runs: it starts at 16, grows by one per used guess up to the threshold,
+// then by one per window's worth; it is halved, to 16 at most and 2 at
+// least, when the chain goes where no guess pointed, and back to 2 with the
+// threshold halved when a request went unanswered for a whole timeout.
+// Neither exceeds the cap; with a cap of 1 nothing is guessed and the walk
+// sends exactly the sequential walk's requests, one at a time; a negative
+// cap -N skips the pace (tests).
 // While guesses are out, every answer that has come is read before the
 // chain goes on.
 //
@@ -127,24 +133,40 @@ public:
         bool known;
     };
     std::optional<Next> after(const Name& name, bool runs) const;
+    // The last known row of `name`'s table column and of the columns after
+    // it, up to a few past the last one shown, where what follows is not yet
+    // known: asked early, they show the columns that follow before the
+    // guesses get there. None outside a table.
+    std::vector<Next> probes(const Name& name) const;
 
 private:
-    bool in_table(const Name& name) const;
+    // A table: the names at + 1 + row_length long that start with its
+    // prefix (the map's key), their column at `at`, their row after it.
+    struct Table {
+        std::size_t at;
+        std::size_t row_length;
+        std::set<Name> rows;     // row indexes seen
+        std::set<oid> columns;   // columns seen
+        std::set<oid> closed;    // columns whose last known row has been answered
+    };
+    void find_table(const Name& asked, const Name& next);
     void learn_table(const Name& name);
-    Name cell(oid column, const Name& row) const;
+    Table* table_of(const Name& name);
+    const Table* table_of(const Name& name) const;
+    static Name row_of(const Table& table, const Name& name);
+    // The name in `name`'s table at `column` and `row`.
+    static Name cell(const Name& name, const Table& table, oid column, const Name& row);
     oid end_of(const Name& column) const;
 
-    static constexpr std::size_t kMaxRemembered = 20000;  // names kept before the table is known
+    static constexpr std::size_t kMaxRemembered = 20000;  // names kept outside any known table
     Name root_;
     Name first_;                     // the first name under the root
-    std::size_t column_ = 0;         // where the column sits in first_; 0: not known
-    std::set<Name> rows_;            // row indexes seen (after the column)
-    std::set<oid> columns_;          // columns seen
+    std::map<Name, Table> tables_;   // by prefix
     std::set<Name> revealed_;        // names answers showed, not yet passed by the chain
-    std::vector<Name> remembered_;   // names seen before the table was known
+    std::vector<Name> remembered_;   // names seen in no known table, not yet passed
     std::map<Name, oid> ends_;       // per column (name less its last sub-identifier): no name past this
     std::map<Name, Name> gaps_;      // asked -> answered in the same column: no name between them
-    std::set<Name> runs_;            // columns the chain has walked two neighbours in
+    std::set<Name> runs_;            // columns whose last step on the chain was one up
     Name previous_;                  // the chain's last name
 };
 
@@ -225,8 +247,11 @@ private:
     double round_trip_ = 0.0;
     std::size_t pace_ = 1;                  // as last decided
     long decided_at_ = 0;                   // answers_ then
-    Clock::duration waited_{};              // blocked in select, in all
-    Clock::time_point started_{};           // the first exchange
+    bool sampling_ = false;                 // the exchange in progress is timed
+    Clock::time_point sample_start_{};      // its start
+    Clock::duration sample_waited_{};       // its time blocked in select
+    Clock::duration busy_{};                // timed exchanges less their waits, in all
+    long busy_samples_ = 0;
     long answers_ = 0;                      // exchanges answered
     ChainRequest chain_request_;
     netsnmp_large_fd_set fds_;
