@@ -133,7 +133,7 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
             const Observed many = walk_at(c, snmpd.get(), window);
             EXPECT_EQ(many.facts(), one.facts()) << "window " << window;
             EXPECT_TRUE(many.spool == one.spool && many.plist == one.plist) << "window " << window;
-            EXPECT_LE(many.requests, 4 * one.requests)  // 3x seen under load
+            EXPECT_LE(many.requests, 4 * one.requests + 16)  // 3x, or a short walk's first burst, seen under load
                 << "a lossy agent is flooded: the window must fall back";
             EXPECT_TRUE(!c.guessed || many.requests > one.requests) << "a slow agent must be asked ahead";
         }
