@@ -31,9 +31,11 @@
 
 #include "bus_names.h"
 #include "exit_status.h"
+#include "file_ops.h"
 #include "helper_client.h"
 #include "methods.h"
 #include "profile_files.h"
+#include "profile_store.h"
 #include "tz_profile_store.h"
 #include "walk_summary.h"
 
@@ -338,69 +340,42 @@ bool read_input(const std::string& file, std::string& content) {
     return !in.bad();
 }
 
-// Standard input copied to a temporary file, for the store, which reads paths.
-class StdinFile {
-public:
-    StdinFile() {
-        const char* tmp = std::getenv("TMPDIR");
-        path_ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tzhelperctl-XXXXXX";
-        const int fd = ::mkostemp(path_.data(), O_CLOEXEC);
-        if (fd < 0) {
-            path_.clear();
-            return;
-        }
-        std::string content;
-        bool ok = read_input("-", content);
-        for (size_t done = 0; ok && done < content.size();) {
-            const ssize_t wrote = ::write(fd, content.data() + done, content.size() - done);
-            if (wrote < 0 && errno == EINTR) continue;
-            ok = wrote > 0;
-            done += ok ? static_cast<size_t>(wrote) : 0;
-        }
-        if (::close(fd) != 0 || !ok) {
-            ::unlink(path_.c_str());
-            path_.clear();
-        }
-    }
-    ~StdinFile() {
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    StdinFile(const StdinFile&) = delete;
-    StdinFile& operator=(const StdinFile&) = delete;
-    // Empty when standard input could not be copied.
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
+std::string not_a_profile_plist(const std::string& name) {
+    return "cannot read " + name + " as a profile plist (a regular file of this user, not a link)";
+}
 
 struct Profiles {
     std::unique_ptr<ProfileTable[]> tables = std::make_unique<ProfileTable[]>(3);  // zeroed, 126 KB
 };
 
-// Reads the profile plist at `path` into `profiles`. A missing file reads as
-// empty tables when `missing_is_empty` (before a user's first walk). Returns
-// an empty string, or what went wrong, naming the file `name` (default: its
-// path).
-std::string read_profiles(const std::string& path, Profiles& profiles, bool missing_is_empty,
-                          std::string name = {}) {
-    if (name.empty()) name = path;
-    // The store copies the path into a 255-byte buffer and stops the process
-    // when it does not fit: refuse such a path here instead.
-    if (path.size() >= TZ_PATH_BUFFER)
-        return "the path " + path + " is too long (at most " + std::to_string(TZ_PATH_BUFFER - 1) +
-               " bytes)";
+// Reads the bytes of the profile plist `file` ("-": standard input) into
+// `bytes`. A missing file leaves `bytes` empty when `missing_is_empty` (before
+// a user's first walk). Returns an empty string, or what went wrong, naming
+// the file `name`.
+std::string read_profile_bytes(const std::string& file, std::optional<std::string>& bytes, bool missing_is_empty,
+                               const std::string& name) {
+    bytes.reset();
+    if (file == "-") {
+        std::string content;
+        if (!read_input(file, content)) return "cannot read " + name;
+        bytes = std::move(content);
+        return {};
+    }
     struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
+    if (::stat(file.c_str(), &info) != 0) {
         if (errno == ENOENT && missing_is_empty) return {};
         return "cannot read " + name + ": " + std::strerror(errno);
     }
-    TZ_PLIST_PROFILE_PATH = path.c_str();
-    const int32_t read = TZPListReadProfile_All(&profiles.tables[0], &profiles.tables[1],
-                                                &profiles.tables[2]);
-    TZ_PLIST_PROFILE_PATH = nullptr;
-    return read == 0 ? std::string()
-                     : "cannot read " + name + " as a profile plist (a regular file of this user, not a link)";
+    bytes = tz::read_regular_file(file.c_str(), tz::plist::kMaxFileBytes, tz::Opening::own);
+    return bytes ? std::string() : not_a_profile_plist(name);
+}
+
+// The three tables `bytes` hold (none: empty tables).
+std::string parse_profiles(std::optional<std::string> bytes, Profiles& profiles, const std::string& name) {
+    if (!bytes) return {};
+    const int32_t read = tz::store::read_all(tz::plist::parse(std::move(*bytes)), profiles.tables[0],
+                                             profiles.tables[1], profiles.tables[2]);
+    return read == 0 ? std::string() : not_a_profile_plist(name);
 }
 
 std::string profile_path(const std::string& folder, const std::string& user, const std::string& model) {
@@ -595,8 +570,8 @@ int run_walk(const Global& global, const Command& command, const Args& args) {
     } else {
         path = profile_path(folder.reply, *args.user, *args.model);
     }
-    Profiles before, after;
-    if (problem.empty()) problem = read_profiles(path, before, true);
+    std::optional<std::string> before, after;  // the file's bytes
+    if (problem.empty()) problem = read_profile_bytes(path, before, true, path);
 
     Outcome outcome;
     if (::isatty(STDERR_FILENO)) {
@@ -611,11 +586,17 @@ int run_walk(const Global& global, const Command& command, const Args& args) {
         outcome = client->mib_walk(request);
     }
 
-    if (problem.empty()) problem = read_profiles(path, after, false);
-    if (!problem.empty()) return report(global, call, outcome, nullptr, problem);
+    if (problem.empty()) problem = read_profile_bytes(path, after, false, path);
+    // A walk that leaves the file's bytes as they were changed nothing: neither copy is parsed.
     Summary summary;
-    for (size_t c = 0; c < summary.size(); ++c)
-        summary[c] = tz::ctl::compare_profiles(before.tables[c], after.tables[c]);
+    if (problem.empty() && before != after) {
+        Profiles old_tables, new_tables;
+        problem = parse_profiles(std::move(before), old_tables, path);
+        if (problem.empty()) problem = parse_profiles(std::move(after), new_tables, path);
+        for (size_t c = 0; c < summary.size(); ++c)
+            summary[c] = tz::ctl::compare_profiles(old_tables.tables[c], new_tables.tables[c]);
+    }
+    if (!problem.empty()) return report(global, call, outcome, nullptr, problem);
     return report(global, call, outcome, &summary);
 }
 
@@ -657,7 +638,6 @@ int run_show(const Global& global, const Command& command, const Args& args) {
     if (!by_user && args.operands.empty()) return usage_error("show needs a FILE", command.name);
 
     std::string path;
-    std::optional<StdinFile> input;
     if (by_user) {
         const std::string none;
         const Call call{command, tz::bus::kPreferencesDirectoryProperty, none, none};
@@ -671,19 +651,15 @@ int run_show(const Global& global, const Command& command, const Args& args) {
             return verdict.status;
         }
         path = profile_path(folder.reply, *args.user, *args.model);
-    } else if (args.operands[0] == "-") {
-        input.emplace();
-        path = input->path();
-        if (path.empty()) {
-            std::fprintf(stderr, "tzhelperctl: cannot copy standard input to a temporary file\n");
-            return tz::ctl::kNo;
-        }
     } else {
         path = args.operands[0];
     }
 
+    std::optional<std::string> bytes;
     Profiles profiles;
-    const std::string problem = read_profiles(path, profiles, false, input ? "standard input" : "");
+    const std::string name = path == "-" ? "standard input" : path;
+    std::string problem = read_profile_bytes(path, bytes, false, name);
+    if (problem.empty()) problem = parse_profiles(std::move(bytes), profiles, name);
     if (!problem.empty()) {
         std::fprintf(stderr, "tzhelperctl: %s\n", problem.c_str());
         return tz::ctl::kNo;
@@ -692,7 +668,7 @@ int run_show(const Global& global, const Command& command, const Args& args) {
         json categories = json::object();
         for (size_t c = 0; c < 3; ++c)
             categories[tz::ctl::kCategoryNames[c]] = table_json(profiles.tables[c], args.all);
-        print_json({{"file", input ? std::string("-") : path}, {"categories", std::move(categories)}});
+        print_json({{"file", path}, {"categories", std::move(categories)}});
     } else {
         for (size_t c = 0; c < 3; ++c) print_table(tz::ctl::kCategoryNames[c], profiles.tables[c], args.all);
     }

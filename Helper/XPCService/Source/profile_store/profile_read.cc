@@ -90,7 +90,10 @@ int32_t read_one_category(ProfileTable& table, int32_t category, bool pap) {
 }  // namespace
 
 int32_t read_all(ProfileTable& rgb, ProfileTable& sim, ProfileTable& dst) {
-    const plist::DictRef root = read_current_profile();
+    return read_all(read_current_profile(), rgb, sim, dst);
+}
+
+int32_t read_all(const plist::DictRef& root, ProfileTable& rgb, ProfileTable& sim, ProfileTable& dst) {
     if (!root) return -1;
     const TZDictionary* categories[3] = {find_dict(*root, "RGB"), find_dict(*root, "SIM"),
                                          find_dict(*root, "DST")};

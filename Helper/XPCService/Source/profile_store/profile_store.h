@@ -24,6 +24,9 @@ bool remove_profile(int32_t selector);
 // ---- Reading (profile_read.cc)
 
 int32_t read_all(ProfileTable& rgb, ProfileTable& sim, ProfileTable& dst);
+// The same from a plist already parsed (plist::parse), for a reader that holds
+// the file's bytes.
+int32_t read_all(const plist::DictRef& root, ProfileTable& rgb, ProfileTable& sim, ProfileTable& dst);
 void check_with_in_menu(ProfileTable& table);
 int32_t read_category(ProfileTable& table, int32_t category);
 int32_t read_category_pap(ProfileTable& table, int32_t category);
