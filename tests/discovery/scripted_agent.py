@@ -2,7 +2,7 @@
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
 "answers": {oid: {"oid", "value"} (no value: endOfMibView) or {"error": N}, "times": N optional} for GETNEXTs of oid,
 "silent_from": oid, "drop_every": K, "delay_every": [K, MS], "dump": [FILE, PORT] (serves, instead of the table, the
-MIB-2 tree in FILE, walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests, prints
+MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests, prints
 its port, serves until stdout closes."""
 import bisect, heapq, json, os, select, socket, sys, time
 
@@ -25,6 +25,9 @@ def dumped(path, port):  # [(oid, value)] of the MIB-2 tree, once walked into pa
         v1.apiMessage.setPDU(message, pdu), agent.sendto(encoder.encode(message), ("127.0.0.1", port))
         answer = v1.apiMessage.getPDU(decoder.decode(agent.recv(65535), asn1Spec=v1.Message())[0])
         name, value = v1.apiPDU.getVarBinds(answer)[0] if not v1.apiPDU.getErrorStatus(answer) else ((), None)
+        if tuple(name[:7]) == (1, 3, 6, 1, 2, 1, 25):  # host resources: thousands of rows of installed software
+            name = (1, 3, 6, 1, 2, 1, 26)
+            continue
         if tuple(name[:6]) != (1, 3, 6, 1, 2, 1):
             with open(path + ".part", "w") as out:
                 out.writelines("%s\t%s\t%s\n" % (o, type(v).__name__, int(v) if isinstance(v, univ.Integer) else

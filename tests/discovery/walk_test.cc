@@ -78,10 +78,10 @@ std::vector<Case> cases() {
          R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", "-v1 -c public" + forever, kT, 1, 42, "", 42},
         {"no answer to the GET of -C i, -t 86400 -r 5: the stop hook ends it", {}, R"("rows": 12, "silent_from": "1")",
          "-Ci -v1 -c public" + forever, kT, 1, 0, "", 0},
-        {"every third answer late, overtaken", {}, R"("rows": 12, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0",
-         kT, 0, 72},
-        {"every second request dropped", {}, R"("rows": 12, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT, 0, 72},
-        {"every answer 20 ms late", {}, R"("rows": 12, "delay_every": [1, 20])", kV1, kT, 0, 72, "", -1,
+        {"every third answer late, overtaken", {}, R"("rows": 4, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0",
+         kT, 0, 24},
+        {"every second request dropped", {}, R"("rows": 3, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT, 0, 18},
+        {"every answer 20 ms late", {}, R"("rows": 4, "delay_every": [1, 20])", kV1, kT, 0, 24, "", -1,
          TZ_WALK_DEFAULT_VARIABLES, true},
     };
 }
