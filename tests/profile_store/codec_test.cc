@@ -161,7 +161,8 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
     };
     const std::pair<std::string, const char*> files[] = {  // widths 1 to 8; a table in the header or far past the end
         {one(1, 8), R"({"a": 5})"}, {one(8, 1), R"({"a": 5})"}, {one(9, 8), "refused"}, {one(8, 9), "refused"},
-        {one(0, 1), "refused"}, {one(1, 0), "refused"}, {one(4, 4, 7), "refused"}, {one(4, 4, 1ull << 40), "refused"}};
+        {one(0, 1), "refused"}, {one(1, 0), "refused"}, {one(4, 4, 7), "refused"}, {one(4, 4, 1ull << 40), "refused"},
+        {bplist({"\xA0"}), "refused"}};  // the root an array
     for (const auto& [bytes, read] : files) EXPECT_EQ(json_of(bytes), read) << ::testing::PrintToString(bytes);
 
     EXPECT_TRUE(plist::parse(xml_dicts(63)) && !plist::parse(xml_dicts(64)) && !plist::parse(xml_dicts(100000)));

@@ -164,7 +164,9 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     EXPECT_EQ(writeDictionaryToPlistFile_XPC(url.c_str(), bytes.data(), bytes.size()), 1);
     EXPECT_EQ(read_file(dir.file("t")), bytes);
     EXPECT_EQ(writeDictionaryToPlistFile_XPC((url + " x").c_str(), "x", 1), 0);
-    EXPECT_EQ(writeDictionaryToPlistFile_XPC(nullptr, "x", 1), 0);
+    EXPECT_EQ(writeDictionaryToPlistFile_XPC(nullptr, "x", 1) + writeDictionaryToPlistFile_XPC(url.c_str(), nullptr, 1),
+              0);
+    EXPECT_TRUE(writeDictionaryToPlistFile_XPC(url.c_str(), nullptr, 0) == 1 && read_file(dir.file("t")).empty());
     // The probe sets the umask for good.
     ::umask(022);
     run(kProbe, dir.file("t"));

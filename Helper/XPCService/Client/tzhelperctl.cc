@@ -7,7 +7,6 @@
 // exit status says the same to a script (exit_status.h). After a walk the
 // tool compares the user's profile plist before and after it and prints
 // what changed (walk_summary.h).
-#include <fcntl.h>
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
