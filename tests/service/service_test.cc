@@ -159,6 +159,10 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
         EXPECT_EQ(run(kPiece, at_folder(W("t", "x"), dir)), "FALSE");
         EXPECT_EQ(fs::file_size(dir.file("t.dummy")), size);
     }
+    EXPECT_EQ(run(kPiece, at_folder(W("t", ""), dir)), "TRUE");  // at the limit an empty piece still goes on
+    fs::resize_file(dir.file("t.dummy"), plist::kMaxFileBytes - 1);
+    EXPECT_EQ(run(kPiece, at_folder(W("t", "x"), dir)), "TRUE");  // and a byte up to it
+    EXPECT_EQ(fs::file_size(dir.file("t.dummy")), plist::kMaxFileBytes);
     // The exported function writes any bytes.
     const std::string bytes("bin\0\xff", 5), url = "file://" + dir.file("t");
     EXPECT_EQ(writeDictionaryToPlistFile_XPC(url.c_str(), bytes.data(), bytes.size()), 1);
