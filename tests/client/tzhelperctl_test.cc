@@ -1,5 +1,5 @@
-// tzhelperctl against a real tzhelperd on a private bus (exit status, stderr line and JSON of each outcome, help, a
-// walk's summary, show through the helper's preferences folder), and the summary's comparison of tables.
+// tzhelperctl against a real tzhelperd on a private bus (exit status, stderr line and JSON of each outcome, a walk's
+// summary, show through the helper's preferences folder), and the summary's comparison of tables.
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -111,19 +111,6 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
         }
     }
     EXPECT_EQ(tz::test::read_file(prefs + "w.plist"), "<plist/>");
-}
-
-TEST(Tzhelperctl, EveryCommandHasItsOwnHelp) {
-    for (const std::string command : {"is-admin", "swap", "exist", "remove", "write-plist", "write-piece",
-                                      "finish-piece", "walk", "raw", "show"}) {
-        const auto got = run_command({kCtl, command, "--help"});
-        EXPECT_EQ(got.status, 0) << got.err;
-        EXPECT_EQ(got.out.rfind("Usage: tzhelperctl [OPTIONS] " + command + " ", 0), 0u) << got.out;
-        EXPECT_NE(got.out.find("\nExample:\n  "), std::string::npos) << got.out;
-    }
-    const std::string last_two = ",\n           writeDataToPlistFileRename_XPC or mibwalk_XPC";
-    EXPECT_NE(run_command({kCtl, "raw", "--help"}).out.find(last_two), std::string::npos);
-    EXPECT_EQ(run_command({kCtl, "--version"}).out, "tzhelperctl " TZ_VERSION "\n");
 }
 
 TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {

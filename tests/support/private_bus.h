@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -15,26 +14,7 @@
 #include "helper_client.h"
 #include "temp_dir.h"
 
-extern char** environ;
-
 namespace tz::test {
-
-// Starts `argv` (PATH lookup), stdin /dev/null, stdout/stderr to files `out`/`err` ("" keeps ours), `fd3` as fd 3.
-inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err, int fd3 = -1) {
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (!out.empty()) posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (!err.empty()) posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
 
 struct CommandResult {
     int status = -1;  // exit status, or -1 when it did not exit normally

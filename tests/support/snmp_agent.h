@@ -2,10 +2,8 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -75,22 +73,6 @@ inline std::vector<std::string> switch_table() {
     return lines;
 }
 
-// Runs `argv` with `env`, standard streams on /dev/null; the child's pid or -1.
-inline pid_t spawn_quiet(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-    std::vector<char*> args, vars;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    for (const auto& v : env) vars.push_back(const_cast<char*>(v.c_str()));
-    args.push_back(nullptr), vars.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY, 0);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), vars.data());
-    posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? pid : -1;
-}
-
 // A UDP port on 127.0.0.1 that was free a moment ago.
 inline uint16_t free_udp_port() {
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -128,13 +110,13 @@ private:
     // Leaves pid_ at -1 when snmpd exits (port taken) or does not answer 150 GETs of 0.2 s.
     void start(uint16_t port) {
         port_ = port;
-        const pid_t pid = spawn_quiet({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf",
-                                       dir_.file("snmpd.log"), "udp:" + peer()},
-                                      environment(dir_.path().string(), dir_.file("persist")));
+        const pid_t pid = spawn({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf",
+                                 dir_.file("snmpd.log"), "udp:" + peer()},
+                                "/dev/null", "/dev/null", -1, environment(dir_.path().string(), dir_.file("persist")));
         for (int i = 0; pid > 0 && i < 150; ++i) {
             if (::waitpid(pid, nullptr, WNOHANG) == pid) return;  // it gave up
-            const pid_t get = spawn_quiet({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", peer(),
-                                           "1.3.6.1.2.1.1.1.0"}, client_environment());
+            const pid_t get = spawn({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", peer(),
+                                     "1.3.6.1.2.1.1.1.0"}, "/dev/null", "/dev/null", -1, client_environment());
             int status = 0;
             if (get > 0 && ::waitpid(get, &status, 0) == get && WIFEXITED(status) && WEXITSTATUS(status) == 0)
                 return void(pid_ = pid);

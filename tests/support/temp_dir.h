@@ -1,5 +1,9 @@
-// A temporary folder for one test, removed with everything in it at the end, and whole-file reads and writes.
+// A temporary folder for one test, removed with everything in it at the end, whole-file reads and writes, and
+// child processes.
 #pragma once
+
+#include <fcntl.h>
+#include <spawn.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -7,6 +11,9 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+extern char** environ;
 
 namespace tz::test {
 
@@ -45,6 +52,26 @@ inline std::string read_file(const std::string& path) {
 inline bool exists(const std::string& path) {
     std::error_code ignored;
     return std::filesystem::symlink_status(path, ignored).type() != std::filesystem::file_type::not_found;
+}
+
+// Starts `argv` (PATH lookup) with `env` (none given: ours), stdin /dev/null, stdout/stderr to files `out`/`err`
+// ("" keeps ours), `fd3` as fd 3; the child's pid or -1.
+inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err, int fd3 = -1,
+                   const std::vector<std::string>& env = {}) {
+    std::vector<char*> args, vars;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& v : env) vars.push_back(const_cast<char*>(v.c_str()));
+    args.push_back(nullptr), vars.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    if (!out.empty()) posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!err.empty()) posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), env.empty() ? environ : vars.data()) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
 }
 
 }  // namespace tz::test
