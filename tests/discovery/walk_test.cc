@@ -1,6 +1,6 @@
 // The walk against snmpd and the scripted agent: one request at a time and with requests in flight
 // (the default window, and 8 guessed even where the pace would not) each agent must leave the same behind, byte
-// for byte.
+// for byte; and what the name predictor makes of a table's first column.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,9 +10,13 @@
 
 #include "discovery_support.h"
 #include "stderr_capture.h"
+#include "walk_pipeline.h"
 
 namespace tz::test {
 namespace {
+
+using discovery::Name;
+using discovery::NamePredictor;
 
 const int32_t kDefaultWindow = TZGetWalkWindow();
 const std::string& kT = kProfileTable;
@@ -172,6 +176,36 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     const auto requests = agent.requests();
     ASSERT_EQ(requests.size(), 8u);  // the GET, six variables, the end
     EXPECT_EQ(std::tie(requests[0], requests[2]), std::tuple("get " + kT, "getnext " + cell(1, 1)));
+}
+
+// Once the first column has shown rows 1, 5 and 9, the rest of the table is named exactly, and past the last known
+// column only a guess along a run is offered.
+TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
+    const auto name = [](const std::string& dotted) {
+        Name n;
+        for (std::istringstream in(dotted); n.size() < MAX_OID_LEN && in >> n.emplace_back(); in.ignore(1)) {}
+        return n.pop_back(), n;
+    };
+    NamePredictor predictor(name(kT));
+    Name asked = name(kT);
+    for (const std::string& next : {cell(1, 1), cell(1, 5), cell(1, 9), cell(2, 1)}) {
+        predictor.passed(asked);
+        netsnmp_pdu* answer = snmp_pdu_create(SNMP_MSG_RESPONSE);
+        answer->errstat = SNMP_ERR_NOERROR;
+        snmp_add_null_var(answer, name(next).data(), name(next).size());
+        predictor.learn(asked, answer);
+        snmp_free_pdu(answer);
+        asked = name(next);
+    }
+    predictor.passed(asked);
+    const auto after = [&](int column, int row, bool runs) {
+        const auto next = predictor.after(name(cell(column, row)), runs);
+        return next ? std::pair(next->name, next->known) : std::pair(Name(), false);
+    };
+    EXPECT_EQ(after(2, 1, false), std::pair(name(cell(2, 5)), true));
+    EXPECT_EQ(after(2, 5, true), std::pair(name(cell(2, 9)), true));
+    EXPECT_EQ(after(2, 9, false), std::pair(Name(), false));
+    EXPECT_EQ(after(2, 9, true), std::pair(name(cell(3, 1)), false));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
