@@ -113,6 +113,11 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
     EXPECT_EQ(tz::test::read_file(prefs + "w.plist"), "<plist/>");
 }
 
+TEST(Tzhelperctl, RawHelpListsTheMethodsTwoALineTheLastAfterOr) {
+    const std::string last_two = ",\n           writeDataToPlistFileRename_XPC or mibwalk_XPC\n";
+    EXPECT_NE(run_command({kCtl, "raw", "--help"}).out.find(last_two), std::string::npos);
+}
+
 TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
     PrivateBus bus;
     const auto run = [&](int rows, Args args) {
