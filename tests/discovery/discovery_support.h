@@ -14,14 +14,20 @@
 
 namespace tz::test {
 
+// The sub-identifiers of `dotted` (parsed here: the library's parser needs the library started).
+inline std::vector<oid> oid_of(const std::string& dotted) {
+    std::vector<oid> name;
+    for (std::istringstream in(dotted); name.size() < MAX_OID_LEN && in >> name.emplace_back(); in.ignore(1)) {}
+    name.pop_back();  // the failed read past the end
+    return name;
+}
+
 // Hands one variable named `dotted` to the spool as the walk does (its name cut to `cut` if given).
 inline void spool(const std::string& dotted, u_char type, const void* value, size_t length, size_t cut = 0) {
-    oid name[MAX_OID_LEN];
-    size_t n = 0;  // parsed here: the library's parser needs the library started
-    for (std::istringstream in(dotted); n < MAX_OID_LEN && in >> name[n]; ++n) in.ignore(1);
+    std::vector<oid> name = oid_of(dotted);
     netsnmp_variable_list* var = nullptr;
-    snmp_varlist_add_variable(&var, name, cut ? cut : n, type, value, length);
-    vSpoolPlist(name, 0, var, 0);
+    snmp_varlist_add_variable(&var, name.data(), cut ? cut : name.size(), type, value, length);
+    vSpoolPlist(name.data(), 0, var, 0);
     snmp_free_varbind(var);
 }
 inline void spool_int(const std::string& name, long value,

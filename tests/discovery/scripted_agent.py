@@ -2,8 +2,8 @@
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
 "answers": {oid: {"oid", "value"} (no value: endOfMibView) or {"error": N}, "times": N optional} for GETNEXTs of oid,
 "silent_from": oid, "drop_every": K, "delay_every": [K, MS], "dump": [FILE, PORT] (serves, instead of the table, the
-MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests, prints
-its port, serves until stdout closes."""
+MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not
+exist). Logs requests, prints its port, serves until stdout closes."""
 import bisect, heapq, json, os, select, socket, sys, time
 
 from pyasn1.codec.ber import decoder, encoder

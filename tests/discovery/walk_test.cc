@@ -181,31 +181,27 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
 // Once the first column has shown rows 1, 5 and 9, the rest of the table is named exactly, and past the last known
 // column only a guess along a run is offered.
 TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
-    const auto name = [](const std::string& dotted) {
-        Name n;
-        for (std::istringstream in(dotted); n.size() < MAX_OID_LEN && in >> n.emplace_back(); in.ignore(1)) {}
-        return n.pop_back(), n;
-    };
-    NamePredictor predictor(name(kT));
-    Name asked = name(kT);
-    for (const std::string& next : {cell(1, 1), cell(1, 5), cell(1, 9), cell(2, 1)}) {
+    NamePredictor predictor(oid_of(kT));
+    Name asked = oid_of(kT);
+    for (const std::string& dotted : {cell(1, 1), cell(1, 5), cell(1, 9), cell(2, 1)}) {
+        const Name next = oid_of(dotted);
         predictor.passed(asked);
         netsnmp_pdu* answer = snmp_pdu_create(SNMP_MSG_RESPONSE);
         answer->errstat = SNMP_ERR_NOERROR;
-        snmp_add_null_var(answer, name(next).data(), name(next).size());
+        snmp_add_null_var(answer, next.data(), next.size());
         predictor.learn(asked, answer);
         snmp_free_pdu(answer);
-        asked = name(next);
+        asked = next;
     }
     predictor.passed(asked);
     const auto after = [&](int column, int row, bool runs) {
-        const auto next = predictor.after(name(cell(column, row)), runs);
+        const auto next = predictor.after(oid_of(cell(column, row)), runs);
         return next ? std::pair(next->name, next->known) : std::pair(Name(), false);
     };
-    EXPECT_EQ(after(2, 1, false), std::pair(name(cell(2, 5)), true));
-    EXPECT_EQ(after(2, 5, true), std::pair(name(cell(2, 9)), true));
+    EXPECT_EQ(after(2, 1, false), std::pair(oid_of(cell(2, 5)), true));
+    EXPECT_EQ(after(2, 5, true), std::pair(oid_of(cell(2, 9)), true));
     EXPECT_EQ(after(2, 9, false), std::pair(Name(), false));
-    EXPECT_EQ(after(2, 9, true), std::pair(name(cell(3, 1)), false));
+    EXPECT_EQ(after(2, 9, true), std::pair(oid_of(cell(3, 1)), false));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
