@@ -7,8 +7,8 @@
 #include "as_unprivileged.h"
 #include "methods.h"
 #include "private_bus.h"
+#include "scripted_agent.h"
 #include "snmp_agent.h"
-#include "udp_relay.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ using tz::test::connect;
 using tz::test::PrivateBus;
 using tz::test::reply_of;
 using tz::test::run_command;
-using tz::test::UdpRelay;
+using tz::test::ScriptedAgent;
 
 std::string walk_of(const std::string& model, const std::string& user, const std::string& peer) {
     return tz::client::walk_request(
@@ -150,14 +150,11 @@ TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
 // alternates: a walker would hear the other's final count before its own), never a count of 0, the final count last.
 TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServed) {
     tz::test::PrivateBus bus(30);
-    std::vector<std::string> second_table;  // differs from printer_table's in every column
-    for (int r = 1; r <= 14; ++r)
-        for (auto& line : tz::test::printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3))
-            second_table.push_back(line);
-    tz::test::SnmpAgent first_printer(tz::test::printer_table(9)), second_printer(second_table);
-    UdpRelay relays[2] = {UdpRelay(first_printer.port()), UdpRelay(second_printer.port())};
+    const ScriptedAgent printers[2] = {ScriptedAgent(R"("rows": 9)"),
+                                       ScriptedAgent(R"("rows": 14, "file": "D%d.ICM")")};
     std::unique_ptr<tz::client::HelperClient> walkers[2] = {connect(bus), connect(bus)}, other = connect(bus);
-    const std::string walks[2] = {walk_of("T48Q", "alice", relays[0].peer()), walk_of("T49X", "bob", relays[1].peer())};
+    const std::string walks[2] = {walk_of("T48Q", "alice", printers[0].peer()),
+                                  walk_of("T49X", "bob", printers[1].peer())};
     const std::string files[2] = {bus.prefs() + "alice-T48Q-profile.plist", bus.prefs() + "bob-T49X-profile.plist"};
     const uint32_t variables[2] = {9 * 6, 14 * 6};
     const auto clear =
@@ -172,7 +169,9 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     for (int round = 0; round < 10; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         clear();
-        for (UdpRelay& relay : relays) relay.hold(true);
+        for (const ScriptedAgent& printer : printers) printer.hold(true);
+        const int first = round % 2;
+        const std::size_t asked[2] = {printers[0].requests().size(), printers[1].requests().size()};
         std::vector<uint32_t> counts[2];
         std::future<tz::client::Outcome> outcomes[2];
         const auto start = [&](int i) {
@@ -180,15 +179,14 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
                 return walkers[i]->mib_walk(walks[i], [&, i](uint32_t n) { counts[i].push_back(n); });
             });
         };
-        const int first = round % 2;
         start(first);
-        ASSERT_EQ(UdpRelay::first_asked({&relays[first]}), 0) << "the first walk never reached its printer";
+        ASSERT_TRUE(printers[first].wait_for_requests(asked[first] + 1)) << "the first walk never reached it";
         start(1 - first);
         for (int call = 0; call < 2; ++call) EXPECT_EQ(reply_of(other->exist(bus.prefs())), "TRUE");
-        EXPECT_EQ(relays[1 - first].requests(), 0u) << "the second walk began while the first ran";
+        EXPECT_EQ(printers[1 - first].requests().size(), asked[1 - first]) << "the second walk began too soon";
         for (auto& outcome : outcomes)
             EXPECT_EQ(outcome.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-        for (UdpRelay& relay : relays) relay.hold(false);
+        for (const ScriptedAgent& printer : printers) printer.hold(false);
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
             EXPECT_TRUE(tz::test::read_file(files[i]) == alone[i]) << files[i] << " differs from a lone walk's";
@@ -203,15 +201,13 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
 // stops the service's; a running walk's caller keeps at most 64 MiB of requests behind it.
 TEST(WalkTurns, ACallerThatLeavesDropsItsWaitingWalkAndStopsItsRunningOneAsSigtermDoes) {
     tz::test::PrivateBus bus(30);
-    tz::test::SnmpAgent printer(tz::test::printer_table(3));
-    UdpRelay relay(printer.port());  // held: a silent agent
+    const ScriptedAgent printer(R"("rows": 3)"), silent(R"("silent_from": "1")");
     auto first = connect(bus), other = connect(bus), leaver = connect(bus);
     const auto silent_walk = [&](const std::string& user) { return tz::client::walk_request("T48Q", user,
-        {"snmpwalk", "-v", "1", "-c", "public", "-t", "86400", "-r", "0", relay.peer(), tz::test::kProfileTable}); };
-    relay.hold(true);
+        {"snmpwalk", "-v", "1", "-c", "public", "-t", "86400", "-r", "0", silent.peer(), tz::test::kProfileTable}); };
     first->set_walk_timeout(std::chrono::milliseconds(1));
     EXPECT_FALSE(first->mib_walk(silent_walk("alice")).ok());
-    ASSERT_EQ(UdpRelay::first_asked({&relay}), 0);
+    ASSERT_TRUE(silent.wait_for_requests(1));
     const std::string big(30u << 20, '/');  // two kept behind the walk, the third past the limit
     first->set_timeout(std::chrono::milliseconds(1));
     for (int i = 0; i < 2; ++i) EXPECT_FALSE(first->exist(big).ok());
@@ -222,7 +218,7 @@ TEST(WalkTurns, ACallerThatLeavesDropsItsWaitingWalkAndStopsItsRunningOneAsSigte
     const std::string name = leaver->unique_name();
     ASSERT_EQ(reply_of(leaver->exist("/")), "TRUE");
     leaver->set_walk_timeout(std::chrono::milliseconds(1));
-    EXPECT_FALSE(leaver->mib_walk(walk_of("T48Q", "leaver", relay.peer())).ok());
+    EXPECT_FALSE(leaver->mib_walk(walk_of("T48Q", "leaver", silent.peer())).ok());
     ASSERT_EQ(reply_of(leaver->version()), TZ_VERSION);
     leaver.reset();
     // Once the bus has dropped the name, the service gets the departure before any later call.
@@ -232,16 +228,17 @@ TEST(WalkTurns, ACallerThatLeavesDropsItsWaitingWalkAndStopsItsRunningOneAsSigte
         daemon->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name).storeResultsTo(has);
     EXPECT_EQ(reply_of(other->exist("/")), "TRUE");
 
-    // The first walk could not end (its agent is silent for a day) if it went on; the leaver's would run next.
+    // The first walk could not end (its agent is silent) if it went on; the leaver's would run next.
     first.reset();
     EXPECT_EQ(reply_of(other->mib_walk(walk_of("T48Q", "bob", printer.peer()))), "iRet=0");
     for (const auto& [user, walked] : {std::pair{"alice", true}, {"bob", true}, {"leaver", false}})
         EXPECT_EQ(tz::test::exists(bus.prefs() + user + "-T48Q-profile.plist"), walked) << user;
 
-    relay.hold(true);  // SIGTERM during such a walk: the service ends, the file is there
+    // SIGTERM during such a walk: the service ends, the file is there.
+    const std::size_t asked = silent.requests().size();
     other->set_walk_timeout(std::chrono::milliseconds(1));
     EXPECT_FALSE(other->mib_walk(silent_walk("carol")).ok());
-    ASSERT_EQ(UdpRelay::first_asked({&relay}), 0);
+    ASSERT_TRUE(silent.wait_for_requests(asked + 1));
     const pid_t service = bus.service_pid();
     ASSERT_EQ(::kill(service, SIGTERM), 0);
     EXPECT_TRUE(tz::test::wait_for_exit(service, std::chrono::seconds(60)));

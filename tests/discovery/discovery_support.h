@@ -1,14 +1,13 @@
-// Discovery test helpers: variables handed to the spool, walks with arguments, the scripted agent.
+// Discovery test helpers: variables handed to the spool, walks with arguments.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 #include "profile_tables.h"
+#include "scripted_agent.h"
 #include "snmp_agent.h"
 #include "tz_discovery.h"
 
@@ -53,31 +52,5 @@ inline int32_t walk(std::vector<std::string> arguments) {  // argv[0] "snmpwalk"
 inline std::vector<std::string> v1(const std::string& peer, const std::string& root = kProfileTable) {  // fast failing
     return {"-v1", "-c", "public", "-t", "0.2", "-r", "0", peer, root};
 }
-
-// scripted_agent.py (the members of its JSON script given) in a child process, and its requests.
-class ScriptedAgent {
-public:
-    explicit ScriptedAgent(const std::string& script)
-        : out_(::popen(("exec /usr/bin/python3 " TZ_SCRIPTED_AGENT " " + log_ + " '{" + script + "}'").c_str(), "r")) {
-        char port[16] = {};
-        if (out_ == nullptr || std::fgets(port, sizeof port, out_) == nullptr) throw std::runtime_error("no agent");
-        peer_ = "127.0.0.1:" + std::to_string(std::atoi(port));
-    }
-    ~ScriptedAgent() { ::pclose(out_); }  // closing the pipe ends the agent
-    ScriptedAgent(const ScriptedAgent&) = delete;
-    const std::string& peer() const { return peer_; }
-    std::vector<std::string> requests() const {  // "<get|getnext> <oid>" each
-        std::vector<std::string> lines;
-        std::istringstream in(exists(log_) ? read_file(log_) : std::string());
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
-    }
-
-private:
-    TempDir dir_;
-    const std::string log_ = dir_.file("log");
-    std::FILE* out_;
-    std::string peer_;
-};
 
 }  // namespace tz::test

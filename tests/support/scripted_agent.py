@@ -1,9 +1,10 @@
 #!/usr/bin/python3
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
-"answers": {oid: {"oid", "value"} (no value: endOfMibView) or {"error": N}, "times": N optional} for GETNEXTs of oid,
-"silent_from": oid, "drop_every": K, "delay_every": [K, MS], "dump": [FILE, PORT] (serves, instead of the table, the
-MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not
-exist). Logs requests, prints its port, serves until stdout closes."""
+"file": the file name's format ("PRF%05d.ICC"), "answers": {oid: {"oid", "value"} (no value: endOfMibView) or
+{"error": N}, "times": N optional} for GETNEXTs of oid, "silent_from": oid, "silent_after": N answers, "drop_every": K,
+"delay_every": [K, MS], "hold": FILE (while it exists, answers wait, in order), "dump": [FILE, PORT] (serves, instead
+of the table, the MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if
+FILE does not exist). Logs requests, prints its port, serves until stdout closes."""
 import bisect, heapq, json, os, select, socket, sys, time
 
 from pyasn1.codec.ber import decoder, encoder
@@ -36,16 +37,19 @@ def dumped(path, port):  # [(oid, value)] of the MIB-2 tree, once walked into pa
         found.append((name, value))
     rows = [line.rstrip("\n").split("\t") for line in open(path)]
     return [(key(o), getattr(v1, kind)(int(text) if kind in ("Integer", "Counter", "Gauge", "TimeTicks") else text
-                                        if kind == "ObjectIdentifier" else bytes.fromhex(text))) for o, kind, text in rows]
+                                        if kind == "ObjectIdentifier" else bytes.fromhex(text)))
+            for o, kind, text in rows]
 
 
 log, script = open(sys.argv[1], "a", buffering=1), json.loads(sys.argv[2])
 table = dumped(*script["dump"]) if "dump" in script else sorted(
     (key("%s.%d.1.%d" % (TABLE, c, r)), v) for r in range(1, script.get("rows", 0) + 1) for c, v in
-    ((1, r), (2, 4 + r % 2), (3, "Profile %d" % r), (4, "PRF%05d.ICC" % r), (5, (r - 1) % 3 + 1), (7, 1)))
+    ((1, r), (2, 4 + r % 2), (3, "Profile %d" % r), (4, script.get("file", "PRF%05d.ICC") % r), (5, (r - 1) % 3 + 1),
+     (7, 1)))
 names = [o for o, v in table]
 answers = {key(k): v for k, v in script.get("answers", {}).items()}
 silent_from, drop_every = key(script.get("silent_from", "9")), script.get("drop_every", 0)
+silent_after, hold = script.get("silent_after", float("inf")), script.get("hold", "/nonexistent")
 delay_every, delay_ms = script.get("delay_every", [0, 0])
 sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 sock.bind(("127.0.0.1", 0))
@@ -53,12 +57,13 @@ print(sock.getsockname()[1], flush=True)
 poller = select.poll()
 poller.register(sock, select.POLLIN)
 poller.register(sys.stdout, 0)  # POLLERR once the reader is gone
-late, used, count = [], {}, 0  # late: (due, count, packet, peer)
+late, used, count, answered = [], {}, 0, 0  # late: (due, count, packet, peer)
 while True:
-    events = dict(poller.poll(max(0.0, late[0][0] - time.monotonic()) * 1000 if late else None))
+    held = late and os.path.exists(hold)  # looked at again every 5 ms
+    events = dict(poller.poll(5 if held else max(0.0, late[0][0] - time.monotonic()) * 1000 if late else None))
     if events.get(sys.stdout.fileno()):
         break
-    while late and late[0][0] <= time.monotonic():
+    while late and late[0][0] <= time.monotonic() and not held:
         sock.sendto(*heapq.heappop(late)[2:])
     if not events.get(sock.fileno()):
         continue
@@ -72,7 +77,7 @@ while True:
     name = binds[0][0].prettyPrint()
     log.write("%s %s\n" % (kind, name))
     asked, count = key(name), count + 1
-    if (drop_every and count % drop_every == 0) or asked >= silent_from:
+    if (drop_every and count % drop_every == 0) or asked >= silent_from or answered >= silent_after:
         continue
     step = answers.get(asked) if kind == "getnext" else None
     if step is not None:
@@ -97,4 +102,5 @@ while True:
         module.apiPDU.setVarBinds(rpdu, [(rfc1902.ObjectName(step["oid"]), value)])
     delay = delay_ms / 1000.0 if delay_every and count % delay_every == 0 else 0.0
     heapq.heappush(late, (time.monotonic() + delay, count, encoder.encode(response), peer))  # sent at once if due
+    answered += 1
 
