@@ -1,4 +1,4 @@
-// An agent or the service dying in a walk, an unwritable or full disk, outsized, marker-only and non-UTF-8 requests.
+// An agent or the service dying in a walk, an unwritable or full disk, outsized and marker-only requests.
 #include <sys/resource.h>
 
 #include <fstream>
@@ -176,24 +176,6 @@ TEST(RequestFaults, TenMegabyteRequestsAreAnsweredInBoundedMemory) {
     EXPECT_EQ(reply_of(client->mib_walk(markers)), "iRet=-1");
     EXPECT_LT(peak_kib() - baseline, 5 * static_cast<long>(kBig >> 10)) << "from " << baseline << " KiB";
     EXPECT_EQ(bus.service_pid(), service);
-}
-
-TEST(RequestFaults, BytesThatAreNotUtf8AreRefusedWithoutTouchingAnything) {
-    tz::test::TempDir dir;
-    const tz::Service service(dir.prefix());
-    const std::string odd = dir.file("bad\xff.plist");  // (a URL with such a byte is no URL: the writes refuse it)
-    tz::test::write_file(odd, "kept");
-    const std::tuple<tz::test::Operation, std::string, std::string> rows[] = {
-        {&S::tzPListExistProfile_XPC, odd, "FALSE"},
-        {&S::tzPListRemove_XPC, odd, "FALSE"},
-        {&S::writeDictionaryToPlistFile_XPC, write_request(file_url(dir.file("t")), "\xc3"), "FALSE"},
-        // A user name without a UTF-8 form prints as "(null)", as a missing one does.
-        {&S::mibwalk_XPC, "T48Q:ModelName:END\xfe:USErName:ENDsnmpwalk:arg:", "iRet=-1"},
-    };
-    for (const auto& [op, request, reply] : rows) EXPECT_EQ(call(op, request, service), reply) << request;
-    EXPECT_EQ(tz::test::read_file(odd), "kept");
-    EXPECT_FALSE(tz::test::exists(dir.file("t")));
-    EXPECT_TRUE(tz::test::exists(dir.file("(null)-T48Q-profile.plist")));
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "folder_text.h"
 #include "plist_codec.h"
 #include "request.h"
+#include "scripted_agent.h"
 #include "service_call.h"
 #include "snmp_agent.h"
 #include "stderr_capture.h"
@@ -56,6 +57,8 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"probe of a folder", "d/", kProbe, "@d", "FALSE", "d/"},
         {"probe never creates folders", "", kProbe, "@no/x", "FALSE", ""},
         {"probe of a path without UTF-8 form", "", kProbe, "@bad\xff", "FALSE", ""},
+        {"exist of a path without UTF-8 form", "bad\xff=kept", kExist, "@bad\xff", "FALSE", "bad\xff=kept"},
+        {"remove of a path without UTF-8 form", "bad\xff=kept", kRemove, "@bad\xff", "FALSE", "bad\xff=kept"},
         {"probe of a read-only file", "f(444)=ro", kProbe, "@f", "FALSE", "f(444)=ro", true},
         {"exist of a read-only file", "f(444)=ro", kExist, "@f", "TRUE", "f(444)=ro", true},
         {"remove a full folder", "d/;d/f=x", kRemove, "@d", "FALSE", "d/;d/f=x"},
@@ -74,6 +77,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"write drops a trailing slash", "", kPlist, W("t.plist/", "x"), "TRUE", "t.plist=x"},
         {"write into a missing folder", "", kPlist, W("no/a", "x"), "FALSE", ""},
         {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
+        {"write of a text without UTF-8 form", "", kPlist, W("t", "\xc3"), "FALSE", ""},
         {"write without its marker", "t=kept", kPlist, "file://@t<plist/>", range, "t=kept"},
         {"an empty piece starts the file", "", kPiece, W("t", ""), "TRUE", "t.dummy="},
         {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
@@ -182,13 +186,10 @@ std::string walk(const Service& service, const std::string& user, const std::vec
 }
 
 // As two dialogs on macOS would, each call on a service object of its own: two threads walk two printers whose tables
-// differ in every column, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the
+// differ, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the
 // most a walk takes; the folder's name is not a format.
 TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirPathsLiterally) {
-    std::vector<std::string> second;
-    for (int r = 1; r <= 14; ++r)
-        for (auto& line : printer_row(r, 5, "DST" + std::to_string(r) + ".ICM", 3)) second.push_back(line);
-    const SnmpAgent printers[2] = {SnmpAgent(printer_table(9)), SnmpAgent(second)};
+    const ScriptedAgent printers[2] = {ScriptedAgent(R"("rows": 9)"), ScriptedAgent(R"("rows": 14, "file": "D%d.ICM")")};
     const TempDir parent;
     const std::string folder = parent.file("100%s%n%d") + "/", users[2] = {"alice", "bob"};
     fs::create_directory(folder);
@@ -258,10 +259,13 @@ TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeIts
     }
 }
 
-TEST(WalkRequestDeathTest, PathsEndTheProcessWhenTooLong) {
-    // The spool path, 6 longer than the current one, must fit in 255 bytes.
+// The user name makes the file names: one without a UTF-8 form prints as "(null)", as a missing one does; one that
+// makes the spool path (6 longer than the current one) longer than 255 bytes ends the process.
+TEST(WalkRequestDeathTest, TheUserNameMakesThePathsAndEndsTheProcessWhenTheyAreTooLong) {
     TempDir folder;
     const Service service(folder.prefix());
+    EXPECT_EQ(walk(service, "\xfe", {"snmpwalk"}), "iRet=-1");
+    EXPECT_TRUE(exists(folder.file("(null)-ModelX-profile.plist")));
     const std::size_t fixed = folder.prefix().size() + sizeof "-ModelX-profile.spool.plist" - 1;
     EXPECT_DEATH(walk(service, std::string(256 - fixed, 'u'), {"snmpwalk"}), "");
     EXPECT_EQ(walk(service, std::string(255 - fixed, 'u'), {"snmpwalk"}), "iRet=-1");

@@ -93,12 +93,10 @@ public:
         for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) start(free_udp_port());  // port taken: another
         if (pid_ < 0) throw std::runtime_error("snmpd did not answer; its log:\n" + log());
     }
-    ~SnmpAgent() { stop(); }
+    ~SnmpAgent() { if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0) ::waitpid(pid_, nullptr, 0); }
     SnmpAgent(const SnmpAgent&) = delete;
     uint16_t port() const { return port_; }
     std::string peer() const { return "127.0.0.1:" + std::to_string(port_); }
-    bool running() const { return pid_ > 0; }
-    void stop() { if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0) ::waitpid(pid_, nullptr, 0); pid_ = -1; }
     std::string log() const { return exists(dir_.file("snmpd.log")) ? read_file(dir_.file("snmpd.log")) : "(none)"; }
     std::vector<std::string> client_environment() const { return environment(dir_.file("client"),
                                                                               dir_.file("client")); }
