@@ -1,12 +1,10 @@
 #!/usr/bin/env python3
 """check_layers.py ROOT: every #include "name.h" of a module names a header of the module or of one it may use;
-prints "file:line: module -> owners (header)" for each that does not (owners "?" when no project header has that
-name) and exits 1 if any."""
+prints "file:line: module -> owners (header)" for each that does not (owners "?": no project header), exits 1 then."""
 import os, re, sys
 
 SOURCE = "Helper/XPCService/Source/"
-# folder (the longest matching one wins) -> (module, the modules below it that it may include)
-LAYERS = {
+LAYERS = {  # folder (the longest matching one wins) -> (module, the modules below it that it may include)
     SOURCE + "base": ("base", set()),
     SOURCE + "protocol": ("protocol", set()),
     SOURCE + "profile_store": ("profile_store", {"base"}),

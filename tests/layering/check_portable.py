@@ -1,14 +1,10 @@
 #!/usr/bin/env python3
 """check_portable.py NM LIST --deps LIB... --core ARCHIVE...: each name a core archive leaves undefined must be
-defined by a core archive or a declared library (net-snmp, libplist, pugixml, uriparser, the C++ runtime), or be
-named in LIST (C17 and POSIX.1-2008). Prints "ARCHIVE: NAME is outside C17 and POSIX.1-2008" for each other name
-and exits 1 then."""
-import re
-import subprocess
-import sys
+defined by a core archive or a LIB (the C++ runtime and the libraries the core declares), or be named in LIST (C17 and
+POSIX.1-2008). Prints "ARCHIVE: NAME is outside C17 and POSIX.1-2008" for each other name and exits 1 then."""
+import re, subprocess, sys
 
-# Names the compiler and the C++ headers emit on their own (start-up, exceptions, thread-local storage, stack
-# protection, assert's failure call): the ABI, not calls the code writes.
+# Names the compiler and the C++ headers emit themselves (start-up, exceptions, TLS, stack guard, assert's failure).
 ABI = {"_GLOBAL_OFFSET_TABLE_", "__dso_handle", "__tls_get_addr", "__stack_chk_fail", "__stack_chk_guard",
        "__cxa_atexit", "__cxa_finalize", "__cxa_thread_atexit_impl", "__gmon_start__", "__assert_fail",
        "__libc_single_threaded", "__ctype_b_loc", "__ctype_tolower_loc", "__ctype_toupper_loc"}
@@ -16,11 +12,8 @@ ABI = {"_GLOBAL_OFFSET_TABLE_", "__dso_handle", "__tls_get_addr", "__stack_chk_f
 SANITIZER = re.compile(r"^__(asan|ubsan|tsan|lsan|sanitizer)_")
 
 
-def standard_name(name):
-    """glibc's own spellings of standard calls: errno, the fortified __memcpy_chk, __isoc99_sscanf."""
-    if name == "__errno_location":
-        return "errno"
-    name = re.sub(r"^__isoc(99|23)_", "", name)
+def standard_name(name):  # glibc's own spellings of standard calls: errno, the fortified __memcpy_chk, __isoc99_sscanf
+    name = "errno" if name == "__errno_location" else re.sub(r"^__isoc(99|23)_", "", name)
     return re.sub(r"^__(\w+)_chk$", r"\1", name)
 
 
@@ -34,7 +27,7 @@ def main(nm, listing, *rest):
     standard = {name for line in open(listing, encoding="utf-8") if not line.lstrip().startswith("[")
                 for name in line.split("#", 1)[0].split()}
     provided = ABI.union(*(symbols(nm, "--defined-only", a) for a in core),
-                           *(symbols(nm, "-D", "--defined-only", lib) for lib in deps))
+                         *(symbols(nm, "-D", "--defined-only", lib) for lib in deps))
     outside = [f"{archive}: {name} is outside C17 and POSIX.1-2008" for archive in core
                for name in sorted(symbols(nm, "-u", archive))
                if name not in provided and not SANITIZER.match(name) and standard_name(name) not in standard]

@@ -1,15 +1,14 @@
 #!/usr/bin/python3
 # objc_metadata_check.py CLANG OBJDUMP SOURCE_DIR: checks the Objective-C metadata of the XPC front compiled for
-# macOS (no SDK, never linked). Each class's name and methods must be found, so a dump it cannot read fails.
+# macOS (no SDK, never linked) against methods.h, in its order; a dump it cannot read finds no class, so it fails.
 import re, subprocess, sys, tempfile
 from pathlib import Path
 
 SUFFIX = "5E1A9C07_4B2D_4E8F_A613_7D0C2B9E4F18"
 PROTOCOL, SERVICE = "TZ_XPC_Protocol" + SUFFIX, "TZmacServiceXPC" + SUFFIX
-SELECTORS = re.findall(r'^inline constexpr Method k\w+\{"(\w+)"', (Path(__file__).resolve().parents[2] /
-                       "Helper/XPCService/Source/protocol/methods.h").read_text(), re.M)  # the table's order
-METHODS = [(s + ":reply:", "v32@0:8@16@?24") for s in SELECTORS]
-EXTENDED = ['v32@0:8@"NSString"16@?<v@?@"NSString">24'] * len(SELECTORS)
+METHODS = [(s + ":reply:", "v32@0:8@16@?24") for s in re.findall(r'^inline constexpr Method k\w+\{"(\w+)"',
+           (Path(__file__).resolve().parents[2] / "Helper/XPCService/Source/protocol/methods.h").read_text(), re.M)]
+EXTENDED = ['v32@0:8@"NSString"16@?<v@?@"NSString">24'] * len(METHODS)
 CLASSES = [("service class", SERVICE, METHODS, PROTOCOL), ("delegate", "TZmacXPCServiceDelegate" + SUFFIX,
            [("listener:shouldAcceptNewConnection:", "c32@0:8@16@24")], "NSXPCListenerDelegate")]
 # No host headers: the front gets along with its own declarations and the compiler's <stddef.h>, no C++ library.
@@ -28,7 +27,7 @@ def protocol_records(objdump, obj):
     own = {n[9:-len(PROTOCOL) - 1]: a for a, _, n in symbols  # __OBJC_$_<kind>_<protocol>
            if n.startswith("__OBJC_$_") and n.endswith("_" + PROTOCOL)}
     start = own.get("PROTOCOL_METHOD_TYPES")
-    if start is None:
+    if start is None:  # no protocol with extended types in this object
         return []
     rows = dump(objdump, obj, "--section=__DATA,__objc_const", pattern=r"^(\w{16})\s+(.*)$")
     base, data = int(rows[0][0], 16), b"".join(bytes.fromhex(t) for _, t in rows)
@@ -48,22 +47,20 @@ def check(objects, objdump):  # the problems found in the objects
             name, _, block = block.partition("\n")
             classes[name] = block.split("\nMeta Class\n")  # the class, then its metaclass
         protocols += protocol_records(objdump, obj)
-    expect = lambda what, got, wanted: problems.extend(
-        [] if got == wanted else ["%s: %s, expected %s" % (what, got, wanted)])
+    expect = lambda what, got, wanted: got == wanted or problems.append("%s: %s, expected %s" % (what, got, wanted))
     field = lambda text, key, at=0: [v.split()[at] for v in re.findall(r"^\s*%s (.*)$" % key, text, re.M)]
-    methods = lambda text, opened_by, closed_by: re.findall(
-        r"name 0x\w+ (\S+)\n\s*types 0x\w+ (\S+)", between(text, " %s " % opened_by, " %s " % closed_by))
+    methods = lambda text, start, end: re.findall(r"name 0x\w+ (\S+)\n\s*types 0x\w+ (\S+)", between(text, start, end))
     for label, cls, wanted, adopts in CLASSES:
         block, meta = classes.get(cls, ["", ""])
         expect(label + " name and superclass", field(block, "name", -1)[:1] + field(block, "superclass", -1),
                [cls, "_OBJC_CLASS_$_NSObject"])
         # The name two lines below a list entry is that adopted protocol's.
         expect(label + " protocols", re.findall(r"list\[\d+\] .*\n.*\n\s*name 0x\w+ (\S+)", block), [adopts])
-        expect(label + " methods", methods(block, "baseMethods", "baseProtocols"), wanted)
-        expect(label + " class methods", methods(meta, "baseMethods", "baseProtocols"), [])
+        expect(label + " methods", methods(block, " baseMethods ", " baseProtocols "), wanted)
+        expect(label + " class methods", methods(meta, " baseMethods ", " baseProtocols "), [])
         expect(label + " ivars", field(block, "ivars"), ["0x0"])
         expect(label + " properties", field(block, "baseProperties"), ["0x0"])
-    expect("protocol methods", methods(classes.get(SERVICE, [""])[0], "instanceMethods", "classMethods"), METHODS)
+    expect("protocol methods", methods(classes.get(SERVICE, [""])[0], " instanceMethods ", " classMethods "), METHODS)
     # Each emitted protocol, its records read from the symbols: the dump prints 0x0 for those fields of a protocol.
     for kinds, types in protocols or [(None, None)]:
         expect("protocol records", kinds, ["PROTOCOL_INSTANCE_METHODS", "PROTOCOL_METHOD_TYPES"])
