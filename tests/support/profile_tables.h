@@ -27,14 +27,13 @@ struct Tables {
     int32_t write() const { return TZPListWriteProfile_All(&rgb, &sim, &dst); }
 };
 
-// A temporary folder the store's path globals point into while it lives; point() points them back.
+// A temporary folder the store's path globals point into while it lives.
 struct ProfilePaths {
-    ProfilePaths() { point(); }
-    ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
-    void point() const {
+    ProfilePaths() {
         TZ_PLIST_PROFILE_PATH = current.c_str(), TZ_PLIST_PROFILE_PREV_PATH = previous.c_str();
         TZ_PLIST_PROFILE_SPOOL_PATH = spool.c_str();
     }
+    ~ProfilePaths() { TZ_PLIST_PROFILE_PATH = TZ_PLIST_PROFILE_PREV_PATH = TZ_PLIST_PROFILE_SPOOL_PATH = nullptr; }
     TempDir dir;
     const std::string current = dir.file("alice-ModelX-profile.plist");
     const std::string previous = dir.file("alice-ModelX-profile.prev.plist");
