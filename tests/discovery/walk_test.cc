@@ -77,6 +77,8 @@ std::vector<Case> cases() {
         {"an error status", {}, answer(cell(3, 7), R"({"error": 5})"), kV1, kT, 2, 31},
         {"noSuchName halfway", {}, answer(cell(3, 7), R"({"error": 2})"), kV1, kT, 0, 31},
         {"no answer at all", {}, R"("rows": 12, "silent_from": "1")", kSilent, kT, 1, 0},
+        {"a TCP agent that closes the connection", {}, R"("tcp_closes": true)", kV1, kT, 1, 0,
+         "snmpwalk: Session abort failure\n"},
         {"an agent that dies halfway", {}, R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", kSilent, kT, 1, 42},
         {"an agent that dies halfway, -t 86400 -r 5: the stop hook ends it", {},
          R"("rows": 12, "silent_from": ")" + cell(4, 6) + "\"", "-v1 -c public" + forever, kT, 1, 42, "", 42},
@@ -113,7 +115,8 @@ Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
     TZSetWalkLimits(TZ_WALK_DEFAULT_SECONDS, c.limit);
     TZSetWalkWindow(window);
     std::vector<std::string> args;
-    std::istringstream words(c.options + " " + (scripted ? scripted->peer() : snmpd->peer()) + " " + c.root);
+    const std::string tcp = c.script.find("tcp_closes") == std::string::npos ? "" : "tcp:";
+    std::istringstream words(c.options + " " + tcp + (scripted ? scripted->peer() : snmpd->peer()) + " " + c.root);
     for (std::string word; words >> word;) args.push_back(word);
     const int32_t before = numprinted;
     StderrCapture printed(STDOUT_FILENO), said;

@@ -2,7 +2,8 @@
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
 "file": the file name's format ("PRF%05d.ICC"), "answers": {oid: {"oid", "value"} (no value: endOfMibView) or
 {"error": N}, "times": N optional} for GETNEXTs of oid, "silent_from": oid, "silent_after": N answers, "drop_every": K,
-"delay_every": [K, MS], "hold": FILE (while it exists, answers wait, in order), "dump": [FILE, PORT] (serves, instead
+"delay_every": [K, MS], "tcp_closes": a TCP port of the same number that takes each connection and closes it at
+once, "hold": FILE (while it exists, answers wait, in order), "dump": [FILE, PORT] (serves, instead
 of the table, the MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if
 FILE does not exist). Logs requests, prints its port, serves until stdout closes."""
 import bisect, heapq, json, os, select, socket, sys, time
@@ -53,10 +54,13 @@ silent_after, hold = script.get("silent_after", float("inf")), script.get("hold"
 delay_every, delay_ms = script.get("delay_every", [0, 0])
 sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 sock.bind(("127.0.0.1", 0))
+closer = socket.create_server(sock.getsockname()) if script.get("tcp_closes") else None
 print(sock.getsockname()[1], flush=True)
 poller = select.poll()
 poller.register(sock, select.POLLIN)
 poller.register(sys.stdout, 0)  # POLLERR once the reader is gone
+if closer:
+    poller.register(closer, select.POLLIN)
 late, used, count, answered = [], {}, 0, 0  # late: (due, count, packet, peer)
 while True:
     held = late and os.path.exists(hold)  # looked at again every 5 ms
@@ -65,6 +69,8 @@ while True:
         break
     while late and late[0][0] <= time.monotonic() and not held:
         sock.sendto(*heapq.heappop(late)[2:])
+    if closer and events.get(closer.fileno()):
+        closer.accept()[0].close()
     if not events.get(sock.fileno()):
         continue
     data, peer = sock.recvfrom(65535)

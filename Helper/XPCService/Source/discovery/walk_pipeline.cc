@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
+#include <tuple>
 #include <utility>
 #include <net-snmp/library/large_fd_set.h>
 #include <sys/select.h>
@@ -335,6 +336,10 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
     if (command == SNMP_MSG_GETNEXT) guess_after(name);
     const bool timed = command == SNMP_MSG_GETNEXT && sampling_;
     const Clock::time_point sent = timed ? Clock::now() : Clock::time_point{};
+    // A stream's disconnect goes to the session's own callback, not the
+    // request's: take it while waiting, as snmp_synch_response does.
+    const auto saved = std::pair(chain_->callback, chain_->callback_magic);
+    chain_->callback = &GetNextPipeline::on_event, chain_->callback_magic = this;
     while (chain_request_.waiting) {
         const Waited waited = wait_once();
         if (waited == Waited::kSome) continue;
@@ -347,6 +352,7 @@ int GetNextPipeline::ask_on_chain(int command, const Name& name, Pdu& response) 
             chain_->s_snmp_errno = SNMPERR_GENERR;
         }
     }
+    std::tie(chain_->callback, chain_->callback_magic) = saved;
     chain_request_.active = false;
     response = std::move(chain_request_.response);
     if (chain_request_.status == STAT_SUCCESS && command == SNMP_MSG_GETNEXT) {
@@ -463,10 +469,11 @@ int GetNextPipeline::on_event(int op, netsnmp_session* session, int reqid, netsn
     if (op == NETSNMP_CALLBACK_OP_RESEND) return 1;
     // A report is the chain's whatever its request id, as snmp_synch_response
     // takes it: an agent that cannot decrypt a request cannot echo its id
-    // (the library matched it to the request by its message id).
+    // (the library matched it to the request by its message id). So is a
+    // disconnect, which comes with no request id.
     const bool report = pdu != nullptr && pdu->command == SNMP_MSG_REPORT;
     if (self->chain_request_.active && session == self->chain_ &&
-        (reqid == self->chain_request_.reqid || report))
+        (reqid == self->chain_request_.reqid || report || op == NETSNMP_CALLBACK_OP_DISCONNECT))
         return self->on_chain_event(op, session, pdu);
     self->on_guess_event(op, reqid, pdu);
     return 1;
