@@ -186,8 +186,8 @@ std::string walk(const Service& service, const std::string& user, const std::vec
 }
 
 // As two dialogs on macOS would, each call on a service object of its own: two threads walk two printers whose tables
-// differ, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the
-// most a walk takes; the folder's name is not a format.
+// differ, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the most a walk
+// takes; the folder's name is not a format.
 TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirPathsLiterally) {
     const ScriptedAgent printers[2] = {ScriptedAgent(R"("rows": 9)"), ScriptedAgent(R"("rows": 14, "file": "D%d.ICM")")};
     const TempDir parent;
