@@ -189,7 +189,8 @@ std::string walk(const Service& service, const std::string& user, const std::vec
 // differ, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the most a walk
 // takes; the folder's name is not a format.
 TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirPathsLiterally) {
-    const ScriptedAgent printers[2] = {ScriptedAgent(R"("rows": 9)"), ScriptedAgent(R"("rows": 14, "file": "D%d.ICM")")};
+    const ScriptedAgent printers[2] = {ScriptedAgent(R"("rows": 9)"),
+                                       ScriptedAgent(R"("rows": 14, "file": "D%d.ICM")")};
     const TempDir parent;
     const std::string folder = parent.file("100%s%n%d") + "/", users[2] = {"alice", "bob"};
     fs::create_directory(folder);
