@@ -1,5 +1,6 @@
 // tzhelperd on a private dbus-daemon: activation, routing, Helper1, errors, uid check, idle exit, options, walk turns.
 #include <algorithm>
+#include <atomic>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -177,6 +178,29 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
                 << ::testing::PrintToString(counts[i]);
         }
     }
+}
+
+// A caller's walk begins only once the calls it sent before are answered: when the printer hears the walk, the
+// 30 MB write sent right before it is whole.
+TEST(WalkTurns, ACallersWalkBeginsOnlyOnceItsEarlierCallsAreAnswered) {
+    tz::test::PrivateBus bus(30);
+    const ScriptedAgent printer(R"("rows": 1)");
+    const std::string target = bus.prefs() + "big.plist", big(30u << 20, 'x');
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+    auto proxy = sdbus::createProxy(*connection, std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath));
+    std::atomic<int> replies = 0;
+    for (const auto& [method, request] :
+         {std::pair{tz::protocol::kWriteDictionary.name, tz::client::write_request(tz::client::file_url(target), big)},
+          {tz::protocol::kMibWalk.name, walk_of("T48Q", "alice", printer.peer())}})
+        proxy->callMethodAsync(std::string(method)).onInterface(std::string(tz::bus::kInterface))
+            .withArguments(request).uponReplyInvoke([&](const sdbus::Error*, std::string) { ++replies; });
+    connection->enterEventLoopAsync();
+    ASSERT_TRUE(printer.wait_for_requests(1));
+    std::error_code error;
+    EXPECT_EQ(std::filesystem::file_size(target, error), big.size()) << "the walk began before the write was done";
+    for (int tick = 0; tick < 30'000 && replies < 2; ++tick) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    EXPECT_EQ(replies, 2);
+    connection->leaveEventLoop();
 }
 
 // A caller that leaves gives up its waiting walk and stops its running one (-t 86400 at a silent agent), as SIGTERM
