@@ -205,6 +205,11 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     EXPECT_EQ(after(2, 5, true), std::pair(oid_of(cell(2, 9)), true));
     EXPECT_EQ(after(2, 9, false), std::pair(Name(), false));
     EXPECT_EQ(after(2, 9, true), std::pair(oid_of(cell(3, 1)), false));
+    // Probes: the last known row in this column (known), then in the next columns (guesses).
+    const auto probes = predictor.probes(oid_of(cell(2, 1)));
+    ASSERT_GE(probes.size(), 2u);
+    EXPECT_EQ(std::pair(probes[0].name, probes[0].known), std::pair(oid_of(cell(2, 9)), true));
+    EXPECT_EQ(std::pair(probes[1].name, probes[1].known), std::pair(oid_of(cell(3, 9)), false));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
