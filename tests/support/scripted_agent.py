@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """A scripted SNMP v1/v2c agent: scripted_agent.py LOG SCRIPT. SCRIPT (JSON): "rows": N (printer_table()'s rows),
 "file": the file name's format ("PRF%05d.ICC"), "answers": {oid: {"oid", "value"} (no value: endOfMibView) or
-{"error": N}, "times": N optional} for GETNEXTs of oid, "silent_from": oid, "silent_after": N answers, "drop_every": K,
-"delay_every": [K, MS], "tcp_closes": a TCP port of the same number that takes each connection and closes it at
-once, "hold": FILE (while it exists, answers wait, in order), "dump": [FILE, PORT] (serves, instead
-of the table, the MIB-2 tree in FILE (host resources left out), walked first from the v1 agent on 127.0.0.1:PORT if
-FILE does not exist). Logs requests, prints its port, serves until stdout closes."""
+{"error": N}, "times": N optional} for GETNEXTs of oid, "silent_from": oid, "drop_every": K, "delay_every": [K, MS],
+"tcp_closes": a TCP port of the same number that takes each connection and closes it at once, "hold": FILE (while it
+exists, answers wait, in order), "dump": [FILE, PORT] (serves, instead of the table, the MIB-2 tree in FILE (host
+resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests, prints
+its port, serves until stdout closes."""
 import bisect, heapq, json, os, select, socket, sys, time
 
 from pyasn1.codec.ber import decoder, encoder
@@ -50,7 +50,7 @@ table = dumped(*script["dump"]) if "dump" in script else sorted(
 names = [o for o, v in table]
 answers = {key(k): v for k, v in script.get("answers", {}).items()}
 silent_from, drop_every = key(script.get("silent_from", "9")), script.get("drop_every", 0)
-silent_after, hold = script.get("silent_after", float("inf")), script.get("hold", "/nonexistent")
+hold = script.get("hold", "/nonexistent")
 delay_every, delay_ms = script.get("delay_every", [0, 0])
 sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 sock.bind(("127.0.0.1", 0))
@@ -61,7 +61,7 @@ poller.register(sock, select.POLLIN)
 poller.register(sys.stdout, 0)  # POLLERR once the reader is gone
 if closer:
     poller.register(closer, select.POLLIN)
-late, used, count, answered = [], {}, 0, 0  # late: (due, count, packet, peer)
+late, used, count = [], {}, 0  # late: (due, count, packet, peer)
 while True:
     held = late and os.path.exists(hold)  # looked at again every 5 ms
     events = dict(poller.poll(5 if held else max(0.0, late[0][0] - time.monotonic()) * 1000 if late else None))
@@ -83,7 +83,7 @@ while True:
     name = binds[0][0].prettyPrint()
     log.write("%s %s\n" % (kind, name))
     asked, count = key(name), count + 1
-    if (drop_every and count % drop_every == 0) or asked >= silent_from or answered >= silent_after:
+    if (drop_every and count % drop_every == 0) or asked >= silent_from:
         continue
     step = answers.get(asked) if kind == "getnext" else None
     if step is not None:
@@ -108,5 +108,4 @@ while True:
         module.apiPDU.setVarBinds(rpdu, [(rfc1902.ObjectName(step["oid"]), value)])
     delay = delay_ms / 1000.0 if delay_every and count % delay_every == 0 else 0.0
     heapq.heappush(late, (time.monotonic() + delay, count, encoder.encode(response), peer))  # sent at once if due
-    answered += 1
 
