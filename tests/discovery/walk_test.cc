@@ -185,16 +185,18 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
 // column only a guess along a run is offered.
 TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     NamePredictor predictor(oid_of(kT));
-    Name asked = oid_of(kT);
-    for (const std::string& dotted : {cell(1, 1), cell(1, 5), cell(1, 9), cell(2, 1)}) {
-        const Name next = oid_of(dotted);
-        predictor.passed(asked);
+    const auto learn = [&](const Name& asked, const Name& next) {
         netsnmp_pdu* answer = snmp_pdu_create(SNMP_MSG_RESPONSE);
         answer->errstat = SNMP_ERR_NOERROR;
         snmp_add_null_var(answer, next.data(), next.size());
         predictor.learn(asked, answer);
         snmp_free_pdu(answer);
-        asked = next;
+    };
+    Name asked = oid_of(kT);
+    for (const std::string& dotted : {cell(1, 1), cell(1, 5), cell(1, 9), cell(2, 1)}) {
+        predictor.passed(asked);
+        learn(asked, oid_of(dotted));
+        asked = oid_of(dotted);
     }
     predictor.passed(asked);
     const auto after = [&](int column, int row, bool runs) {
@@ -210,6 +212,8 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     ASSERT_GE(probes.size(), 2u);
     EXPECT_EQ(std::pair(probes[0].name, probes[0].known), std::pair(oid_of(cell(2, 9)), true));
     EXPECT_EQ(std::pair(probes[1].name, probes[1].known), std::pair(oid_of(cell(3, 9)), false));
+    learn(oid_of(cell(2, 7)), oid_of(cell(2, 7)));  // an answer that does not go past its name shows no row
+    EXPECT_EQ(after(2, 5, false), std::pair(oid_of(cell(2, 9)), true));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
