@@ -22,8 +22,7 @@ TEST(FileName, BaseUpTo27ExtensionUpTo3AndTheFilter) {
     EXPECT_FALSE(FileNameFilter(0xE9) || FileNameFilter(0x100 + '!'));  // past 127, whatever the low byte
 }
 
-class Spool : public ::testing::Test {
-protected:
+struct Spool : ::testing::Test {
     void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
     static const SpoolRecord& row(int r) { return PlistForSpool.Entry[r - 1]; }
     ProfilePaths paths;
