@@ -93,8 +93,7 @@ TEST_F(Store, ReadChecksPresenceValuesAndCountAndCategoryReads) {
 ProfileTable sample(int count, const char* prefix) {
     ProfileTable t = table({}, count);
     for (int n = 0; n < count; ++n)
-        t.Entry[n] = entry(n % 7 ? n + 1 : INT32_MIN, 1 + n % 6, (prefix + std::to_string(n)).c_str(), 4 + n % 2,
-                           n % 3, ("Profil \xC3\xA9 & <" + std::to_string(n) + ">").c_str());
+        t.Entry[n] = entry(n % 7 ? n : INT32_MIN, 1 + n % 6, (prefix + std::to_string(n)).c_str(), 4 + n % 2, n % 3);
     return t;
 }
 
@@ -137,8 +136,7 @@ TEST(Mapping, DeviceEntriesFirstThenTheNewTable) {
     TZPListMapping_Pap(&fresh, &current, &result, &exclusion);
     const ProfileEntry expected[] = {cur[0], cur[4], cur[5], cur[6], fresh.Entry[0], fresh.Entry[1]};
     for (int i = 0; i < 6; ++i) EXPECT_TRUE(same_bytes(result.Entry[i], expected[i]) && result.iNum == 6) << i;
-    for (int i = 0; i < 500; ++i) fresh.Entry[i] = entry(0, 1, ("N" + std::to_string(i)).c_str());
-    fresh.iNum = 500;  // at most 500: the device entries first
+    fresh = sample(500, "N");  // at most 500: the device entries first
     TZPListMapping_Pap(&fresh, &current, &result, &none);
     EXPECT_TRUE(result.iNum == 500 && !strcmp(result.Entry[499].FileName, "N493"));
 }
