@@ -22,8 +22,7 @@ TEST(FileName, BaseUpTo27ExtensionUpTo3AndTheFilter) {
     EXPECT_FALSE(FileNameFilter(0xE9) || FileNameFilter(0x100 + '!'));  // past 127, whatever the low byte
 }
 
-class Spool : public ::testing::Test {
-protected:
+struct Spool : ::testing::Test {
     void SetUp() override { vSpoolPlist(nullptr, 0, nullptr, 1); }
     static const SpoolRecord& row(int r) { return PlistForSpool.Entry[r - 1]; }
     ProfilePaths paths;
@@ -52,20 +51,17 @@ TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
     EXPECT_EQ(std::string(row(3).FileName, TZ_PROFILE_TEXT + 1), std::string(32, 'G') + '\0');
 }
 
-TEST_F(Spool, DeviceMarksComeOffAfterACompleteWalkAndDropAfterAFailedOne) {
-    for (const auto& [status, marks] : {std::pair{0, "01133567"}, {2, "00036567"}}) {  // marks 0 to 7 become
-        for (int i = 0; i < 8; ++i) table.Entry[i].InMenu = i;
-        vDeleteMIBprofilesTemporary(status, &table);
-        for (int i = 0; i < 8; ++i) EXPECT_EQ(table.Entry[i].InMenu, marks[i] - '0') << status << " " << i;
-    }
-}
-
-TEST_F(Spool, MergeMarksAKnownEntryOrAddsTheRowToTheFirstFreeSlot) {
+TEST_F(Spool, MarksComeOffAfterAWalkAndGoOnWhenTheRowReportsTheEntry) {
     spool_row(1, 9, 5, "ABC.ICM", 1, "Device name");
-    for (const auto& [in_menu, marked] : {std::pair{1, 2}, {5, 2}, {3, 4}, {6, 4}, {2, 2}, {4, 4}}) {
-        table.Entry[0] = entry(3, in_menu, "ABC.ICM", 5), table.iNum = 1;
-        vRestructDetail(0, &table);  // the entry keeps its other fields: the rebuild test's ABC.ICM
-        EXPECT_EQ(std::tuple(table.Entry[0].InMenu, table.iNum), std::tuple(marked, 1)) << in_menu;
+    // A mark, then what it becomes after a complete walk, after a failed one, and when row 1 reports its entry.
+    for (const std::string marks : {"0000", "1102", "2102", "3334", "4364", "5552", "6664", "7777"}) {
+        for (const int column : {1, 2, 3}) {
+            table.Entry[0] = entry(3, marks[0] - '0', "ABC.ICM", 5), table.iNum = 1;
+            if (column < 3) vDeleteMIBprofilesTemporary(column == 1 ? 0 : 2, &table);
+            else vRestructDetail(0, &table);  // the entry keeps its other fields: the rebuild test's ABC.ICM
+            EXPECT_EQ(std::tuple(table.Entry[0].InMenu, table.iNum), std::tuple(marks[column] - '0', 1))
+                << marks << " " << column;
+        }
     }
     table.Entry[0] = entry(1, 1, "ABC.ICM", 4);  // another location: another profile
     table.Entry[1] = entry(2, 1, "ABC.ICM", 5);  // past iNum: not looked at

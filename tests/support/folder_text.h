@@ -17,23 +17,20 @@
 
 namespace tz::test {
 
-// A FIFO ("fifo") or a socket bound and closed ("socket") at `path`.
-inline void make_special(const std::string& path, const std::string& kind) {
-    sockaddr_un address{AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fd = kind == "fifo" ? ::mkfifo(path.c_str(), 0664) : ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (kind != "fifo") ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), ::close(fd);
-}
-
 inline void build(const TempDir& dir, const std::string& layout) {
     std::stringstream in(layout);
     for (std::string item; std::getline(in, item, ';');) {
         const std::size_t arrow = item.find("->"), eq = item.find('='), paren = item.find('('), bar = item.find('|');
-        if (bar < eq) make_special(dir.file(item.substr(0, bar)), item.substr(bar + 1));
-        else if (arrow < eq) std::filesystem::create_symlink(item.substr(arrow + 2), dir.file(item.substr(0, arrow)));
-        else if (eq == std::string::npos) std::filesystem::create_directory(dir.file(item));
-        else write_file(dir.file(item.substr(0, std::min(eq, paren))), item.substr(eq + 1));
-        if (paren < eq) ::chmod(dir.file(item.substr(0, paren)).c_str(), std::stoi(item.substr(paren + 1), nullptr, 8));
+        const std::string name = dir.file(item.substr(0, std::min({arrow, eq, paren, bar})));
+        sockaddr_un address{AF_UNIX, {}};
+        name.copy(address.sun_path, sizeof address.sun_path - 1);
+        const int fd = bar < eq && item.substr(bar + 1) == "socket" ? ::socket(AF_UNIX, SOCK_STREAM, 0) : -1;
+        if (fd >= 0) ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), ::close(fd);
+        else if (bar < eq) ::mkfifo(name.c_str(), 0664);
+        else if (arrow < eq) std::filesystem::create_symlink(item.substr(arrow + 2), name);
+        else if (eq == std::string::npos) std::filesystem::create_directory(name);
+        else write_file(name, item.substr(eq + 1));
+        if (paren < eq) ::chmod(name.c_str(), std::stoi(item.substr(paren + 1), nullptr, 8));
     }
 }
 
