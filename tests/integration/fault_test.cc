@@ -30,48 +30,27 @@ std::string walk_request(const std::string& user, const std::string& peer) {
         "T48Q", user, {"snmpwalk", "-v", "1", "-c", "public", "-t", "3", "-r", "0", peer, tz::test::kProfileTable});
 }
 
-// The slots in use as Python's plistlib reads the file: "<category> <file> <InMenu>" lines.
+// The slots in use as Python's plistlib reads the file: per category, "<category> <count> <first> <last>", each end
+// a (file name, InMenu) pair.
 std::string slots_in_use(const std::string& path) {
     const auto result = tz::test::run_command({"/usr/bin/python3", "-c",
-        "import plistlib,sys\np=plistlib.load(open(sys.argv[1],'rb'))\n"
-        "for c in ('RGB','SIM','DST'):\n  for i in range(500):\n    m=p[c]['InMenu']['InMenu%04d'%i]\n"
-        "    if m: print(c,p[c]['FileName']['FileName%04d'%i],m)\n", path});
+        "import plistlib,sys\np=plistlib.load(open(sys.argv[1],'rb'))\nfor c in ('RGB','SIM','DST'):\n"
+        "  s=[(p[c]['FileName']['FileName%04d'%i],m) for i in range(500) if (m:=p[c]['InMenu']['InMenu%04d'%i])]\n"
+        "  print(c,len(s),*s[:1],*s[-1:])\n", path});
     return result.status == 0 ? result.out : "unreadable: " + result.err;
 }
 
-// What rows 1 to `rows` of printer_table make of a new file: classes 1 and 2 in RGB, class 3 in SIM and DST.
-std::string expected_slots(int rows) {
-    std::string text[3];
-    for (int r = 1; r <= rows; ++r) {
-        char line[32];
-        std::snprintf(line, sizeof line, " PRF%05d.ICC 2\n", r);
-        if (r % 3 != 0) text[0] += "RGB" + std::string(line);
-        else text[1] += "SIM" + std::string(line), text[2] += "DST" + std::string(line);
-    }
-    return text[0] + text[1] + text[2];
-}
-
-// A walk of a 500-row table from an agent that falls silent halfway.
-struct WalkFaults : ::testing::Test {
+// The service killed in a walk gets no rebuild and is started again; an agent of a 500-row table that falls silent
+// halfway fails the walk, and the file keeps the rows that arrived whole.
+TEST(WalkFaults, AKilledServiceIsStartedAgainAndAnAgentSilentHalfwayLeavesTheRowsThatArrivedWhole) {
     tz::test::PrivateBus bus;
-    std::unique_ptr<tz::client::HelperClient> client = connect(bus);
+    const auto client = connect(bus);
     const std::string plist = bus.prefs() + "alice-T48Q-profile.plist";
-};
-
-TEST_F(WalkFaults, AnAgentSilentHalfwayFailsTheWalkAndTheFileKeepsTheRowsThatArrivedWhole) {
-    // Columns 1 to 4 of every row, the class column of rows 1 to 400 (however far the walk asked ahead).
-    const ScriptedAgent silent(R"("rows": 500, "silent_from": ")" + tz::test::cell(5, 400) + "\"");
-    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", silent.peer()))), "iRet=1");
-    EXPECT_EQ(slots_in_use(plist), expected_slots(400));
-}
-
-TEST_F(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
     ASSERT_EQ(reply_of(client->exist(plist)), "FALSE");
     const pid_t service = bus.service_pid();
     ASSERT_GT(service, 0);
     // Silent from the third column on: the walk cannot end before the kill, which comes past its thousandth request.
     const ScriptedAgent silent(R"("rows": 500, "silent_from": ")" + tz::test::cell(3, 1) + "\"");
-    const ScriptedAgent whole(R"("rows": 500)");
     std::future<tz::client::Outcome> walk =
         std::async(std::launch::async, [&] { return client->mib_walk(walk_request("alice", silent.peer())); });
     ASSERT_TRUE(silent.wait_for_requests(1000));
@@ -81,60 +60,50 @@ TEST_F(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
     ASSERT_TRUE(tz::test::wait_for_exit(service, std::chrono::seconds(30)));
     EXPECT_FALSE(tz::test::exists(plist)) << "the rebuild never ran";
 
-    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", whole.peer()))), "iRet=0");
+    // Columns 1 to 4 of every row, the class column of rows 1 to 400 (however far the walk asked ahead).
+    const ScriptedAgent halfway(R"("rows": 500, "silent_from": ")" + tz::test::cell(5, 400) + "\"");
+    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", halfway.peer()))), "iRet=1");
     EXPECT_NE(bus.service_pid(), service);
-    EXPECT_EQ(slots_in_use(plist), expected_slots(500));
+    // Rows 1 to 400 of printer_table: classes 1 and 2 in RGB, class 3 in SIM and DST.
+    EXPECT_EQ(slots_in_use(plist), "RGB 267 ('PRF00001.ICC', 2) ('PRF00400.ICC', 2)\n"
+                                   "SIM 133 ('PRF00003.ICC', 2) ('PRF00399.ICC', 2)\n"
+                                   "DST 133 ('PRF00003.ICC', 2) ('PRF00399.ICC', 2)\n");
 }
 
-// The service runs as nobody, who owns the folder but may not write it: no file, the writes answer FALSE.
-TEST(DiskFaults, AnUnwritablePreferencesFolderGetsNoFileAndWritesAnswerFalse) {
-    SnmpAgent agent(tz::test::printer_table(3));
-    tz::test::TempDir dir;
-    ASSERT_EQ(::chown(dir.path().c_str(), tz::test::unprivileged_uid(), -1) | ::chmod(dir.path().c_str(), 0555), 0);
-    EXPECT_EQ(tz::test::run_unprivileged([&] {
-                  const S service(dir.prefix(), S::Folder::private_to_user);
-                  const std::string url = file_url(dir.file("p"));
-                  return call(&S::mibwalk_XPC, walk_request("alice", agent.peer()), service) +
-                                 call(&S::tzPListIsAdminProfile_XPC, dir.file("x.plist"), service) +
-                                 call(&S::writeDictionaryToPlistFile_XPC, write_request(url, "<plist/>"), service) +
-                                 call(&S::writeDataToPlistFile_XPC, write_request(url, "AB"), service) +
-                                 call(&S::writeDataToPlistFileRename_XPC, url, service) == "iRet=0FALSEFALSEFALSETRUE"
-                             && fs::is_empty(dir.path()) ? 0 : 1;
-              }), 0);
-}
-
-// Writes cut short: through links to /dev/full (where a piece is refused already, its temporary file being a link,
-// and the walk answers for itself without writing its file through a link), and past a 64 KiB file size limit (a
-// refused piece keeps the temporary file, a whole write stops at the limit). Each answers FALSE; then, the fault gone,
-// the same target takes a piece and a whole write, and no scratch file is left.
+// Writes cut short, as nobody under root: in a folder nobody owns but may not write, through links to /dev/full (a
+// piece is refused already, its temporary file being a link), and past a 64 KiB file size limit (a refused piece keeps
+// the temporary file, a whole write stops at the limit). Each answers FALSE, and the walk answers for itself without
+// writing its file; then, the fault gone, the same target takes a piece and a whole write, and no scratch file is left.
 TEST(DiskFaults, WritesCutShortAnswerFalseAndTheNextSequenceOnTheSameTargetWorks) {
     SnmpAgent agent(tz::test::printer_table(3));
     const std::string kept(48 * 1024, 'k');
     const std::string links = "alice-T48Q-profile.plist->/dev/full;t->/dev/full;t.dummy->/dev/full";
-    const struct { std::string before; rlim_t limit; std::string after, walk, recovered; } cases[] = {
-        {links, RLIM_INFINITY, links, "iRet=0", "end"},
-        {"t.dummy=" + kept, 64 * 1024, "t=" + std::string(64 * 1024, 't') + ";t.dummy=" + kept, "", kept + "end"},
+    const struct { std::string before; mode_t mode; rlim_t limit; std::string after, walk, recovered; } cases[] = {
+        {"", 0555, RLIM_INFINITY, "", "iRet=0", "end"},
+        {links, 0755, RLIM_INFINITY, links, "iRet=0", "end"},
+        {"t.dummy=" + kept, 0755, 64 * 1024, "t=" + std::string(64 * 1024, 't') + ";t.dummy=" + kept, "", kept + "end"},
     };
     ::umask(002);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.before.substr(0, 24));
         tz::test::TempDir dir;
         tz::test::build(dir, c.before);
+        ASSERT_EQ(::chown(dir.path().c_str(), tz::test::unprivileged_uid(), -1) | ::chmod(dir.path().c_str(), c.mode),
+                  0);
         const S service(dir.prefix(), S::Folder::private_to_user);
         const std::string url = file_url(dir.file("t"));
         const auto put = [&](auto op, const std::string& text) { return call(op, write_request(url, text), service); };
-        const pid_t child = ::fork();
-        if (child == 0) {
+        EXPECT_EQ(tz::test::run_unprivileged([&] {
             const rlimit limit{c.limit, c.limit};
             ::signal(SIGXFSZ, SIG_IGN);
-            ::_exit(::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
-                    put(&S::writeDataToPlistFile_XPC, std::string(32 * 1024, 'p')) == "FALSE" &&
-                    put(&S::writeDictionaryToPlistFile_XPC, std::string(96 * 1024, 't')) == "FALSE" &&
-                    (c.walk.empty() || call(&S::mibwalk_XPC, walk_request("alice", agent.peer()), service) == c.walk)
-                    ? 0 : 1);
-        }
-        EXPECT_EQ(tz::test::wait_status(child), 0);
+            return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
+                   put(&S::writeDataToPlistFile_XPC, std::string(32 * 1024, 'p')) == "FALSE" &&
+                   put(&S::writeDictionaryToPlistFile_XPC, std::string(96 * 1024, 't')) == "FALSE" &&
+                   (c.walk.empty() || call(&S::mibwalk_XPC, walk_request("alice", agent.peer()), service) == c.walk)
+                   ? 0 : 1;
+        }), 0);
         EXPECT_EQ(tz::test::listing(dir), c.after) << "links are written through, not replaced";
+        ::chmod(dir.path().c_str(), 0755);
         for (const auto& e : fs::directory_iterator(dir.path()))
             EXPECT_TRUE(!e.is_symlink() || call(&S::tzPListRemove_XPC, e.path().string(), service) == "TRUE") << e;
         EXPECT_EQ(put(&S::writeDataToPlistFile_XPC, "end"), "TRUE");
