@@ -74,11 +74,10 @@ for user in "$member" "$other"; do
     echo "walk=$(walk)"' 2>&1 | tee "$work/$user.out" | sed 's/^/   | /' || true
   check "$user: PreferencesDirectory" "s \"$folder$user/\"" "$(value "$user" property)"
 done
-check "$member: is-admin" TRUE "$(value "$member" admin)"
+check "is-admin: $member (lpadmin), $other" "TRUE FALSE" "$(value "$member" admin) $(value "$other" admin)"
 check "$member: walk" iRet=0 "$(value "$member" walk)"
 check "$member: own folder 0700, profile plist the user's" "700 $member $member" \
   "$(stat -c '%a %U' "$folder$member") $(stat -c '%U' "$folder$member/$member-T48Q-profile.plist" 2>/dev/null)"
-check "$other: is-admin" FALSE "$(value "$other" admin)"
 check "$other: no folder of its own" no "$(test -e "$folder$other" && echo yes || echo no)"
 
 step "$attacker plants links, FIFOs and big files where $member's service works; $member calls"
