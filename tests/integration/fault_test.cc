@@ -14,7 +14,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using S = tz::Service;
 using tz::test::call;
 using tz::client::file_url;
@@ -66,9 +65,9 @@ TEST(WalkFaults, AKilledServiceIsStartedAgainAndAnAgentSilentHalfwayLeavesTheRow
 }
 
 // Writes cut short, as nobody under root: in a folder nobody owns but may not write, through links to /dev/full (a
-// piece is refused already, its temporary file being a link), and past a 64 KiB file size limit (a refused piece keeps
-// the temporary file, a whole write stops at the limit). Each answers FALSE, and the walk answers for itself without
-// writing its file; then, the fault gone, the same target takes a piece and a whole write, and no scratch file is left.
+// piece is refused already, its temporary file being a link), past a 64 KiB file size limit. Each answers FALSE, the
+// walk answers for itself without writing its file; then, the fault gone, the same target takes a piece and a whole
+// write, and no scratch file is left.
 TEST(DiskFaults, WritesCutShortAnswerFalseAndTheNextSequenceOnTheSameTargetWorks) {
     tz::test::SnmpAgent agent(tz::test::printer_table(3));
     const std::string kept(48 * 1024, 'k');
@@ -99,7 +98,7 @@ TEST(DiskFaults, WritesCutShortAnswerFalseAndTheNextSequenceOnTheSameTargetWorks
         }), 0);
         EXPECT_EQ(tz::test::listing(dir), c.after) << "links are written through, not replaced";
         ::chmod(dir.path().c_str(), 0755);
-        for (const auto& e : fs::directory_iterator(dir.path()))
+        for (const auto& e : std::filesystem::directory_iterator(dir.path()))
             EXPECT_TRUE(!e.is_symlink() || call(&S::tzPListRemove_XPC, e.path().string(), service) == "TRUE") << e;
         EXPECT_EQ(put(&S::writeDataToPlistFile_XPC, "end"), "TRUE");
         EXPECT_EQ(call(&S::writeDataToPlistFileRename_XPC, url, service), "TRUE");
@@ -131,10 +130,10 @@ TEST(RequestFaults, TenMegabyteRequestsAreAnsweredInBoundedMemory) {
     std::string markers = "T48Q:ModelName:ENDalice:USErName:END";  // two million ":arg:": far too many arguments
     while (markers.size() < kBig) markers += ":arg:";
     EXPECT_EQ(reply_of(client->write_dictionary(write_request(url, text))), "TRUE");
-    EXPECT_EQ(fs::file_size(target), kBig);
+    EXPECT_EQ(std::filesystem::file_size(target), kBig);
     EXPECT_EQ(reply_of(client->write_data(write_request(url, text))), "TRUE");
     EXPECT_EQ(reply_of(client->write_data_rename(url)), "TRUE");
-    EXPECT_EQ(fs::file_size(target), kBig);
+    EXPECT_EQ(std::filesystem::file_size(target), kBig);
     EXPECT_EQ(reply_of(client->exist(bus.prefs() + text)), "FALSE");
     EXPECT_EQ(reply_of(client->write_data(text)).rfind("error " + std::string(tz::bus::kRangeError) + ":", 0), 0u);
     EXPECT_EQ(reply_of(client->mib_walk(markers)), "iRet=-1");

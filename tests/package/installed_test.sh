@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# The Debian packages as installed and used, as root on a machine that may be changed (CI's): lintian, dpkg -i, the
-# probe, a walk and PreferencesDirectory for a member of lpadmin and another user, a second member's attacks on the
-# first's files, a build against the .pc file, the user unit verified, purge and what is left; all undone on exit.
+# The Debian packages as installed and used, as root on a machine that may be changed (CI's): built, installed, used
+# by a member of lpadmin and another user, the first's files attacked by a second member, purged; all undone on exit.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 [ "$(id -u)" -eq 0 ] || { echo "installed_test: must run as root (it installs packages)" >&2; exit 2; }
