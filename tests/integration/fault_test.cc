@@ -1,7 +1,6 @@
 // An agent or the service dying in a walk, an unwritable or full disk, outsized and marker-only requests.
 #include <sys/resource.h>
 
-#include <fstream>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -15,63 +14,39 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using S = tz::Service;
 using tz::test::call;
 using tz::client::file_url;
 using tz::client::write_request;
-using tz::test::connect;
 using tz::test::reply_of;
 using tz::test::ScriptedAgent;
-using tz::test::SnmpAgent;
 
 std::string walk_request(const std::string& user, const std::string& peer) {
     return tz::client::walk_request(
         "T48Q", user, {"snmpwalk", "-v", "1", "-c", "public", "-t", "3", "-r", "0", peer, tz::test::kProfileTable});
 }
 
-// The slots in use as Python's plistlib reads the file: "<category> <file> <InMenu>" lines.
+// The slots in use as Python's plistlib reads the file: "<category> <count> <last file name> {<InMenu values>}" lines.
 std::string slots_in_use(const std::string& path) {
     const auto result = tz::test::run_command({"/usr/bin/python3", "-c",
-        "import plistlib,sys\np=plistlib.load(open(sys.argv[1],'rb'))\n"
-        "for c in ('RGB','SIM','DST'):\n  for i in range(500):\n    m=p[c]['InMenu']['InMenu%04d'%i]\n"
-        "    if m: print(c,p[c]['FileName']['FileName%04d'%i],m)\n", path});
+        "import plistlib,sys\np=plistlib.load(open(sys.argv[1],'rb'))\nfor c in ('RGB','SIM','DST'):\n"
+        "  s=[(p[c]['FileName']['FileName%04d'%i],m) for i in range(500) if (m:=p[c]['InMenu']['InMenu%04d'%i])]\n"
+        "  print(c,len(s),s[-1][0] if s else '-',{m for _,m in s})\n", path});
     return result.status == 0 ? result.out : "unreadable: " + result.err;
 }
 
-// What rows 1 to `rows` of printer_table make of a new file: classes 1 and 2 in RGB, class 3 in SIM and DST.
-std::string expected_slots(int rows) {
-    std::string text[3];
-    for (int r = 1; r <= rows; ++r) {
-        char line[32];
-        std::snprintf(line, sizeof line, " PRF%05d.ICC 2\n", r);
-        if (r % 3 != 0) text[0] += "RGB" + std::string(line);
-        else text[1] += "SIM" + std::string(line), text[2] += "DST" + std::string(line);
-    }
-    return text[0] + text[1] + text[2];
-}
-
-// A walk of a 500-row table from an agent that falls silent halfway.
-struct WalkFaults : ::testing::Test {
+// In one bus's life: late answers, then the service killed in a walk, then an agent of 500 rows silent halfway.
+TEST(WalkFaults, LateAnswersAreWaitedForAKilledServiceIsStartedAgainAndASilentAgentLeavesTheRowsThatArrivedWhole) {
     tz::test::PrivateBus bus;
-    std::unique_ptr<tz::client::HelperClient> client = connect(bus);
+    const auto client = tz::test::connect(bus);
     const std::string plist = bus.prefs() + "alice-T48Q-profile.plist";
-};
-
-TEST_F(WalkFaults, AnAgentSilentHalfwayFailsTheWalkAndTheFileKeepsTheRowsThatArrivedWhole) {
-    // Columns 1 to 4 of every row, the class column of rows 1 to 400 (however far the walk asked ahead).
-    const ScriptedAgent silent(R"("rows": 500, "silent_from": ")" + tz::test::cell(5, 400) + "\"");
-    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", silent.peer()))), "iRet=1");
-    EXPECT_EQ(slots_in_use(plist), expected_slots(400));
-}
-
-TEST_F(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
-    ASSERT_EQ(reply_of(client->exist(plist)), "FALSE");
+    // Each answer 400 ms late: a wait, however long within the walk's 3 s timeout, is no silence.
+    const ScriptedAgent late(R"("rows": 1, "delay_every": [1, 400])");
+    ASSERT_EQ(reply_of(client->mib_walk(walk_request("bob", late.peer()))), "iRet=0");
     const pid_t service = bus.service_pid();
     ASSERT_GT(service, 0);
     // Silent from the third column on: the walk cannot end before the kill, which comes past its thousandth request.
     const ScriptedAgent silent(R"("rows": 500, "silent_from": ")" + tz::test::cell(3, 1) + "\"");
-    const ScriptedAgent whole(R"("rows": 500)");
     std::future<tz::client::Outcome> walk =
         std::async(std::launch::async, [&] { return client->mib_walk(walk_request("alice", silent.peer())); });
     ASSERT_TRUE(silent.wait_for_requests(1000));
@@ -81,61 +56,48 @@ TEST_F(WalkFaults, AServiceKilledHalfwayIsStartedAgainAndWalksTheWholeTable) {
     ASSERT_TRUE(tz::test::wait_for_exit(service, std::chrono::seconds(30)));
     EXPECT_FALSE(tz::test::exists(plist)) << "the rebuild never ran";
 
-    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", whole.peer()))), "iRet=0");
-    EXPECT_NE(bus.service_pid(), service);
-    EXPECT_EQ(slots_in_use(plist), expected_slots(500));
+    // Columns 1 to 4 of every row, the class column of rows 1 to 400 (however far the walk asked ahead).
+    const ScriptedAgent halfway(R"("rows": 500, "silent_from": ")" + tz::test::cell(5, 400) + "\"");
+    EXPECT_EQ(reply_of(client->mib_walk(walk_request("alice", halfway.peer()))), "iRet=1");
+    // Rows 1 to 400 of printer_table: classes 1 and 2 in RGB, class 3 in SIM and DST.
+    EXPECT_EQ(slots_in_use(plist), "RGB 267 PRF00400.ICC {2}\nSIM 133 PRF00399.ICC {2}\nDST 133 PRF00399.ICC {2}\n");
 }
 
-// The service runs as nobody, who owns the folder but may not write it: no file, the writes answer FALSE.
-TEST(DiskFaults, AnUnwritablePreferencesFolderGetsNoFileAndWritesAnswerFalse) {
-    SnmpAgent agent(tz::test::printer_table(3));
-    tz::test::TempDir dir;
-    ASSERT_EQ(::chown(dir.path().c_str(), tz::test::unprivileged_uid(), -1) | ::chmod(dir.path().c_str(), 0555), 0);
-    EXPECT_EQ(tz::test::run_unprivileged([&] {
-                  const S service(dir.prefix(), S::Folder::private_to_user);
-                  const std::string url = file_url(dir.file("p"));
-                  return call(&S::mibwalk_XPC, walk_request("alice", agent.peer()), service) +
-                                 call(&S::tzPListIsAdminProfile_XPC, dir.file("x.plist"), service) +
-                                 call(&S::writeDictionaryToPlistFile_XPC, write_request(url, "<plist/>"), service) +
-                                 call(&S::writeDataToPlistFile_XPC, write_request(url, "AB"), service) +
-                                 call(&S::writeDataToPlistFileRename_XPC, url, service) == "iRet=0FALSEFALSEFALSETRUE"
-                             && fs::is_empty(dir.path()) ? 0 : 1;
-              }), 0);
-}
-
-// Writes cut short: through links to /dev/full (where a piece is refused already, its temporary file being a link,
-// and the walk answers for itself without writing its file through a link), and past a 64 KiB file size limit (a
-// refused piece keeps the temporary file, a whole write stops at the limit). Each answers FALSE; then, the fault gone,
-// the same target takes a piece and a whole write, and no scratch file is left.
+// Writes cut short, as nobody under root: in a folder nobody owns but may not write, through links to /dev/full (a
+// piece is refused already, its temporary file being a link), past a 64 KiB file size limit. Each answers FALSE, the
+// walk answers for itself without writing its file; then, the fault gone, the same target takes a piece and a whole
+// write, and no scratch file is left.
 TEST(DiskFaults, WritesCutShortAnswerFalseAndTheNextSequenceOnTheSameTargetWorks) {
-    SnmpAgent agent(tz::test::printer_table(3));
+    tz::test::SnmpAgent agent(tz::test::printer_table(3));
     const std::string kept(48 * 1024, 'k');
     const std::string links = "alice-T48Q-profile.plist->/dev/full;t->/dev/full;t.dummy->/dev/full";
-    const struct { std::string before; rlim_t limit; std::string after, walk, recovered; } cases[] = {
-        {links, RLIM_INFINITY, links, "iRet=0", "end"},
-        {"t.dummy=" + kept, 64 * 1024, "t=" + std::string(64 * 1024, 't') + ";t.dummy=" + kept, "", kept + "end"},
+    const struct { std::string before; mode_t mode; rlim_t limit; std::string after, walk, recovered; } cases[] = {
+        {"", 0555, RLIM_INFINITY, "", "iRet=0", "end"},
+        {links, 0755, RLIM_INFINITY, links, "iRet=0", "end"},
+        {"t.dummy=" + kept, 0755, 64 * 1024, "t=" + std::string(64 * 1024, 't') + ";t.dummy=" + kept, "", kept + "end"},
     };
     ::umask(002);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.before.substr(0, 24));
         tz::test::TempDir dir;
         tz::test::build(dir, c.before);
+        ASSERT_EQ(::chown(dir.path().c_str(), tz::test::unprivileged_uid(), -1), 0);
+        ASSERT_EQ(::chmod(dir.path().c_str(), c.mode), 0);
         const S service(dir.prefix(), S::Folder::private_to_user);
         const std::string url = file_url(dir.file("t"));
         const auto put = [&](auto op, const std::string& text) { return call(op, write_request(url, text), service); };
-        const pid_t child = ::fork();
-        if (child == 0) {
+        EXPECT_EQ(tz::test::run_unprivileged([&] {
             const rlimit limit{c.limit, c.limit};
             ::signal(SIGXFSZ, SIG_IGN);
-            ::_exit(::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
-                    put(&S::writeDataToPlistFile_XPC, std::string(32 * 1024, 'p')) == "FALSE" &&
-                    put(&S::writeDictionaryToPlistFile_XPC, std::string(96 * 1024, 't')) == "FALSE" &&
-                    (c.walk.empty() || call(&S::mibwalk_XPC, walk_request("alice", agent.peer()), service) == c.walk)
-                    ? 0 : 1);
-        }
-        EXPECT_EQ(tz::test::wait_status(child), 0);
+            return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
+                   put(&S::writeDataToPlistFile_XPC, std::string(32 * 1024, 'p')) == "FALSE" &&
+                   put(&S::writeDictionaryToPlistFile_XPC, std::string(96 * 1024, 't')) == "FALSE" &&
+                   (c.walk.empty() || call(&S::mibwalk_XPC, walk_request("alice", agent.peer()), service) == c.walk)
+                   ? 0 : 1;
+        }), 0);
         EXPECT_EQ(tz::test::listing(dir), c.after) << "links are written through, not replaced";
-        for (const auto& e : fs::directory_iterator(dir.path()))
+        ::chmod(dir.path().c_str(), 0755);
+        for (const auto& e : std::filesystem::directory_iterator(dir.path()))
             EXPECT_TRUE(!e.is_symlink() || call(&S::tzPListRemove_XPC, e.path().string(), service) == "TRUE") << e;
         EXPECT_EQ(put(&S::writeDataToPlistFile_XPC, "end"), "TRUE");
         EXPECT_EQ(call(&S::writeDataToPlistFileRename_XPC, url, service), "TRUE");
@@ -152,15 +114,13 @@ TEST(RequestFaults, TenMegabyteRequestsAreAnsweredInBoundedMemory) {
     ::setenv("ASAN_OPTIONS", (std::string(asan != nullptr ? asan : "") + ":quarantine_size_mb=0").c_str(), 1);
 #endif
     tz::test::PrivateBus bus(0);  // no idle exit: the peak belongs to one process
-    auto client = connect(bus);
+    auto client = tz::test::connect(bus);
     const std::string target = bus.prefs() + "big.plist", url = file_url(target);
     ASSERT_EQ(reply_of(client->write_dictionary(write_request(url, "<small/>"))), "TRUE");
     const pid_t service = bus.service_pid();
     const auto peak_kib = [&] {
-        std::ifstream status("/proc/" + std::to_string(service) + "/status");
-        for (std::string line; std::getline(status, line);)
-            if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
-        return -1L;
+        const std::string status = tz::test::read_file("/proc/" + std::to_string(service) + "/status");
+        return status.find("VmHWM:") == std::string::npos ? -1L : std::stol(status.substr(status.find("VmHWM:") + 6));
     };
     const long baseline = peak_kib();
     ASSERT_GT(baseline, 0);
@@ -169,10 +129,10 @@ TEST(RequestFaults, TenMegabyteRequestsAreAnsweredInBoundedMemory) {
     std::string markers = "T48Q:ModelName:ENDalice:USErName:END";  // two million ":arg:": far too many arguments
     while (markers.size() < kBig) markers += ":arg:";
     EXPECT_EQ(reply_of(client->write_dictionary(write_request(url, text))), "TRUE");
-    EXPECT_EQ(fs::file_size(target), kBig);
+    EXPECT_EQ(std::filesystem::file_size(target), kBig);
     EXPECT_EQ(reply_of(client->write_data(write_request(url, text))), "TRUE");
     EXPECT_EQ(reply_of(client->write_data_rename(url)), "TRUE");
-    EXPECT_EQ(fs::file_size(target), kBig);
+    EXPECT_EQ(std::filesystem::file_size(target), kBig);
     EXPECT_EQ(reply_of(client->exist(bus.prefs() + text)), "FALSE");
     EXPECT_EQ(reply_of(client->write_data(text)).rfind("error " + std::string(tz::bus::kRangeError) + ":", 0), 0u);
     EXPECT_EQ(reply_of(client->mib_walk(markers)), "iRet=-1");

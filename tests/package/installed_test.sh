@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# The Debian packages as installed and used, as root on a machine that may be changed (CI's): lintian, dpkg -i, the
-# probe, a walk and PreferencesDirectory for a member of lpadmin and another user, a second member's attacks on the
-# first's files, a build against the .pc file, the user unit verified, purge and what is left; all undone on exit.
+# The Debian packages as installed and used, as root on a machine that may be changed (CI's): built, installed, used
+# by a member of lpadmin and another user, the first's files attacked by a second member, purged; all undone on exit.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 [ "$(id -u)" -eq 0 ] || { echo "installed_test: must run as root (it installs packages)" >&2; exit 2; }
@@ -74,11 +73,10 @@ for user in "$member" "$other"; do
     echo "walk=$(walk)"' 2>&1 | tee "$work/$user.out" | sed 's/^/   | /' || true
   check "$user: PreferencesDirectory" "s \"$folder$user/\"" "$(value "$user" property)"
 done
-check "$member: is-admin" TRUE "$(value "$member" admin)"
+check "is-admin: $member (lpadmin), $other" "TRUE FALSE" "$(value "$member" admin) $(value "$other" admin)"
 check "$member: walk" iRet=0 "$(value "$member" walk)"
 check "$member: own folder 0700, profile plist the user's" "700 $member $member" \
   "$(stat -c '%a %U' "$folder$member") $(stat -c '%U' "$folder$member/$member-T48Q-profile.plist" 2>/dev/null)"
-check "$other: is-admin" FALSE "$(value "$other" admin)"
 check "$other: no folder of its own" no "$(test -e "$folder$other" && echo yes || echo no)"
 
 step "$attacker plants links, FIFOs and big files where $member's service works; $member calls"

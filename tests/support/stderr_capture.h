@@ -14,19 +14,18 @@ public:
     explicit StderrCapture(int fd = STDERR_FILENO) : fd_(fd), file_(std::tmpfile()), saved_(::dup(fd)) {
         std::fflush(nullptr), ::dup2(::fileno(file_), fd_);
     }
-    ~StderrCapture() { restore(), ::close(saved_), std::fclose(file_); }
+    ~StderrCapture() { finish(), ::close(saved_), std::fclose(file_); }
     StderrCapture(const StderrCapture&) = delete;
 
     // Ends the capture; returns what was written.
     std::string finish() {
-        restore(), std::rewind(file_);
+        std::fflush(nullptr), ::dup2(saved_, fd_), std::rewind(file_);
         std::string text;
         for (int c; (c = std::fgetc(file_)) != EOF;) text += static_cast<char>(c);
         return text;
     }
 
 private:
-    void restore() const { std::fflush(nullptr), ::dup2(saved_, fd_); }
     int fd_;
     std::FILE* file_;
     int saved_;
