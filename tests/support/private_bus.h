@@ -77,14 +77,10 @@ public:
 
     // The pid of the process that owns bus name `name` (by default the helper's) now, 0 if none.
     pid_t service_pid(std::string_view name = tz::bus::kBusName) const {
-        auto connection = sdbus::createSessionBusConnectionWithAddress(address_);
-        uint32_t pid = 0;
-        try {
-            sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
-                ->callMethod("GetConnectionUnixProcessID").onInterface("org.freedesktop.DBus")
-                .withArguments(std::string(name)).storeResultsTo(pid);
-        } catch (const sdbus::Error&) {}
-        return static_cast<pid_t>(pid);
+        const auto got = run_command({"busctl", "--address=" + address_, "call", "org.freedesktop.DBus",
+                                      "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                                      "s", std::string(name)});
+        return got.status == 0 && got.out.starts_with("u ") ? std::atoi(got.out.c_str() + 2) : 0;
     }
 
     void stop() {  // the daemon, and the service it started
