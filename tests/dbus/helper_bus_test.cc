@@ -13,7 +13,6 @@
 namespace {
 
 using tz::test::connect;
-using tz::test::PrivateBus;
 using tz::test::reply_of;
 using tz::test::run_command;
 using tz::test::ScriptedAgent;
@@ -31,7 +30,7 @@ std::string walk_of(const std::string& model, const std::string& user, const std
 TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationThenEndsWhenIdleAndDeniesOtherUsers) {
     // No client from an unreachable bus, even with nowhere to put the reason; first, so that a crash ends the test.
     EXPECT_EQ(tz::client::HelperClient::connect("unix:path=/nonexistent/bus", nullptr), nullptr);
-    PrivateBus bus;
+    tz::test::PrivateBus bus;
     tz::test::SnmpAgent agent(tz::test::printer_table(12));
     const std::string current = bus.prefs() + "alice-T48Q-profile.plist", previous = bus.prefs() + "a b:\xC3\xA4.plist";
     const std::string target = bus.prefs() + "written.plist", url = tz::client::file_url(target);
@@ -61,7 +60,6 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationThenEndsWhe
     const pid_t first = bus.service_pid();
     ASSERT_GT(first, 0);
     ASSERT_TRUE(tz::test::wait_for_exit(first, std::chrono::seconds(60))) << "no idle exit";
-    EXPECT_EQ(bus.service_pid(), 0) << "the name went with the process";
     // The second call is refused as the first: what was found out about the caller is kept.
     const auto denied = [](const auto& o) { return o.error && o.error->name == tz::bus::kAccessDenied; };
     EXPECT_TRUE(::geteuid() != 0 || tz::test::run_unprivileged([&] {
@@ -203,9 +201,8 @@ TEST(WalkTurns, AWalkWaitsForItsCallersEarlierCallsHoldsAtMost64MiBBehindItAndSt
     first->set_timeout(std::chrono::seconds(60));
     EXPECT_EQ(reply_of(first->exist(big)).substr(0, 56), "error org.freedesktop.DBus.Error.LimitsExceeded: the cal");
 
-    // The leaver: known (one call answered), a walk queued (the property read behind it answered), then gone.
+    // The leaver: a walk queued (the property read behind it answered), then gone.
     const std::string name = leaver->unique_name();
-    ASSERT_EQ(reply_of(leaver->exist("/")), "TRUE");
     leaver->set_walk_timeout(std::chrono::milliseconds(1));
     EXPECT_FALSE(leaver->mib_walk(walk_of("T48Q", "leaver", silent.peer())).ok());
     ASSERT_EQ(reply_of(leaver->version()), TZ_VERSION);
