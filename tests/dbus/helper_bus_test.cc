@@ -1,6 +1,5 @@
 // tzhelperd on a private dbus-daemon: activation, routing, Helper1, errors, uid check, idle exit, options, walk turns.
 #include <algorithm>
-#include <atomic>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -14,14 +13,15 @@
 namespace {
 
 using tz::test::connect;
-using tz::test::PrivateBus;
 using tz::test::reply_of;
 using tz::test::run_command;
 using tz::test::ScriptedAgent;
 
-std::string walk_of(const std::string& model, const std::string& user, const std::string& peer) {
+// A walk of the profile table at `peer` that waits `seconds` for each answer.
+std::string walk_of(const std::string& model, const std::string& user, const std::string& peer,
+                    const std::string& seconds = "20") {
     return tz::client::walk_request(
-        model, user, {"snmpwalk", "-v", "1", "-c", "public", "-t", "20", "-r", "0", peer, tz::test::kProfileTable});
+        model, user, {"snmpwalk", "-v", "1", "-c", "public", "-t", seconds, "-r", "0", peer, tz::test::kProfileTable});
 }
 
 // busctl, an independent client: one row per method, with a reply or file no other operation gives (the previous
@@ -30,7 +30,7 @@ std::string walk_of(const std::string& model, const std::string& user, const std
 TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationThenEndsWhenIdleAndDeniesOtherUsers) {
     // No client from an unreachable bus, even with nowhere to put the reason; first, so that a crash ends the test.
     EXPECT_EQ(tz::client::HelperClient::connect("unix:path=/nonexistent/bus", nullptr), nullptr);
-    PrivateBus bus;
+    tz::test::PrivateBus bus;
     tz::test::SnmpAgent agent(tz::test::printer_table(12));
     const std::string current = bus.prefs() + "alice-T48Q-profile.plist", previous = bus.prefs() + "a b:\xC3\xA4.plist";
     const std::string target = bus.prefs() + "written.plist", url = tz::client::file_url(target);
@@ -60,7 +60,6 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationThenEndsWhe
     const pid_t first = bus.service_pid();
     ASSERT_GT(first, 0);
     ASSERT_TRUE(tz::test::wait_for_exit(first, std::chrono::seconds(60))) << "no idle exit";
-    EXPECT_EQ(bus.service_pid(), 0) << "the name went with the process";
     // The second call is refused as the first: what was found out about the caller is kept.
     const auto denied = [](const auto& o) { return o.error && o.error->name == tz::bus::kAccessDenied; };
     EXPECT_TRUE(::geteuid() != 0 || tz::test::run_unprivileged([&] {
@@ -105,27 +104,34 @@ TEST(CommandLine, OptionsAndUsageErrors) {
 }
 
 // The folder check at start (one warning; walks wait until the folder can be made); under --debug the walks' lines.
-TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnostics) {
+// SIGTERM stops a walk (-t 86400 at a silent agent): its file is written and the service ends with 0.
+TEST(CommandLine, StderrCarriesTheFolderCheckAndUnderDebugTheWalksDiagnosticsAndSigtermStopsAWalk) {
     tz::test::PrivateBus bus;
+    const ScriptedAgent silent(R"("silent_from": "1")");
     const std::string parent = bus.dir().file("no"), folder = parent + "/u/", err = bus.dir().file("err");
     const pid_t service = tz::test::spawn({TZHELPERD_PATH, "--address", bus.address(), "--idle-exit", "0",
                                            "--preferences-dir", folder, "--debug"}, "", err);
-    for (int i = 0; i < 3000 && bus.service_pid() != service; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_EQ(bus.service_pid(), service) << "it never owned the name";
+    ASSERT_TRUE(tz::test::wait_until([&] { return bus.service_pid() == service; }, std::chrono::seconds(30)))
+        << "it never owned the name";
     std::filesystem::create_directory(parent);  // the next walk makes the folder
-    EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "9"}))),
+    const auto client = connect(bus);
+    EXPECT_EQ(reply_of(client->mib_walk(tz::client::walk_request("T48Q", "alice", {"snmpwalk", "-v", "9"}))),
               "iRet=-1");
-    EXPECT_EQ(reply_of(connect(bus)->mib_walk(tz::client::walk_request("T48Q", "alice",  // a count of 0 is said too
+    EXPECT_EQ(reply_of(client->mib_walk(tz::client::walk_request("T48Q", "alice",  // a count of 0 is said too
               {"snmpwalk", "-v", "1", "-c", "public", "-t", "0.2", "-r", "0", "-Cp", "127.0.0.1:1", "1.3"}))),
               "iRet=1");
+    client->set_walk_timeout(std::chrono::milliseconds(1));
+    EXPECT_FALSE(client->mib_walk(walk_of("T48Q", "carol", silent.peer(), "86400")).ok());
+    ASSERT_TRUE(silent.wait_for_requests(1));
     ASSERT_EQ(::kill(service, SIGTERM), 0);
     EXPECT_EQ(tz::test::wait_status(service), 0);
+    EXPECT_TRUE(tz::test::exists(folder + "carol-T48Q-profile.plist"));
     EXPECT_EQ(tz::test::read_file(err),
               "<4>tzhelperd: the preferences folder " + folder + " cannot be made: No such file or directory; walks do "
               "not run until it can: ask an administrator to add this user to the lpadmin group\n"
               "<7>tzhelperd: walk: Invalid version specified after -v flag: 9\n"
-              "<7>tzhelperd: walk: [UTIL-MIB] Variables found: 0\n");
+              "<7>tzhelperd: walk: [UTIL-MIB] Variables found: 0\n"
+              "<7>tzhelperd: walk: [UTIL-MIB] Variables found: 0\n");  // the stopped walk's
 }
 
 // Walks never overlap: each file is a lone walk's, and a walk asked for while another waits for its printer does not
@@ -140,35 +146,28 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
                                   walk_of("T49X", "bob", printers[1].peer())};
     const std::string files[2] = {bus.prefs() + "alice-T48Q-profile.plist", bus.prefs() + "bob-T49X-profile.plist"};
     const uint32_t variables[2] = {9 * 6, 14 * 6};
-    const auto clear =
-        [&] { for (const auto& e : std::filesystem::directory_iterator(bus.prefs())) std::filesystem::remove(e); };
 
-    std::string alone[2];
+    std::string alone[2];  // each walk writes only its own file
     for (int i = 0; i < 2; ++i) {
-        clear();
         ASSERT_EQ(reply_of(walkers[i]->mib_walk(walks[i])), "iRet=0");
         alone[i] = tz::test::read_file(files[i]);
     }
     for (int round = 0; round < 10; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        clear();
+        for (const auto& e : std::filesystem::directory_iterator(bus.prefs())) std::filesystem::remove(e);
         for (const ScriptedAgent& printer : printers) printer.hold(true);
         const int first = round % 2;
         const std::size_t asked[2] = {printers[0].requests().size(), printers[1].requests().size()};
         std::vector<uint32_t> counts[2];
         std::future<tz::client::Outcome> outcomes[2];
-        const auto start = [&](int i) {
+        for (const int i : {first, 1 - first}) {
             outcomes[i] = std::async(std::launch::async, [&, i] {
                 return walkers[i]->mib_walk(walks[i], [&, i](uint32_t n) { counts[i].push_back(n); });
             });
-        };
-        start(first);
-        ASSERT_TRUE(printers[first].wait_for_requests(asked[first] + 1)) << "the first walk never reached it";
-        start(1 - first);
+            ASSERT_TRUE(i != first || printers[i].wait_for_requests(asked[i] + 1)) << "the first walk never began";
+        }
         for (int call = 0; call < 2; ++call) EXPECT_EQ(reply_of(other->exist(bus.prefs())), "TRUE");
         EXPECT_EQ(printers[1 - first].requests().size(), asked[1 - first]) << "the second walk began too soon";
-        for (auto& outcome : outcomes)
-            EXPECT_EQ(outcome.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
         for (const ScriptedAgent& printer : printers) printer.hold(false);
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
@@ -180,58 +179,36 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
     }
 }
 
-// A caller's walk begins only once the calls it sent before are answered: when the printer hears the walk, the
-// 30 MB write sent right before it is whole.
-TEST(WalkTurns, ACallersWalkBeginsOnlyOnceItsEarlierCallsAreAnswered) {
-    tz::test::PrivateBus bus(30);
-    const ScriptedAgent printer(R"("rows": 1)");
-    const std::string target = bus.prefs() + "big.plist", big(30u << 20, 'x');
-    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
-    auto proxy = sdbus::createProxy(*connection, std::string(tz::bus::kBusName), std::string(tz::bus::kObjectPath));
-    std::atomic<int> replies = 0;
-    for (const auto& [method, request] :
-         {std::pair{tz::protocol::kWriteDictionary.name, tz::client::write_request(tz::client::file_url(target), big)},
-          {tz::protocol::kMibWalk.name, walk_of("T48Q", "alice", printer.peer())}})
-        proxy->callMethodAsync(std::string(method)).onInterface(std::string(tz::bus::kInterface))
-            .withArguments(request).uponReplyInvoke([&](const sdbus::Error*, std::string) { ++replies; });
-    connection->enterEventLoopAsync();
-    ASSERT_TRUE(printer.wait_for_requests(1));
-    std::error_code error;
-    EXPECT_EQ(std::filesystem::file_size(target, error), big.size()) << "the walk began before the write was done";
-    for (int tick = 0; tick < 30'000 && replies < 2; ++tick) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    EXPECT_EQ(replies, 2);
-    connection->leaveEventLoop();
-}
-
-// A caller that leaves gives up its waiting walk and stops its running one (-t 86400 at a silent agent), as SIGTERM
-// stops the service's; a running walk's caller keeps at most 64 MiB of requests behind it.
-TEST(WalkTurns, ACallerThatLeavesDropsItsWaitingWalkAndStopsItsRunningOneAsSigtermDoes) {
+// A caller's walk begins only once the calls it sent before are answered (when the printer hears the walk, the 30 MiB
+// write sent right before it is whole), and keeps at most 64 MiB of its caller's requests behind it. A caller that
+// leaves gives up its waiting walk and stops its running one (-t 86400 at a silent agent).
+TEST(WalkTurns, AWalkWaitsForItsCallersEarlierCallsHoldsAtMost64MiBBehindItAndStopsWhenItsCallerLeaves) {
     tz::test::PrivateBus bus(30);
     const ScriptedAgent printer(R"("rows": 3)"), silent(R"("silent_from": "1")");
     auto first = connect(bus), other = connect(bus), leaver = connect(bus);
-    const auto silent_walk = [&](const std::string& user) { return tz::client::walk_request("T48Q", user,
-        {"snmpwalk", "-v", "1", "-c", "public", "-t", "86400", "-r", "0", silent.peer(), tz::test::kProfileTable}); };
+    const std::string target = bus.prefs() + "big.plist", big(30u << 20, '/');
+    first->set_timeout(std::chrono::milliseconds(1));  // what is left of a call is sent by the next call that waits
     first->set_walk_timeout(std::chrono::milliseconds(1));
-    EXPECT_FALSE(first->mib_walk(silent_walk("alice")).ok());
+    EXPECT_FALSE(first->write_dictionary(tz::client::write_request(tz::client::file_url(target), big)).ok());
+    EXPECT_FALSE(first->mib_walk(walk_of("T48Q", "alice", silent.peer(), "86400")).ok());
+    first->set_timeout(std::chrono::seconds(60));
+    ASSERT_EQ(reply_of(first->version()), TZ_VERSION);  // a property read is answered behind a walk
     ASSERT_TRUE(silent.wait_for_requests(1));
-    const std::string big(30u << 20, '/');  // two kept behind the walk, the third past the limit
-    first->set_timeout(std::chrono::milliseconds(1));
+    std::error_code error;
+    EXPECT_EQ(std::filesystem::file_size(target, error), big.size()) << "the walk began before the write was done";
+    first->set_timeout(std::chrono::milliseconds(1));  // two kept behind the walk, the third past the limit
     for (int i = 0; i < 2; ++i) EXPECT_FALSE(first->exist(big).ok());
     first->set_timeout(std::chrono::seconds(60));
     EXPECT_EQ(reply_of(first->exist(big)).substr(0, 56), "error org.freedesktop.DBus.Error.LimitsExceeded: the cal");
 
-    // The leaver: known (one call answered), a walk queued (the property read behind it answered), then gone.
+    // The leaver: a walk queued (the property read behind it answered), then gone.
     const std::string name = leaver->unique_name();
-    ASSERT_EQ(reply_of(leaver->exist("/")), "TRUE");
     leaver->set_walk_timeout(std::chrono::milliseconds(1));
     EXPECT_FALSE(leaver->mib_walk(walk_of("T48Q", "leaver", silent.peer())).ok());
     ASSERT_EQ(reply_of(leaver->version()), TZ_VERSION);
     leaver.reset();
     // Once the bus has dropped the name, the service gets the departure before any later call.
-    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
-    auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-    for (bool has = true; has; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-        daemon->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name).storeResultsTo(has);
+    ASSERT_TRUE(tz::test::wait_until([&] { return bus.service_pid(name) == 0; }, std::chrono::seconds(60)));
     EXPECT_EQ(reply_of(other->exist("/")), "TRUE");
 
     // The first walk could not end (its agent is silent) if it went on; the leaver's would run next.
@@ -239,16 +216,6 @@ TEST(WalkTurns, ACallerThatLeavesDropsItsWaitingWalkAndStopsItsRunningOneAsSigte
     EXPECT_EQ(reply_of(other->mib_walk(walk_of("T48Q", "bob", printer.peer()))), "iRet=0");
     for (const auto& [user, walked] : {std::pair{"alice", true}, {"bob", true}, {"leaver", false}})
         EXPECT_EQ(tz::test::exists(bus.prefs() + user + "-T48Q-profile.plist"), walked) << user;
-
-    // SIGTERM during such a walk: the service ends, the file is there.
-    const std::size_t asked = silent.requests().size();
-    other->set_walk_timeout(std::chrono::milliseconds(1));
-    EXPECT_FALSE(other->mib_walk(silent_walk("carol")).ok());
-    ASSERT_TRUE(silent.wait_for_requests(asked + 1));
-    const pid_t service = bus.service_pid();
-    ASSERT_EQ(::kill(service, SIGTERM), 0);
-    EXPECT_TRUE(tz::test::wait_for_exit(service, std::chrono::seconds(60)));
-    EXPECT_TRUE(tz::test::exists(bus.prefs() + "carol-T48Q-profile.plist"));
 }
 
 }  // namespace

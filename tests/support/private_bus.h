@@ -33,12 +33,17 @@ inline CommandResult run_command(const std::vector<std::string>& argv) {
     return {status, read_file(dir.file("out")), read_file(dir.file("err"))};
 }
 
+// Polls `done` until it holds; false when it still does not after `limit`.
+inline bool wait_until(const auto& done, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return done();
+}
+
 // Waits until process `pid` (not only a child) has ended; false after `limit`.
 inline bool wait_for_exit(pid_t pid, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (::kill(pid, 0) == 0 && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return ::kill(pid, 0) != 0;
+    return wait_until([pid] { return ::kill(pid, 0) != 0; }, limit);
 }
 
 class PrivateBus {
@@ -70,16 +75,12 @@ public:
     std::string prefs() const { return dir_.file("prefs") + "/"; }
     const TempDir& dir() const { return dir_; }
 
-    // The pid of the process that owns the helper's name now, 0 if none.
-    pid_t service_pid() const {
-        auto connection = sdbus::createSessionBusConnectionWithAddress(address_);
-        uint32_t pid = 0;
-        try {
-            sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
-                ->callMethod("GetConnectionUnixProcessID").onInterface("org.freedesktop.DBus")
-                .withArguments(std::string(tz::bus::kBusName)).storeResultsTo(pid);
-        } catch (const sdbus::Error&) {}
-        return static_cast<pid_t>(pid);
+    // The pid of the process that owns bus name `name` (by default the helper's) now, 0 if none.
+    pid_t service_pid(std::string_view name = tz::bus::kBusName) const {
+        const auto got = run_command({"busctl", "--address=" + address_, "call", "org.freedesktop.DBus",
+                                      "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                                      "s", std::string(name)});
+        return got.status == 0 && got.out.starts_with("u ") ? std::atoi(got.out.c_str() + 2) : 0;
     }
 
     void stop() {  // the daemon, and the service it started

@@ -7,9 +7,7 @@
 
 namespace tz::test {
 
-using Operation = void (Service::*)(std::string_view, const Service::Reply&) const;
-
-inline std::string call(Operation operation, std::string_view request, const Service& service = Service()) {
+inline std::string call(Service::Operation operation, std::string_view request, const Service& service = Service()) {
     int replies = 0;
     std::string reply;
     (service.*operation)(request, [&](const std::string& text) { reply = text, ++replies; });
