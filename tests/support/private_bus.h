@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <thread>
-
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
@@ -31,14 +29,6 @@ inline CommandResult run_command(const std::vector<std::string>& argv) {
     const TempDir dir;
     const int status = wait_status(spawn(argv, dir.file("out"), dir.file("err")));
     return {status, read_file(dir.file("out")), read_file(dir.file("err"))};
-}
-
-// Polls `done` until it holds; false when it still does not after `limit`.
-inline bool wait_until(const auto& done, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return done();
 }
 
 // Waits until process `pid` (not only a child) has ended; false after `limit`.

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
-#include <thread>
 
 #include "temp_dir.h"
 
@@ -32,9 +31,7 @@ public:
     int most_waiting() const { return exists(log_ + ".most") ? std::stoi(read_file(log_ + ".most")) : 0; }
     // Whether `count` requests came within a minute.
     bool wait_for_requests(std::size_t count) const {
-        for (int tick = 0; tick < 30'000; ++tick, std::this_thread::sleep_for(std::chrono::milliseconds(2)))
-            if (requests().size() >= count) return true;
-        return false;
+        return wait_until([&] { return requests().size() >= count; }, std::chrono::minutes(1));
     }
     // Held, answers wait; let go, the agent sends them in order.
     void hold(bool on) const {

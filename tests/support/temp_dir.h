@@ -1,16 +1,18 @@
-// A temporary folder for one test, removed with everything in it at the end, whole-file reads and writes, and
-// child processes.
+// A temporary folder for one test, removed with everything in it at the end, whole-file reads and writes, child
+// processes, and polling for a condition.
 #pragma once
 
 #include <fcntl.h>
 #include <spawn.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -52,6 +54,14 @@ inline std::string read_file(const std::string& path) {
 inline bool exists(const std::string& path) {
     std::error_code ignored;
     return std::filesystem::symlink_status(path, ignored).type() != std::filesystem::file_type::not_found;
+}
+
+// Polls `done` until it holds; false when it still does not after `limit`.
+inline bool wait_until(const auto& done, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return done();
 }
 
 // Starts `argv` (PATH lookup) with `env` (none given: ours), stdin /dev/null, stdout/stderr to files `out`/`err`
