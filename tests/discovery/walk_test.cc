@@ -216,6 +216,11 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     EXPECT_EQ(std::pair(probes[1].name, probes[1].known), std::pair(oid_of(cell(3, 9)), false));
     learn(oid_of(cell(2, 7)), oid_of(cell(2, 7)));  // an answer that does not go past its name shows no row
     EXPECT_EQ(after(2, 5, false), std::pair(oid_of(cell(2, 9)), true));
+    // A step between two addresses of one column goes up before the last sub-identifier, yet shows no table.
+    const Name from = oid_of(kT + ".9.4.127.0.0.1"), to = oid_of(kT + ".9.4.192.0.2.2");
+    predictor.passed(from);
+    learn(from, to);
+    EXPECT_FALSE(predictor.after(to, true)) << "no column 193";
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {

@@ -103,14 +103,19 @@ void NamePredictor::learn(const Name& asked, const netsnmp_pdu* answer) {
 }
 
 // A step from `asked` to `next` of the same length that goes up in a
-// sub-identifier before the last goes from one column of a table to a later
-// one: the table is what comes before that sub-identifier.
+// sub-identifier before the last, to a row not past the one it left, goes
+// from one column of a table to a later one: the table is what comes before
+// that sub-identifier. (A column's first row is at or before the last row of
+// the column before it; a step between two rows of one column goes past.)
 void NamePredictor::find_table(const Name& asked, const Name& next) {
     if (asked.size() != next.size() || asked.size() <= root_.size()) return;
     const auto differ = std::mismatch(asked.begin() + static_cast<std::ptrdiff_t>(root_.size()), asked.end(),
                                       next.begin() + static_cast<std::ptrdiff_t>(root_.size()));
     const auto at = static_cast<std::size_t>(differ.first - asked.begin());
     if (at + 1 >= next.size() || next[at] <= asked[at]) return;
+    if (std::lexicographical_compare(asked.begin() + static_cast<std::ptrdiff_t>(at) + 1, asked.end(),
+                                     next.begin() + static_cast<std::ptrdiff_t>(at) + 1, next.end()))
+        return;
     Name prefix(next.begin(), next.begin() + static_cast<std::ptrdiff_t>(at));
     if (tables_.count(prefix) != 0 || tables_.size() >= kMaxTables) return;
     std::vector<Name> seen = std::exchange(remembered_, {});
@@ -278,11 +283,20 @@ int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& res
     if (pace_ > 1) predictor_->passed(head);  // at a pace of 1 nothing is guessed: no bookkeeping
     advancing_ = head_.empty() || head > head_;  // an agent that repeats itself: guesses cannot help
     head_ = head;
-    // Guesses below the new name are ones the chain has passed.
+    // Guesses below the new name are ones the chain has passed: a guess
+    // along a run among them, in a column the chain has left, went past the
+    // column's end.
     const bool guessed = !guesses_.empty();
-    guesses_.erase(guesses_.begin(), guesses_.lower_bound(head));
+    const auto passed = guesses_.lower_bound(head);
+    const bool overshot = std::any_of(guesses_.begin(), passed, [&](const auto& guess) {
+        const Name& name = guess.first;
+        return !guess.second.known &&
+               (name.size() != head.size() || !std::equal(name.begin(), name.end() - 1, head.begin()));
+    });
+    guesses_.erase(guesses_.begin(), passed);
     if (guesses_.count(head) != 0) {
-        window_.hit();
+        if (overshot) window_.miss();
+        else window_.hit();
         if (wait_for_guess(head)) {
             const auto used = guesses_.find(head);
             response = std::move(used->second.answer);

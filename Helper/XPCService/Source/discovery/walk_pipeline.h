@@ -13,8 +13,10 @@
 //  - every name an answer reveals inside the subtree is one the walk will
 //    reach, so asking for what follows it is never wasted;
 //  - a table's columns share their rows: a step from one column to a later
-//    one (same length, up in a sub-identifier before the last) shows where a
-//    table's column sits, anywhere under the root; from then on the walk
+//    one (same length, up in a sub-identifier before the last, to a row not
+//    past the one it left: a step between two rows of one column goes past,
+//    as from address 127.0.0.1 to 192.0.2.2) shows where a table's column
+//    sits, anywhere under the root; from then on the walk
 //    knows its rows (row indexes of any length) and predicts every later
 //    column's names exactly, row after row, then the next known column;
 //  - the last known row of the current column and of up to three columns
@@ -53,7 +55,8 @@
 // round trip / time per answer. The congestion window, for guesses along
 // runs: it starts at 16, grows by one per used guess up to the threshold,
 // then by one per window's worth; it is halved, to 16 at most and 2 at
-// least, when the chain goes where no guess pointed, and back to 2 with the
+// least, when the chain goes where no guess pointed or passes a guess along
+// a run that it never used (the run ended before it), and back to 2 with the
 // threshold halved when a request went unanswered for a whole timeout.
 // Neither exceeds the cap; with a cap of 1 nothing is guessed and the walk
 // sends exactly the sequential walk's requests, one at a time; a negative
