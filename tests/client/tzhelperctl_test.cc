@@ -97,6 +97,8 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
         }
     }
     EXPECT_EQ(tz::test::read_file(prefs + "w.plist"), "<plist/>");
+    // Without --debug the service keeps the walks' diagnostics (of -Z, say) out of its stderr.
+    EXPECT_EQ(tz::test::read_file(served.dir().file("daemon.err")).find("tzhelperd: walk"), std::string::npos);
     // raw's help lists the eight methods two to a line, the last after "or".
     const std::string raw_help = run_command({kCtl, "raw", "--help"}).out;
     EXPECT_NE(raw_help.find(",\n           writeDataToPlistFileRename_XPC or mibwalk_XPC\n"), std::string::npos);

@@ -1,4 +1,5 @@
-// A private session bus (any user may connect) on which TZHELPERD_PATH is activatable; commands run for output.
+// A private session bus (any user may connect) on which TZHELPERD_PATH is activatable, its stderr (and the
+// services' it starts) in daemon.err; commands run for output.
 #pragma once
 
 #include <fcntl.h>
@@ -51,7 +52,7 @@ public:
         int pipe[2];
         if (::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
         daemon_ = spawn({"dbus-daemon", "--nofork", "--config-file=" + dir_.file("bus.conf"), "--print-address=3"},
-                        dir_.file("daemon.out"), "", pipe[1]);
+                        dir_.file("daemon.out"), dir_.file("daemon.err"), pipe[1]);
         ::close(pipe[1]);
         for (char c = 0; daemon_ > 0 && ::read(pipe[0], &c, 1) == 1 && c != '\n';) address_ += c;
         ::close(pipe[0]);
