@@ -106,9 +106,9 @@ TEST(Tzhelperctl, ExitStatusMessageAndJsonSayWhatTheOutcomeMeans) {
 
 TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
     PrivateBus bus;
-    const auto run = [&](int rows, Args args) {
+    const auto run = [&](int rows, Args args, const PrivateBus* on = nullptr) {
         tz::test::SnmpAgent agent(tz::test::printer_table(rows));
-        args.insert(args.begin(), {kCtl, "--address", bus.address()});
+        args.insert(args.begin(), {kCtl, "--address", (on ? *on : bus).address()});
         if (rows > 0) args.insert(args.end(), {"walk", "--model", "T48Q", "--user", "bob", "--", "-v", "1", "-c",
                                                "public", agent.peer(), tz::test::kProfileTable});
         return run_command(args);
@@ -131,6 +131,12 @@ TEST(Tzhelperctl, AWalkSaysWhatItChangedAndShowFindsTheFileThroughTheHelper) {
                                  "\"Profile 6\"           InMenu 2 -> 1\n";
     const auto again = run(5, {});
     EXPECT_EQ(again.out + again.err, "iRet=0\nRGB: no change\nSIM: " + remarked + "DST: " + remarked);
+    // A helper whose folder property cannot be read (a bus that refuses the Get) still walks: only the summary is lost.
+    const PrivateBus refusing(1, R"(<deny send_interface="org.freedesktop.DBus.Properties" send_member="Get"/>)");
+    const auto unsummed = run(5, {}, &refusing);
+    EXPECT_TRUE(unsummed.out.starts_with("iRet=0") && tz::test::exists(refusing.prefs() + "bob-T48Q-profile.plist"))
+        << unsummed.out << unsummed.err;
+    EXPECT_NE(unsummed.err.find("the helper's preferences folder is unknown: "), std::string::npos) << unsummed.err;
 }
 
 // Slots {slot, InMenu, FILE, LOCATION} before and after; changes "+FILE@LOC:OLD>NEW" added, "-..." dropped, "~..."

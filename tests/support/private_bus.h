@@ -39,12 +39,14 @@ inline bool wait_for_exit(pid_t pid, std::chrono::milliseconds limit) {
 
 class PrivateBus {
 public:
-    explicit PrivateBus(int idle_exit_seconds = 1) {
+    // `policy`: rules added to the bus's default policy, after those that allow everything.
+    explicit PrivateBus(int idle_exit_seconds = 1, const std::string& policy = "") {
         for (const char* sub : {"services", "prefs"}) std::filesystem::create_directory(dir_.path() / sub);
         for (const std::string& folder : {dir_.path().string(), prefs()}) ::chmod(folder.c_str(), 0755);
         std::string config = read_file(TZ_SESSION_BUS_CONF);
         for (std::size_t at; (at = config.find("@DIR@")) != std::string::npos;)
             config.replace(at, 5, dir_.path().string());
+        config.insert(config.find("</policy>"), policy);
         write_file(dir_.file("bus.conf"), config);
         write_file(dir_.file("services/tazorex.printers.T48Q.Helper.service"),
                    "[D-BUS Service]\nName=tazorex.printers.T48Q.Helper\nExec=" TZHELPERD_PATH " --idle-exit " +
