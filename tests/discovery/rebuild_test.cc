@@ -37,6 +37,10 @@ TEST_F(Spool, FilesColumnsByRowCountsIndexCellsAndIgnoresEverythingElse) {
                                     std::string("1.3.6.1.4.1.99992.1.1.1.1.6.13.1.1.1.1.1")})
         spool_int(name, 7);
     spool_int(cell(1, 1), 7, 17);  // 17 sub-identifiers: no row
+    std::vector<oid> name = oid_of(cell(1, 1));  // a variable without its name, a name without its variable
+    netsnmp_variable_list* var = nullptr;
+    snmp_varlist_add_variable(&var, name.data(), name.size(), ASN_INTEGER, "\0\0\0\7", 4);
+    vSpoolPlist(nullptr, 0, var, 0), vSpoolPlist(name.data(), 0, nullptr, 0), snmp_free_varbind(var);
     EXPECT_TRUE(same_bytes(PlistForSpool, SpoolTable{}));
     for (int r : {1, 2, 5, 500}) spool_row(r, 10 + r, 4 + r, "F" + std::to_string(r) + ".ICC", r % 7, "Name");
     spool_int(cell(1, 1), 1);             // the same cell again counts again
