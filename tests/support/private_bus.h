@@ -1,5 +1,5 @@
-// A private session bus (any user may connect) on which TZHELPERD_PATH is activatable, its stderr (and the
-// services' it starts) in daemon.err; commands run for output.
+// A private session bus (any user may connect; its and its services' stderr in daemon.err) on which TZHELPERD_PATH
+// is activatable; commands run for output.
 #pragma once
 
 #include <fcntl.h>
