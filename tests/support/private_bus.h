@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <cstdio>
+
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "bus_names.h"
@@ -76,13 +78,14 @@ public:
         return got.status == 0 && got.out.starts_with("u ") ? std::atoi(got.out.c_str() + 2) : 0;
     }
 
-    void stop() {  // the daemon, and the service it started
+    void stop() {  // the daemon, and the service it started; then what they wrote to stderr goes to ours
         if (daemon_ <= 0) return;
         const pid_t service = address_.empty() ? 0 : service_pid();
         ::kill(daemon_, SIGTERM);
         ::waitpid(daemon_, nullptr, 0);
         daemon_ = -1;
         if (service > 0) wait_for_exit(service, std::chrono::seconds(30));
+        if (exists(dir_.file("daemon.err"))) std::fputs(read_file(dir_.file("daemon.err")).c_str(), stderr);
     }
 
 private:
