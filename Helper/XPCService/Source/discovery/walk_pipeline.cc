@@ -56,6 +56,12 @@ constexpr std::size_t kMaxTables = 1024;
 // one that does not know its request id. One walk at a time per process.
 std::atomic<GetNextPipeline*> live_pipeline{nullptr};
 
+// Whether two names are of one column: of one length, alike but for the
+// last sub-identifier.
+bool in_one_column(const Name& a, const Name& b) {
+    return !a.empty() && a.size() == b.size() && std::equal(a.begin(), a.end() - 1, b.begin());
+}
+
 }  // namespace
 
 Pdu request_for(int command, const oid* name, std::size_t name_length) {
@@ -67,8 +73,7 @@ Pdu request_for(int command, const oid* name, std::size_t name_length) {
 void NamePredictor::passed(const Name& head) {
     if (first_.empty() && head.size() > root_.size()) first_ = head;
     // A column runs while the chain's last step in it was one up.
-    if (head.size() > root_.size() && head.size() == previous_.size() &&
-        std::equal(head.begin(), head.end() - 1, previous_.begin())) {
+    if (head.size() > root_.size() && in_one_column(head, previous_)) {
         Name column(head.begin(), head.end() - 1);
         if (head.back() == previous_.back() + 1) runs_.insert(std::move(column));
         else runs_.erase(column);
@@ -86,8 +91,7 @@ void NamePredictor::learn(const Name& asked, const netsnmp_pdu* answer) {
     if (var != nullptr && (var->type & 0x80) == 0) next.assign(var->name, var->name + var->name_length);
     const bool inside = next.size() > root_.size() && std::equal(root_.begin(), root_.end(), next.begin());
     const Name column(asked.begin(), asked.end() - (asked.empty() ? 0 : 1));
-    const bool same_column = inside && next > asked && next.size() == asked.size() &&
-                             std::equal(column.begin(), column.end(), next.begin());
+    const bool same_column = inside && next > asked && in_one_column(asked, next);
     if (!same_column && asked.size() > root_.size()) {  // nothing in this column past `asked`
         const auto end = ends_.try_emplace(column, asked.back()).first;
         end->second = std::min(end->second, asked.back());
@@ -214,8 +218,7 @@ std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool r
     if (auto gap = gaps_.upper_bound(name); gap != gaps_.begin() && (--gap)->second > name &&
                                             gap->first.size() == name.size() && gap->first <= name)
         return best;
-    const bool first_column = first_.size() == name.size() && std::equal(column.begin(), column.end(), first_.begin());
-    if (!first_column && runs_.count(column) == 0) return best;
+    if (!in_one_column(name, first_) && runs_.count(column) == 0) return best;
     Name next = name;
     ++next.back();
     consider(std::move(next), false);
@@ -231,8 +234,7 @@ oid NamePredictor::end_of(const Name& column) const {
     if (end == ends_.begin() || column.empty()) return kMaxSubIdentifier;
     --end;
     const Name& sibling = end->first;
-    const bool beside = sibling.size() == column.size() && std::equal(column.begin(), column.end() - 1, sibling.begin());
-    return beside ? end->second : kMaxSubIdentifier;
+    return in_one_column(column, sibling) ? end->second : kMaxSubIdentifier;
 }
 
 Window::Window(int32_t cap)
@@ -289,9 +291,7 @@ int GetNextPipeline::exchange(const oid* name, std::size_t name_length, Pdu& res
     const bool guessed = !guesses_.empty();
     const auto passed = guesses_.lower_bound(head);
     const bool overshot = std::any_of(guesses_.begin(), passed, [&](const auto& guess) {
-        const Name& name = guess.first;
-        return !guess.second.known &&
-               (name.size() != head.size() || !std::equal(name.begin(), name.end() - 1, head.begin()));
+        return !guess.second.known && !in_one_column(guess.first, head);
     });
     guesses_.erase(guesses_.begin(), passed);
     if (guesses_.count(head) != 0) {
