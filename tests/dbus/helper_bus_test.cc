@@ -158,16 +158,21 @@ TEST(WalkTurns, TwoWalksAtOnceEachLeaveTheirFileAsALoneWalkAndAThirdCallerIsServ
         for (const ScriptedAgent& printer : printers) printer.hold(true);
         const int first = round % 2;
         const std::size_t asked[2] = {printers[0].requests().size(), printers[1].requests().size()};
+        const auto began = [&](int i) {  // a walk begins with its root; guesses of the last may still come in
+            const auto seen = printers[i].requests();
+            return std::find(seen.begin() + asked[i], seen.end(), "getnext " + tz::test::kProfileTable) != seen.end();
+        };
         std::vector<uint32_t> counts[2];
         std::future<tz::client::Outcome> outcomes[2];
         for (const int i : {first, 1 - first}) {
             outcomes[i] = std::async(std::launch::async, [&, i] {
                 return walkers[i]->mib_walk(walks[i], [&, i](uint32_t n) { counts[i].push_back(n); });
             });
-            ASSERT_TRUE(i != first || printers[i].wait_for_requests(asked[i] + 1)) << "the first walk never began";
+            ASSERT_TRUE(i != first || tz::test::wait_until([&] { return began(i); }, std::chrono::minutes(1)))
+                << "the first walk never began";
         }
         for (int call = 0; call < 2; ++call) EXPECT_EQ(reply_of(other->exist(bus.prefs())), "TRUE");
-        EXPECT_EQ(printers[1 - first].requests().size(), asked[1 - first]) << "the second walk began too soon";
+        EXPECT_FALSE(began(1 - first)) << "the second walk began too soon";
         for (const ScriptedAgent& printer : printers) printer.hold(false);
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(reply_of(outcomes[i].get()), "iRet=0");
