@@ -183,13 +183,13 @@ TEST(Walk, OneRequestAtATimeSendsTheSequentialRequests) {
     EXPECT_EQ(std::tie(requests[0], requests[2]), std::tuple("get " + kT, "getnext " + cell(1, 1)));
 }
 
-// Once the first column has shown rows 1, 5 and 9, the rest of the table is named exactly, and past the last known
-// column only a guess along a run is offered.
+// Once the first column has shown rows 1, 5 and 9, the rest of the table is named exactly, past the last known column
+// only a guess along a run is offered, and past an answer that left the root nothing.
 TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     NamePredictor predictor(oid_of(kT));
-    const auto learn = [&](const Name& asked, const Name& next) {
+    const auto learn = [&](const Name& asked, const Name& next, long error = SNMP_ERR_NOERROR) {
         netsnmp_pdu* answer = snmp_pdu_create(SNMP_MSG_RESPONSE);
-        answer->errstat = SNMP_ERR_NOERROR;
+        answer->errstat = error;
         snmp_add_null_var(answer, next.data(), next.size());
         predictor.learn(asked, answer);
         snmp_free_pdu(answer);
@@ -220,6 +220,17 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     const Name from = oid_of(kT + ".9.4.127.0.0.1"), to = oid_of(kT + ".9.4.192.0.2.2");
     learn(from, to);
     EXPECT_FALSE(predictor.after(to, true)) << "no column 193";
+    learn(oid_of(cell(3, 10)), oid_of("1.3.6.2"));  // an answer that leaves the root: nothing is guessed past
+    EXPECT_EQ(predictor.probes(oid_of(cell(2, 1))).size(), 2u);
+    learn(oid_of(cell(2, 10)), oid_of(cell(2, 10)), SNMP_ERR_NOSUCHNAME);  // nor past SNMPv1's end
+    EXPECT_FALSE(predictor.after(oid_of(cell(2, 9)), true));
+    // Before any table, in the first column: the next seven subtrees, and not a name one shows past a run held back.
+    predictor = NamePredictor(oid_of(kT));
+    predictor.passed(oid_of(cell(1, 1)));
+    EXPECT_EQ(predictor.probes(oid_of(cell(1, 1))).back().name, oid_of(kT + ".8"));
+    learn(oid_of(kT + ".5"), oid_of(cell(5, 1)));
+    EXPECT_FALSE(predictor.after(oid_of(cell(1, 1)), false));
+    EXPECT_EQ(predictor.after(oid_of(cell(1, 1)), true)->name, oid_of(cell(1, 2)));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {

@@ -42,7 +42,7 @@ char sDEBUGmsg[128];
 
 namespace {
 // The default cap of GETNEXT requests in flight; tz_discovery.h says why.
-constexpr int32_t kDefaultWalkWindow = 64;
+constexpr int32_t kDefaultWalkWindow = 128;
 std::atomic<TZWalkDebugHook> debug_hook{nullptr};
 std::atomic<TZWalkProgressHook> progress_hook{nullptr};
 std::atomic<int32_t> walk_window{kDefaultWalkWindow};

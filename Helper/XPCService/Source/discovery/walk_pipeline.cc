@@ -40,6 +40,12 @@ constexpr oid kColumnsAhead = 1;
 // each answer shows the column after it, so columns are found this many per
 // round trip, at the cost of as many requests past the table's end.
 constexpr oid kColumnsProbed = 3;
+// Subtrees under the root, after the first name's, asked for while the
+// walk's first column is still being guessed: over a table the answers are
+// its next columns' first names, and past its last column where it ends,
+// known a round trip before the first column ends, at the cost of this many
+// requests once per walk. A printer's profile table has seven columns.
+constexpr oid kSubtreesProbed = 7;
 // Answers between two decisions on the pace, once it is known.
 constexpr long kPaceEvery = 32;
 // One exchange in this many is timed (its round trip on the chain, the
@@ -90,6 +96,11 @@ void NamePredictor::learn(const Name& asked, const netsnmp_pdu* answer) {
     Name next;
     if (var != nullptr && (var->type & 0x80) == 0) next.assign(var->name, var->name + var->name_length);
     const bool inside = next.size() > root_.size() && std::equal(root_.begin(), root_.end(), next.begin());
+    // An answer past the root's subtree, endOfMibView or (SNMPv1) noSuchName:
+    // nothing under the root follows `asked`.
+    const bool ended = var != nullptr ? !inside && ((var->type & 0x80) != 0 || next > asked)
+                                      : answer != nullptr && answer->errstat == SNMP_ERR_NOSUCHNAME;
+    if (ended && (last_.empty() || asked < last_)) last_ = asked;
     const Name column(asked.begin(), asked.end() - (asked.empty() ? 0 : 1));
     const bool same_column = inside && next > asked && in_one_column(asked, next);
     if (!same_column && asked.size() > root_.size()) {  // nothing in this column past `asked`
@@ -168,21 +179,38 @@ Name NamePredictor::cell(const Name& name, const Table& table, oid column, const
 
 std::vector<NamePredictor::Next> NamePredictor::probes(const Name& name) const {
     std::vector<Next> found;
+    const std::size_t at = root_.size();
     const Table* table = table_of(name);
-    if (table == nullptr || table->rows.size() < 2 || name.size() != table->at + 1 + table->row_length) return found;
-    const oid last = *table->columns.rbegin();
-    for (oid column = name[table->at]; column <= last + kColumnsProbed && column < kMaxSubIdentifier; ++column) {
-        const bool shown = table->columns.count(column) != 0;
-        if ((shown || column > last) && table->closed.count(column) == 0)
-            found.push_back({cell(name, *table, column, *table->rows.rbegin()), shown});
+    if (tables_.empty() && first_.size() > at + 1 && in_one_column(name, first_)) {
+        // Before any table, in the walk's first column: the subtrees under
+        // the root after the first name's, whose answers are their first names.
+        Name subtree(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(at) + 1);
+        while (subtree[at] - first_[at] < kSubtreesProbed && subtree[at] < kMaxSubIdentifier)
+            ++subtree[at], found.push_back({subtree, true});
+    } else if (table != nullptr && table->rows.size() >= 2 && name.size() == table->at + 1 + table->row_length) {
+        const oid last = *table->columns.rbegin();
+        for (oid column = name[table->at]; column <= last + kColumnsProbed && column < kMaxSubIdentifier; ++column) {
+            const bool shown = table->columns.count(column) != 0;
+            if ((shown || column > last) && table->closed.count(column) == 0)
+                found.push_back({cell(name, *table, column, *table->rows.rbegin()), shown});
+        }
     }
+    std::erase_if(found, [&](const Next& probe) { return past_end(probe.name); });
     return found;
 }
 
+// A guess along a run held back leaves none: one further on would take the
+// guesses that follow it away from where the chain is.
 std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool runs) const {
+    auto best = nearest(name);
+    return best && (best->known || runs) ? best : std::nullopt;
+}
+
+std::optional<NamePredictor::Next> NamePredictor::nearest(const Name& name) const {
     std::optional<Next> best;
     const auto consider = [&](Name candidate, bool known) {
-        if (candidate > name && (!best || candidate < best->name)) best = Next{std::move(candidate), known};
+        if (candidate > name && !past_end(candidate) && (!best || candidate < best->name))
+            best = Next{std::move(candidate), known};
     };
     if (const auto shown = revealed_.upper_bound(name); shown != revealed_.end()) consider(*shown, true);
     const Table* table = table_of(name);
@@ -201,16 +229,16 @@ std::optional<NamePredictor::Next> NamePredictor::after(const Name& name, bool r
         if (!shown && later != columns.end()) {
             consider(cell(name, *table, *later, *rows.begin()), true);
         } else if (next != rows.end()) {
-            if (shown || runs) consider(cell(name, *table, column, *next), shown);
+            consider(cell(name, *table, column, *next), shown);
         } else if (later != columns.end()) {
             consider(cell(name, *table, *later, *rows.begin()), true);
-        } else if (runs && table->closed.count(column) == 0 && column < *columns.rbegin() + kColumnsAhead &&
+        } else if (table->closed.count(column) == 0 && column < *columns.rbegin() + kColumnsAhead &&
                    column < kMaxSubIdentifier) {
             consider(cell(name, *table, column + 1, *rows.begin()), false);
         }
         return best;
     }
-    if (!runs || name.size() <= root_.size() || name.back() >= kMaxSubIdentifier) return best;
+    if (name.size() <= root_.size() || name.back() >= kMaxSubIdentifier) return best;
     // Along a run: not past the column's known end, not into a known gap,
     // and only once the column has shown a run.
     const Name column(name.begin(), name.end() - 1);

@@ -23,6 +23,12 @@
 //    past the last one shown is asked early: each answer shows the column
 //    after it, so columns are found without a round trip each; while that
 //    answer is out, the next column's rows are guessed as a run is;
+//  - before any table is found, while the chain is in its first column,
+//    the next seven subtrees under the root are asked for: over a table
+//    their answers are its later columns' first names and, past its last
+//    column, its end, a round trip before the first column ends;
+//  - an answer that leaves the root's subtree (endOfMibView, or SNMPv1's
+//    noSuchName) shows where the walk ends: nothing past it is guessed;
 //  - elsewhere (the first column of a table, or outside any) it guesses the
 //    last sub-identifier plus one along runs (except in the walk's first
 //    column, only while the chain's last step there was one up), but never
@@ -139,7 +145,8 @@ public:
     // The last known row of `name`'s table column and of the columns after
     // it, up to a few past the last one shown, where what follows is not yet
     // known: asked early, they show the columns that follow before the
-    // guesses get there. None outside a table.
+    // guesses get there. Before any table, in the walk's first column: the
+    // next subtrees under the root. None elsewhere, and none past the end.
     std::vector<Next> probes(const Name& name) const;
 
 private:
@@ -156,10 +163,13 @@ private:
     void learn_table(const Name& name);
     Table* table_of(const Name& name);
     const Table* table_of(const Name& name) const;
+    // after() with guesses along runs allowed.
+    std::optional<Next> nearest(const Name& name) const;
     static Name row_of(const Table& table, const Name& name);
     // The name in `name`'s table at `column` and `row`.
     static Name cell(const Name& name, const Table& table, oid column, const Name& row);
     oid end_of(const Name& column) const;
+    bool past_end(const Name& name) const { return !last_.empty() && name > last_; }
 
     static constexpr std::size_t kMaxRemembered = 20000;  // names kept outside any known table
     Name root_;
@@ -171,6 +181,7 @@ private:
     std::map<Name, Name> gaps_;      // asked -> answered in the same column: no name between them
     std::set<Name> runs_;            // columns whose last step on the chain was one up
     Name previous_;                  // the chain's last name
+    Name last_;                      // the first name asked that no name under the root follows; empty: none yet
 };
 
 class GetNextPipeline {

@@ -27,7 +27,7 @@ constexpr const char* kUsage =
     "Serves tazorex.printers.T48Q.Helper on the user's D-Bus session bus.\n\n"
     "  --idle-exit SECONDS    end after SECONDS without a call (default 60, 0 never);\n"
     "                         the bus starts a fresh process on the next call\n"
-    "  --walk-window N        keep up to N requests of a walk in flight (default 64)\n"
+    "  --walk-window N        keep up to N requests of a walk in flight (default 128)\n"
     "  --walk-timeout SECONDS stop a walk after SECONDS (default 600)\n"
     "  --walk-max-variables N stop a walk after N variables (default 1000000); so\n"
     "                         stopped, as by SIGTERM or its caller leaving, a walk\n"
