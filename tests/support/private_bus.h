@@ -1,5 +1,5 @@
 // A private session bus (any user may connect; its and its services' stderr in daemon.err) on which TZHELPERD_PATH
-// is activatable; commands run for output.
+// is activatable; commands run for output; a walk request of the profile table.
 #pragma once
 
 #include <fcntl.h>
@@ -13,6 +13,7 @@
 
 #include "bus_names.h"
 #include "helper_client.h"
+#include "snmp_agent.h"
 #include "temp_dir.h"
 
 namespace tz::test {
@@ -96,10 +97,16 @@ private:
 
 // A client on `bus`; throws (failing the test) when it cannot be made.
 inline std::unique_ptr<tz::client::HelperClient> connect(const PrivateBus& bus) {
-    tz::client::BusError error;
-    auto client = tz::client::HelperClient::connect(bus.address(), &error);
-    if (!client) throw std::runtime_error("cannot connect: " + error.name + ": " + error.message);
+    auto client = tz::client::HelperClient::connect(bus.address(), nullptr);
+    if (!client) throw std::runtime_error("cannot connect to " + bus.address());
     return client;
+}
+
+// A walk request for the profile table at `peer` that waits `seconds` for each answer.
+inline std::string walk_of(const std::string& model, const std::string& user, const std::string& peer,
+                           const std::string& seconds = "20") {
+    return tz::client::walk_request(
+        model, user, {"snmpwalk", "-v", "1", "-c", "public", "-t", seconds, "-r", "0", peer, kProfileTable});
 }
 
 // The reply, or "error <name>: <message>".
