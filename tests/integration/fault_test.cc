@@ -54,9 +54,9 @@ TEST(WalkFaults, AKilledServiceIsStartedAgainAndASilentAgentLeavesTheRowsThatArr
     EXPECT_EQ(slots_in_use(plist), "RGB 267 PRF00400.ICC {2}\nSIM 133 PRF00399.ICC {2}\nDST 133 PRF00399.ICC {2}\n");
 }
 
-// Writes cut short, as nobody under root: in a folder nobody may write, through links to /dev/full (a piece is refused
-// already: its temporary file is a link), past a 64 KiB file size limit. Each answers FALSE, the walk for itself; once
-// the fault is gone, the same target takes a piece and a whole write, and no scratch file is left.
+// Writes cut short, as nobody under root: in its folder of mode 0555, through links to /dev/full (a piece is refused
+// already: its temporary file is a link), past a 64 KiB file size limit. Each write answers FALSE, the walk iRet=0 with
+// no file; once the fault is gone, the same target takes a piece and a whole write, and no scratch file is left.
 TEST(DiskFaults, WritesCutShortAnswerFalseAndTheNextSequenceOnTheSameTargetWorks) {
     SnmpAgent agent(printer_table(3));
     const std::string kept(48 * 1024, 'k');
