@@ -52,7 +52,9 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
     big[70000] = '\0';
     const auto range = [](std::string marker) { return "range: request: missing marker before \"" + marker + "\""; };
+    ::umask(022);  // the first row's probe sets 002 for good: the files the later rows make are 0664
     std::vector<Row> rows = {
+        {"probe of a new file sets the umask and leaves nothing", "", kProbe, "@f", "TRUE", ""},
         {"probe keeps a file", "f=keep me", kProbe, "@f", "TRUE", "f=keep me"},
         {"probe of a folder", "d/", kProbe, "@d", "FALSE", "d/"},
         {"probe of a path without UTF-8 form", "", kProbe, "@bad\xff", "FALSE", ""},
@@ -73,7 +75,6 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"write onto a folder", "d/", kPlist, W("d", "x"), "FALSE", "d/"},
         {"write of a text without UTF-8 form", "", kPlist, W("t", "\xc3"), "FALSE", ""},
         {"write without its marker", "t=kept", kPlist, "file://@t<plist/>", range(":AddURL:END"), "t=kept"},
-        {"an empty piece starts the file", "", kPiece, W("t", ""), "TRUE", "t.dummy="},
         {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
         {"a piece without UTF-8 form", "t.dummy=AB", kPiece, W("t", "\xc3"), "FALSE", "t.dummy=AB"},
         {"a link is not followed", "k/;k/p=AB;t.dummy->k/p", kPiece, W("t", "CD"), "FALSE", "k/;k/p=AB;t.dummy->k/p"},
@@ -90,7 +91,6 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         TempDir dir;
-        ::umask(002);
         build(dir, row.before);
         const std::string request = at_folder(row.request, dir);
         std::string got = "not that, as nobody";
@@ -161,10 +161,6 @@ TEST(Service, WritesRefuseWhatIsNotAFileUrlAndPiecesPastThePlistSizeLimit) {
     EXPECT_EQ(writeDictionaryToPlistFile_XPC(nullptr, "x", 1) + writeDictionaryToPlistFile_XPC(url.c_str(), nullptr, 1),
               0);
     EXPECT_TRUE(writeDictionaryToPlistFile_XPC(url.c_str(), nullptr, 0) == 1 && read_file(dir.file("t")).empty());
-    // The probe sets the umask for good.
-    ::umask(022);
-    run(kProbe, dir.file("t"));
-    EXPECT_EQ(::umask(022), 002u);
 }
 
 std::string walk(const Service& service, const std::string& user, const std::vector<std::string>& arguments) {
@@ -209,21 +205,20 @@ TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirP
 // comes before the one line that logs it.
 TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeItsLogLine) {
     // `said`: what the log line says about the folder; empty when the walk runs (and its parser refuses: -1).
-    struct Case { const char* what, *layout, *folder; unsigned mode; uid_t owner; const char* said; };
+    struct Case { const char* what, *layout; unsigned mode; uid_t owner; const char* said; };
     const Case cases[] = {
-        {"missing: made 0700", "", "u", 0, 0, ""},
-        {"the group may read", "u/", "u", 0750, ::geteuid(), ""},
-        {"a link to a folder", "d/;u->d", "u", 0, 0, "is a symbolic link owned by "},
-        {"a file", "u=x", "u", 0, 0, "is a file owned by "},
-        {"the group may write", "u/", "u", 0770, ::geteuid(), "that its group or others may write (mode 0770)"},
-        {"another's folder", "u/", "u", 0700, unprivileged_uid(), ::geteuid() == 0 ? "is a folder owned by no" : ""},
-        {"a parent that is missing", "", "no/u", 0, 0, "cannot be made: No such file"},
+        {"missing: made 0700", "", 0, 0, ""},
+        {"the group may read", "u/", 0750, ::geteuid(), ""},
+        {"a link to a folder", "d/;u->d", 0, 0, "is a symbolic link owned by "},
+        {"a file", "u=x", 0, 0, "is a file owned by "},
+        {"the group may write", "u/", 0770, ::geteuid(), "that its group or others may write (mode 0770)"},
+        {"another's folder", "u/", 0700, unprivileged_uid(), ::geteuid() == 0 ? "is a folder owned by no" : ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         TempDir dir;
         build(dir, c.layout);
-        const std::string folder = dir.file(c.folder), said = c.said, result = said.empty() ? "iRet=-1" : "iRet=1";
+        const std::string folder = dir.file("u"), said = c.said, result = said.empty() ? "iRet=-1" : "iRet=1";
         if (c.mode != 0 && (::chmod(folder.c_str(), c.mode) | ::chown(folder.c_str(), c.owner, -1)) != 0) FAIL();
         ::openlog("walk-request-test", LOG_PERROR, LOG_USER);  // log lines to stderr too, in order
         StderrCapture capture;
