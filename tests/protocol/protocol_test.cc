@@ -44,7 +44,6 @@ TEST(Protocol, RequestsCutIntoTheirFields) {
         {"2147483648:ARG_iSwapType", swap, {"2147483647", kNone, kNone}},
         {"-99999999999999999999:ARG_iSwapType", swap, {"-2147483648", kNone, kNone}},
         {"/a:ARG_cFooCurrentString/b:ARG_cFooPrevString", swap, {}, kSwapType},
-        {"/a:ARG_cFooCurrentString1:ARG_iSwapType", swap, {}, kSwapType},
         {"M:ModelName:ENDu", walk, {}, kUserName},
         {"M:ModelName:ENDu:USErName:ENDa:arg:b", walk, {"M", "u", "a"}},
     };
