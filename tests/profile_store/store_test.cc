@@ -115,7 +115,6 @@ TEST_F(Store, WriteRoundTripsCategoryWriteAndTheFile) {
     ASSERT_EQ(write(), 0);
     const std::string file = read_file(current);
     EXPECT_TRUE(file.find("<key>InMenu0499</key>") != file.npos && file.find("InMenu0500") == file.npos);
-    EXPECT_GT(file.find("<key>ProfileName0000</key>", file.find("<key>RGB</key>")), file.find("<key>SIM</key>"));
     std::strcpy(rgb.Entry[0].ProfileName, "caller");
     EXPECT_TRUE(read() == 0 && !strcmp(rgb.Entry[0].ProfileName, "caller") && rgb.iNum == 3);
 }

@@ -57,6 +57,9 @@ TEST(Protocol, RequestsCutIntoTheirFields) {
     EXPECT_FALSE(cut_walk_names("M:ModelName:END").user) << "only the arguments need the user marker";
     EXPECT_EQ(cut_walk_arguments("M:ModelName:ENDu:USErName:ENDa:arg:b:arg:c:arg:", 2).size(), 2u);
     EXPECT_EQ(tz::file_url_path(file_url("/t/a b:\xC3\xA4%#?.plist")), "/t/a b:\xC3\xA4%#?.plist");
+    for (const char* not_a_file_url : {"file:///with space", "/bare", "file://otherhost/c", "file:relative",
+                                       "file:///caf\xc3\xa9", "file:///nul%00byte", "files:///x"})
+        EXPECT_FALSE(tz::file_url_path(not_a_file_url)) << not_a_file_url;
     // Each end of the unreserved ranges, and the bytes just outside them.
     EXPECT_EQ(file_url("/azAZ09-._~`{@[:/\xff"), "file:///azAZ09-._~%60%7B%40%5B%3A/%FF");
 }
