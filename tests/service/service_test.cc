@@ -111,7 +111,6 @@ std::string utf8(const std::u16string& text, std::size_t count = std::u16string:
 
 TEST(Bridge, UTF16EachUnitBecomesUTF8AndALoneSurrogateKeepsItsThreeBytes) {
     const struct { std::u16string units; std::string bytes; std::size_t count = std::u16string::npos; } rows[] = {
-        {u"", ""},
         {u"\x7F\x80\x7FF\x800\xFFFF", "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF"},
         {u"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
         {u"\xD83D\xDE00", "\xED\xA0\xBD", 1},                // high at the end of the count, a low past it
@@ -158,9 +157,8 @@ std::string walk(const Service& service, const std::string& user, const std::vec
     return call(&Service::mibwalk_XPC, protocol::walk_request("ModelX", user, arguments), service);
 }
 
-// As two dialogs on macOS would, each call on a service object of its own: two threads walk two printers whose tables
-// differ, many times, and each leaves the file of a lone walk. The first walk has 511 arguments, the most a walk
-// takes; the folder's name is not a format.
+// As two dialogs on macOS would (a service object each), two threads walk two printers whose tables differ, many
+// times, and each leaves a lone walk's file. 511 arguments are the most a walk takes; the folder's name is no format.
 TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirPathsLiterally) {
     const ScriptedAgent printers[2] = {ScriptedAgent(R"("rows": 9)"),
                                        ScriptedAgent(R"("rows": 14, "file": "D%d.ICM")")};
