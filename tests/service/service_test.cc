@@ -63,6 +63,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"remove reads only its length", "short=", kRemove, "@shorter", "TRUE", "", false, 2},
         {"swap 2 copies in blocks", "cur=" + big + ";prev=old", kSwap, S(2), "TRUE", "cur=" + big + ";prev=" + big},
         {"swap 2 of a link copies nothing", "cur->s;prev=old;s=secret", kSwap, S(2), "TRUE", "cur->s;prev=;s=secret"},
+        {"swap 0 makes the previous copy current", "cur=c;prev=p", kSwap, S(0), "TRUE", "cur=p"},
         {"swap 0 without a previous copy", "cur=c", kSwap, S(0), "TRUE", ""},
         {"swap of an unknown type", "cur=c;prev=p", kSwap, S(3), "TRUE", "cur=c;prev=p"},
         {"swap 1 drops the previous, any current", "cur=c;prev=p", kSwap, S(1, "@no\xff"), "TRUE", "cur=c"},
