@@ -189,7 +189,7 @@ TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirP
 
 // Before each walk a private folder is made (0700) when missing, then taken only as a folder of this user that neither
 // group nor others may write; anything else gets a log line naming it, no walk (no file) and "iRet=1". The reply
-// comes before the one line that logs it.
+// comes before the one line that logs it. A user name without a UTF-8 form names the files "(null)", as printf would.
 TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeItsLogLine) {
     // `said`: what the log line says about the folder; empty when the walk runs (and its parser refuses: -1).
     struct Case { const char* what, *layout; unsigned mode; uid_t owner; const char* said; };
@@ -210,7 +210,7 @@ TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeIts
         ::openlog("walk-request-test", LOG_PERROR, LOG_USER);  // log lines to stderr too, in order
         StderrCapture capture;
         Service(folder + "/", Service::Folder::private_to_user)
-            .mibwalk_XPC(protocol::walk_request("ModelX", "alice", {"snmpwalk"}),
+            .mibwalk_XPC(protocol::walk_request("ModelX", "\xfe", {"snmpwalk"}),
                          [](const std::string& reply) { std::fprintf(stderr, "<%s>", reply.c_str()); });
         const std::string got = capture.finish();
         ::closelog();
@@ -219,18 +219,15 @@ TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeIts
         EXPECT_TRUE((said.empty() ? folder_at == std::string::npos : said_at < reply_at) && reply_at < log_at &&
                     log_at != std::string::npos && got.find("iRet", got.find('\n', log_at)) == std::string::npos)
             << got;
-        EXPECT_EQ(exists(folder + "/alice-ModelX-profile.plist"), said.empty());
+        EXPECT_EQ(exists(folder + "/(null)-ModelX-profile.plist"), said.empty());
         EXPECT_TRUE(c.mode != 0 || !said.empty() || fs::status(folder).permissions() == fs::perms::owner_all);
     }
 }
 
-// The user name makes the file names: one without a UTF-8 form prints as "(null)", as a missing one does; one that
-// makes the spool path (6 longer than the current one) longer than 255 bytes ends the process.
-TEST(WalkRequestDeathTest, TheUserNameMakesThePathsAndEndsTheProcessWhenTheyAreTooLong) {
+// A user name that makes the spool path (6 longer than the current one) longer than 255 bytes ends the process.
+TEST(WalkRequestDeathTest, AUserNameThatMakesAPathTooLongEndsTheProcess) {
     TempDir folder;
     const Service service(folder.prefix());
-    EXPECT_EQ(walk(service, "\xfe", {"snmpwalk"}), "iRet=-1");
-    EXPECT_TRUE(exists(folder.file("(null)-ModelX-profile.plist")));
     const std::size_t fixed = folder.prefix().size() + sizeof "-ModelX-profile.spool.plist" - 1;
     EXPECT_DEATH(walk(service, std::string(256 - fixed, 'u'), {"snmpwalk"}), "");
     EXPECT_EQ(walk(service, std::string(255 - fixed, 'u'), {"snmpwalk"}), "iRet=-1");
