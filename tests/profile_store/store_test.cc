@@ -11,7 +11,6 @@
 namespace tz::test {
 namespace {
 
-// A table holding `rows` from slot 0 and the count `count`, whatever the rows.
 ProfileTable table(const std::vector<ProfileEntry>& rows = {}, int32_t count = 0) {
     ProfileTable t{};
     std::copy(rows.begin(), rows.end(), t.Entry);
