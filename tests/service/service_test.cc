@@ -51,7 +51,7 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
     std::string big;  // several copy blocks, a zero byte in the second
     for (int i = 0; big.size() < 200000; ++i) big += "line " + std::to_string(i) + ",";
     big[70000] = '\0';
-    const auto range = [](std::string marker) { return "range: request: missing marker before \"" + marker + "\""; };
+    const std::string range = "range: request: missing marker before \":USErName:END\"";
     ::umask(022);  // the first row's probe sets 002 for good: the files the later rows make are 0664
     std::vector<Row> rows = {
         {"probe of a new file sets the umask and leaves nothing", "", kProbe, "@f", "TRUE", ""},
@@ -71,12 +71,11 @@ TEST(Service, FileOperationsAnswerAndLeaveTheFolderAsExpected) {
         {"write drops a trailing slash", "", kPlist, W("t.plist/", "x"), "TRUE", "t.plist=x"},
         {"write of a text without UTF-8 form", "", kPlist, W("t", "\xc3"), "FALSE", ""},
         {"write to another host", "c=kept", kPlist, "file://otherhost@c:AddURL:ENDz", "FALSE", "c=kept"},
-        {"write without its marker", "t=kept", kPlist, "file://@t<plist/>", range(":AddURL:END"), "t=kept"},
         {"old pieces not in UTF-8 are dropped", "t.dummy=\xff\xfe", kPiece, W("t", "new"), "TRUE", "t.dummy=new"},
         {"a piece without UTF-8 form", "t.dummy=AB", kPiece, W("t", "\xc3"), "FALSE", "t.dummy=AB"},
         {"a link is not followed", "k/;k/p=AB;t.dummy->k/p", kPiece, W("t", "CD"), "FALSE", "k/;k/p=AB;t.dummy->k/p"},
         {"finish without pieces deletes the target", "t=old", kFinish, "file://@t", "TRUE", ""},
-        {"a walk without its user marker", "", kWalk, "M:ModelName:ENDu", range(":USErName:END"), ""},
+        {"a walk without its user marker", "", kWalk, "M:ModelName:ENDu", range, ""},
     };
     // A FIFO or a socket at each path an operation opens is refused at once (a FIFO would block a plain open).
     for (const char* kind : {"|fifo", "|socket"})
