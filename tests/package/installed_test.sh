@@ -57,6 +57,14 @@ for u in "$member" "$attacker"; do useradd --create-home --groups lpadmin "$u"; 
 useradd --create-home "$other"
 printer=$(tests/fixtures/sample-printer "$work/printer" 12)
 
+step "$attacker squats $member's folder name before $member's first walk"
+for squat in "mkdir -m 777 $folder$member" "ln -s /home/$member $folder$member" "mkfifo -m 666 $folder$member"; do
+  as_attacker sh -c "$squat"
+  check "$squat: no walk" iRet=1 "$(as_user "$member" walk)"
+  check "$squat: nothing written" "" "$(find "$folder$member/" "/home/$member" -name '*-profile*' 2>/dev/null)"
+  as_attacker rm -rf "$folder$member"
+done
+
 for user in "$member" "$other"; do
   step "as $user: is-admin, PreferencesDirectory, walk"
   as_user "$user" 'echo "admin=$(tzhelperctl is-admin "$folder$me/probe.plist")"
