@@ -266,10 +266,9 @@ private:
 };
 
 // Prints every variable of an error-free answer to a GET, adding each to
-// numprinted; prints nothing for anything else.
-void print_answer(int status, const Pdu& response) {
-    if (status != STAT_SUCCESS || response == nullptr || response->errstat != SNMP_ERR_NOERROR)
-        return;
+// numprinted; prints nothing for anything else (no response: a failed GET).
+void print_answer(const Pdu& response) {
+    if (response == nullptr || response->errstat != SNMP_ERR_NOERROR) return;
     for (netsnmp_variable_list* var = response->variables; var != nullptr;
          var = var->next_variable) {
         ++numprinted;
@@ -280,8 +279,8 @@ void print_answer(int status, const Pdu& response) {
 // GETs `name` through `pipeline` (so a stop ends the wait) and prints the answer.
 void get_and_print(GetNextPipeline& pipeline, const oid* name, std::size_t name_length) {
     Pdu response;
-    const int status = pipeline.get(name, name_length, response);
-    print_answer(status, response);
+    pipeline.get(name, name_length, response);
+    print_answer(response);
 }
 
 // The GETNEXT loop from `root`, its requests going through `pipeline`, until
@@ -431,8 +430,8 @@ extern "C" void optProc(int /*argc*/, char* const* /*argv*/, int opt) {
 extern "C" void snmp_get_and_print(struct snmp_session* session, const unsigned long* name,
                                    size_t name_length) {
     Pdu response;
-    const int status = exchange(session, request_for(SNMP_MSG_GET, name, name_length), response);
-    print_answer(status, response);
+    exchange(session, request_for(SNMP_MSG_GET, name, name_length), response);
+    print_answer(response);
 }
 
 extern "C" int32_t mib_walk(int32_t argc, char** argv) {
