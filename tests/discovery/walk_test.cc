@@ -210,7 +210,7 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     EXPECT_EQ(after(2, 9, false), std::pair(Name(), false));
     EXPECT_EQ(after(2, 9, true), std::pair(oid_of(cell(3, 1)), false));
     // Probes: the last known row in this column (known), then in the next columns (guesses).
-    const auto probes = predictor.probes(oid_of(cell(2, 1)));
+    const auto probes = predictor.probes(oid_of(cell(2, 1)), true);
     ASSERT_GE(probes.size(), 2u);
     EXPECT_EQ(std::pair(probes[0].name, probes[0].known), std::pair(oid_of(cell(2, 9)), true));
     EXPECT_EQ(std::pair(probes[1].name, probes[1].known), std::pair(oid_of(cell(3, 9)), false));
@@ -221,13 +221,14 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     learn(from, to);
     EXPECT_FALSE(predictor.after(to, true)) << "no column 193";
     learn(oid_of(cell(3, 10)), oid_of("1.3.6.2"));  // an answer that leaves the root: nothing is guessed past
-    EXPECT_EQ(predictor.probes(oid_of(cell(2, 1))).size(), 2u);
+    EXPECT_EQ(predictor.probes(oid_of(cell(2, 1)), true).size(), 2u);
     learn(oid_of(cell(2, 10)), oid_of(cell(2, 10)), SNMP_ERR_NOSUCHNAME);  // nor past SNMPv1's end
     EXPECT_FALSE(predictor.after(oid_of(cell(2, 9)), true));
     // Before any table, in the first column: the next seven subtrees, and not a name one shows past a run held back.
     predictor = NamePredictor(oid_of(kT));
     predictor.passed(oid_of(cell(1, 1)));
-    EXPECT_EQ(predictor.probes(oid_of(cell(1, 1))).back().name, oid_of(kT + ".8"));
+    EXPECT_EQ(predictor.probes(oid_of(cell(1, 1)), true).back().name, oid_of(kT + ".8"));
+    EXPECT_TRUE(predictor.probes(oid_of(cell(1, 1)), false).empty());
     learn(oid_of(kT + ".5"), oid_of(cell(5, 1)));
     EXPECT_FALSE(predictor.after(oid_of(cell(1, 1)), false));
     EXPECT_EQ(predictor.after(oid_of(cell(1, 1)), true)->name, oid_of(cell(1, 2)));

@@ -177,11 +177,11 @@ Name NamePredictor::cell(const Name& name, const Table& table, oid column, const
     return cell;
 }
 
-std::vector<NamePredictor::Next> NamePredictor::probes(const Name& name) const {
+std::vector<NamePredictor::Next> NamePredictor::probes(const Name& name, bool subtrees) const {
     std::vector<Next> found;
     const std::size_t at = root_.size();
     const Table* table = table_of(name);
-    if (tables_.empty() && first_.size() > at + 1 && in_one_column(name, first_)) {
+    if (subtrees && tables_.empty() && first_.size() > at + 1 && in_one_column(name, first_)) {
         // Before any table, in the walk's first column: the subtrees under
         // the root after the first name's, whose answers are their first names.
         Name subtree(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(at) + 1);
@@ -424,6 +424,9 @@ void GetNextPipeline::guess_after(const Name& name) {
     if (!predictor_ || !advancing_) return;
     const std::size_t window = paced_window();
     if (window <= 1) return;
+    // The next subtrees only where the window has room for them beside a
+    // first column's guesses: on a fast link they would delay the chain.
+    const bool subtrees = static_cast<double>(window) >= kInitialWindow + kSubtreesProbed;
     const bool on_path = frontier_ > name && guesses_.count(frontier_) != 0;
     Name next = on_path ? frontier_ : name;
     std::size_t runs = 0;
@@ -431,7 +434,7 @@ void GetNextPipeline::guess_after(const Name& name) {
     for (std::size_t step = 0; in_flight() < window && step < 8 * window; ++step) {
         // The last known row of this column, asked early, shows which column
         // follows before the guesses get there.
-        for (auto& ahead : predictor_->probes(next))
+        for (auto& ahead : predictor_->probes(next, subtrees))
             if (guesses_.count(ahead.name) == 0 && ahead.name > name && !send_guess(ahead.name, ahead.known)) return;
         auto guess = predictor_->after(next, runs < static_cast<std::size_t>(window_.size()));
         if (!guess) return;

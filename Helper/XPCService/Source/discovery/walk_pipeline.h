@@ -146,8 +146,9 @@ public:
     // it, up to a few past the last one shown, where what follows is not yet
     // known: asked early, they show the columns that follow before the
     // guesses get there. Before any table, in the walk's first column: the
-    // next subtrees under the root. None elsewhere, and none past the end.
-    std::vector<Next> probes(const Name& name) const;
+    // next subtrees under the root, if `subtrees`. None elsewhere, and none
+    // past the end.
+    std::vector<Next> probes(const Name& name, bool subtrees) const;
 
 private:
     // A table: the names at + 1 + row_length long that start with its
