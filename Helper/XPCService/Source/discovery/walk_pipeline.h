@@ -23,10 +23,11 @@
 //    past the last one shown is asked early: each answer shows the column
 //    after it, so columns are found without a round trip each; while that
 //    answer is out, the next column's rows are guessed as a run is;
-//  - before any table is found, while the chain is in its first column,
-//    the next seven subtrees under the root are asked for: over a table
-//    their answers are its later columns' first names and, past its last
-//    column, its end, a round trip before the first column ends;
+//  - before any table is found, while the chain is in its first column and
+//    where the window has room for them beside that column's guesses, the
+//    next seven subtrees under the root are asked for: over a table their
+//    answers are its later columns' first names and, past its last column,
+//    its end, a round trip before the first column ends;
 //  - an answer that leaves the root's subtree (endOfMibView, or SNMPv1's
 //    noSuchName) shows where the walk ends: nothing past it is guessed;
 //  - elsewhere (the first column of a table, or outside any) it guesses the
@@ -182,7 +183,7 @@ private:
     std::map<Name, Name> gaps_;      // asked -> answered in the same column: no name between them
     std::set<Name> runs_;            // columns whose last step on the chain was one up
     Name previous_;                  // the chain's last name
-    Name last_;                      // the first name asked that no name under the root follows; empty: none yet
+    Name last_;                      // the least name asked that no name under the root follows; empty: none yet
 };
 
 class GetNextPipeline {
