@@ -232,6 +232,8 @@ TEST(Walk, ThePredictorNamesTheRowsTheFirstColumnShowedInTheNextColumn) {
     learn(oid_of(kT + ".5"), oid_of(cell(5, 1)));
     EXPECT_FALSE(predictor.after(oid_of(cell(1, 1)), false));
     EXPECT_EQ(predictor.after(oid_of(cell(1, 1)), true)->name, oid_of(cell(1, 2)));
+    learn(oid_of(cell(1, 3)), oid_of(cell(1, 3)));  // an answer that stays put ends the run there
+    EXPECT_EQ(predictor.after(oid_of(cell(1, 3)), true)->name, oid_of(cell(5, 1)));
 }
 
 TEST(Walk, RefusalsAndFailuresBeforeTheLoopRebuildAsFailed) {
