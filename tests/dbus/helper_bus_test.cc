@@ -13,9 +13,9 @@
 namespace tz::test {
 namespace {
 
-// One row per method, with a reply or file no other operation gives (the previous copy's name has a space, a colon
-// and a non-ASCII letter); then the service ends when idle, and a call starts it again: from another user (as root),
-// denied each time, then from its own user, served.
+// busctl, an independent client: one row per method, with a reply or file no other operation gives (the previous copy's
+// name has a space, a colon and a non-ASCII letter); then the service ends when idle, and a call starts it again: from
+// another user (as root), denied each time, then from its own user, served.
 TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationThenEndsWhenIdleAndDeniesOtherUsers) {
     // No client from an unreachable bus, even with nowhere to put the reason; first, so that a crash ends the test.
     EXPECT_EQ(tz::client::HelperClient::connect("unix:path=/nonexistent/bus", nullptr), nullptr);
@@ -37,10 +37,12 @@ TEST(HelperBus, ActivatedByTheFirstCallRoutesEachMethodToItsOperationThenEndsWhe
         {p::kWriteData.name, tz::client::write_request(url, "piece"), "TRUE", target + ".dummy", "piece"},
         {p::kWriteDataRename.name, url, "TRUE", target, "piece"},
     };
-    const auto client = connect(bus);
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.method) + " " + row.request);
-        EXPECT_EQ(reply_of(client->call(row.method, row.request)), row.reply);
+        const auto got = run_command({"busctl", "--address=" + bus.address(), "call", std::string(tz::bus::kBusName),
+                                      std::string(tz::bus::kObjectPath), std::string(tz::bus::kInterface),
+                                      std::string(row.method), "s", row.request});
+        EXPECT_EQ(got.out, "s \"" + row.reply + "\"\n") << got.err;
         EXPECT_EQ(exists(row.path), row.content != "-");
         EXPECT_EQ(row.content == "-" || row.content == "?" ? row.content : read_file(row.path), row.content);
     }
