@@ -181,9 +181,10 @@ std::vector<NamePredictor::Next> NamePredictor::probes(const Name& name, bool su
     std::vector<Next> found;
     const std::size_t at = root_.size();
     const Table* table = table_of(name);
-    if (subtrees && tables_.empty() && first_.size() > at + 1 && in_one_column(name, first_)) {
-        // Before any table, in the walk's first column: the subtrees under
-        // the root after the first name's, whose answers are their first names.
+    if (subtrees && first_.size() > at + 1 && name == first_) {
+        // At the walk's first name (no table is known yet): the subtrees
+        // under the root after its own, whose answers are their first names
+        // (asked once: the guesses from the first name on carry them).
         Name subtree(first_.begin(), first_.begin() + static_cast<std::ptrdiff_t>(at) + 1);
         while (subtree[at] - first_[at] < kSubtreesProbed && subtree[at] < kMaxSubIdentifier)
             ++subtree[at], found.push_back({subtree, true});

@@ -23,11 +23,12 @@
 //    past the last one shown is asked early: each answer shows the column
 //    after it, so columns are found without a round trip each; while that
 //    answer is out, the next column's rows are guessed as a run is;
-//  - before any table is found, while the chain is in its first column and
-//    where the window has room for them beside that column's guesses, the
-//    next seven subtrees under the root are asked for: over a table their
-//    answers are its later columns' first names and, past its last column,
-//    its end, a round trip before the first column ends;
+//  - when the chain asks for what follows its first name (no table is
+//    known yet), where the window has room for them beside the first
+//    column's guesses, the next seven subtrees under the root are asked
+//    for: over a table their answers are its later columns' first names
+//    and, past its last column, its end, a round trip before the first
+//    column ends;
 //  - an answer that leaves the root's subtree (endOfMibView, or SNMPv1's
 //    noSuchName) shows where the walk ends: nothing past it is guessed;
 //  - elsewhere (the first column of a table, or outside any) it guesses the
@@ -146,8 +147,8 @@ public:
     // The last known row of `name`'s table column and of the columns after
     // it, up to a few past the last one shown, where what follows is not yet
     // known: asked early, they show the columns that follow before the
-    // guesses get there. Before any table, in the walk's first column: the
-    // next subtrees under the root, if `subtrees`. None elsewhere, and none
+    // guesses get there. At the walk's first name: the next subtrees under
+    // the root, if `subtrees`. None elsewhere, and none
     // past the end.
     std::vector<Next> probes(const Name& name, bool subtrees) const;
 
