@@ -180,15 +180,17 @@ TEST(WalkTurns, AWalkWaitsForItsCallersEarlierCallsHoldsAtMost64MiBBehindItAndSt
     first->set_timeout(std::chrono::milliseconds(1));  // what is left of a call is sent by the next call that waits
     first->set_walk_timeout(std::chrono::milliseconds(1));
     EXPECT_FALSE(first->write_dictionary(tz::client::write_request(tz::client::file_url(target), big)).ok());
-    EXPECT_FALSE(first->mib_walk(walk_of("T48Q", "alice", silent.peer(), "86400")).ok());
+    const std::string walk = walk_of("T48Q", "alice", silent.peer(), "86400");
+    EXPECT_FALSE(first->mib_walk(walk).ok());
     first->set_timeout(std::chrono::seconds(60));
     ASSERT_EQ(reply_of(first->version()), TZ_VERSION);  // a property read is answered behind a walk
     ASSERT_TRUE(silent.wait_for_requests(1));
     EXPECT_EQ(std::filesystem::file_size(target), big.size()) << "the walk began before the write was done";
-    first->set_timeout(std::chrono::milliseconds(1));  // two kept behind the walk, the third past the limit
-    for (int i = 0; i < 2; ++i) EXPECT_FALSE(first->exist(big).ok());
+    first->set_timeout(std::chrono::milliseconds(1));  // with the running walk's request, exactly 64 MiB kept
+    for (const std::size_t size : {big.size(), big.size(), (4u << 20) - walk.size()})
+        EXPECT_FALSE(first->exist(std::string(size, '/')).ok());
     first->set_timeout(std::chrono::seconds(60));
-    EXPECT_EQ(reply_of(first->exist(big)).substr(0, 56), "error org.freedesktop.DBus.Error.LimitsExceeded: the cal");
+    EXPECT_EQ(reply_of(first->exist("/")).substr(0, 56), "error org.freedesktop.DBus.Error.LimitsExceeded: the cal");
 
     // The leaver: a walk queued (the property read behind it answered), then gone.
     const std::string name = leaver->unique_name();
