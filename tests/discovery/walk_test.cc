@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <tuple>
@@ -39,7 +40,7 @@ struct Case {
     std::string said = "";    // on stderr
     int32_t stop_at = -1;     // the stop hook says stop when asked a third time after this many variables
     int32_t limit = TZ_WALK_DEFAULT_VARIABLES;
-    bool guessed = false;  // every window but 1 must have several requests out at once (a slow agent)
+    bool guessed = false;  // every window but 1 must take under half its time (answers 20 ms late)
 };
 
 std::vector<Case> cases() {
@@ -87,7 +88,7 @@ std::vector<Case> cases() {
         {"every third answer late, overtaken", {}, R"("rows": 4, "delay_every": [3, 40])", "-v1 -c public -t 1 -r 0",
          kT, 0, 24},
         {"every second request dropped", {}, R"("rows": 3, "drop_every": 2)", "-v1 -c public -t 0.05 -r 8", kT, 0, 18},
-        {"every answer 20 ms late", {}, R"("rows": 4, "delay_every": [1, 20])", kV1, kT, 0, 24, "", -1,
+        {"every answer 20 ms late", {}, R"("rows": 12, "delay_every": [1, 20])", kV1, kT, 0, 72, "", -1,
          TZ_WALK_DEFAULT_VARIABLES, true},
     };
 }
@@ -97,7 +98,7 @@ struct Observed {
     int32_t result = 0, counted = 0, progress = 0, progress_calls = 0, stop_at = -1, stop_asks = 0;
     std::string debug, printed, said, spool, plist;
     std::size_t requests = 0;
-    int waiting = 0;  // the most requests out at once
+    double seconds = 0;
     auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed, said); }
 } seen;
 
@@ -121,12 +122,13 @@ Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
     for (std::string word; words >> word;) args.push_back(word);
     const int32_t before = numprinted;
     StderrCapture printed(STDOUT_FILENO), said;
+    const auto began = std::chrono::steady_clock::now();
     seen.result = walk(args);
+    seen.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
     seen.printed = printed.finish(), seen.said = said.finish(), seen.counted = numprinted - before;
     seen.spool.assign(reinterpret_cast<const char*>(&PlistForSpool), sizeof PlistForSpool);
     seen.debug.assign(sDEBUGmsg, sizeof sDEBUGmsg), seen.plist = read_file(paths.current);
     seen.requests = scripted ? scripted->requests().size() : 0;
-    seen.waiting = scripted ? scripted->most_waiting() : 0;
     return seen;
 }
 
@@ -144,7 +146,8 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
             EXPECT_TRUE(many.spool == one.spool && many.plist == one.plist) << "window " << window;
             EXPECT_LE(many.requests, 4 * one.requests + 16)  // 3x, or a short walk's first burst, seen under load
                 << "a lossy agent is flooded: the window must fall back";
-            EXPECT_TRUE(!c.guessed || many.waiting >= 6) << "a slow agent must be asked ahead: " << many.waiting;
+            EXPECT_TRUE(!c.guessed || many.seconds < one.seconds / 2)  // guesses not sent, or not used: a loose bound
+                << "a slow agent must be asked ahead: " << many.seconds << " s against " << one.seconds;
         }
     }
 }
