@@ -93,13 +93,25 @@ std::vector<Case> cases() {
     };
 }
 
-// Everything a walk leaves behind: sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist.
+// snmpd's count of requests from an unknown engine: one per SNMPv3 engine discovery; 0 for the scripted agent.
+long discoveries(const SnmpAgent* snmpd) {
+    static const TempDir dir;
+    const pid_t get = snmpd ? spawn({"/usr/bin/snmpget", "-v1", "-c", "public", "-Oqv", snmpd->peer(),
+                                     "1.3.6.1.6.3.15.1.1.4.0"}, dir.file("out"), "/dev/null", -1,
+                                    snmpd->client_environment()) : 0;
+    int status = 0;
+    return get > 0 && ::waitpid(get, &status, 0) == get && status == 0 ? std::stol(read_file(dir.file("out"))) : 0;
+}
+
+// Everything a walk leaves behind: sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist, the agent's discoveries
+// (the guesses' session takes the chain's engine: it discovers nothing).
 struct Observed {
     int32_t result = 0, counted = 0, progress = 0, progress_calls = 0, stop_at = -1, stop_asks = 0;
     std::string debug, printed, said, spool, plist;
     std::size_t requests = 0;
     double seconds = 0;
-    auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed, said); }
+    long discovered = 0;
+    auto facts() const { return std::tie(result, counted, progress, progress_calls, debug, printed, said, discovered); }
 } seen;
 
 Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
@@ -121,6 +133,7 @@ Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
     std::istringstream words(c.options + " " + tcp + (scripted ? scripted->peer() : snmpd->peer()) + " " + c.root);
     for (std::string word; words >> word;) args.push_back(word);
     const int32_t before = numprinted;
+    const long discovered = discoveries(snmpd);
     StderrCapture printed(STDOUT_FILENO), said;
     const auto began = std::chrono::steady_clock::now();
     seen.result = walk(args);
@@ -129,6 +142,7 @@ Observed walk_at(const Case& c, const SnmpAgent* snmpd, int32_t window) {
     seen.spool.assign(reinterpret_cast<const char*>(&PlistForSpool), sizeof PlistForSpool);
     seen.debug.assign(sDEBUGmsg, sizeof sDEBUGmsg), seen.plist = read_file(paths.current);
     seen.requests = scripted ? scripted->requests().size() : 0;
+    seen.discovered = discoveries(snmpd) - discovered;
     return seen;
 }
 
