@@ -40,7 +40,7 @@ struct Case {
     std::string said = "";    // on stderr
     int32_t stop_at = -1;     // the stop hook says stop when asked a third time after this many variables
     int32_t limit = TZ_WALK_DEFAULT_VARIABLES;
-    bool guessed = false;  // every window but 1 must take under half its time (answers 20 ms late)
+    bool guessed = false;  // a slow agent: every window but 1 takes under half the time, under 2x the requests
 };
 
 std::vector<Case> cases() {
@@ -158,9 +158,10 @@ TEST(Walk, EveryWindowLeavesWhatOneRequestAtATimeLeaves) {
             const Observed many = walk_at(c, snmpd.get(), window);
             EXPECT_EQ(many.facts(), one.facts()) << "window " << window;
             EXPECT_TRUE(many.spool == one.spool && many.plist == one.plist) << "window " << window;
-            EXPECT_LE(many.requests, 4 * one.requests + 16)  // 3x, or a short walk's first burst, seen under load
-                << "a lossy agent is flooded: the window must fall back";
-            EXPECT_TRUE(!c.guessed || many.seconds < one.seconds / 2)  // guesses not sent, or not used: a loose bound
+            // Loose bounds: 3x, or a short walk's first burst, seen under load; a slow agent's table takes 1.2x-1.5x.
+            EXPECT_LE(many.requests, c.guessed ? 2 * one.requests : 4 * one.requests + 16)
+                << "a lossy agent is flooded, or the slow agent asked for names no answer pointed to";
+            EXPECT_TRUE(!c.guessed || many.seconds < one.seconds / 2)  // guesses not sent, or not used
                 << "a slow agent must be asked ahead: " << many.seconds << " s against " << one.seconds;
         }
     }
