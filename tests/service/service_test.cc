@@ -13,6 +13,7 @@
 #include "as_unprivileged.h"
 #include "folder_text.h"
 #include "plist_codec.h"
+#include "private_folder.h"
 #include "request.h"
 #include "scripted_agent.h"
 #include "service_call.h"
@@ -221,6 +222,7 @@ TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeIts
         EXPECT_EQ(exists(folder + "/(null)-ModelX-profile.plist"), said.empty());
         EXPECT_TRUE(c.mode != 0 || !said.empty() || fs::status(folder).permissions() == fs::perms::owner_all);
     }
+    EXPECT_EQ(private_folder_problem("/").value_or("").find("cannot"), std::string::npos) << "\"/\" keeps its '/'";
 }
 
 // A user name that makes the spool path (6 longer than the current one) longer than 255 bytes ends the process.
