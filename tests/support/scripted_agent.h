@@ -27,6 +27,8 @@ public:
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
+    // The most answers it has had waiting at once: the requests in flight, as the agent saw them.
+    int most_waiting() const { return exists(log_ + ".most") ? std::stoi(read_file(log_ + ".most")) : 0; }
     // Whether `count` requests came within a minute.
     bool wait_for_requests(std::size_t count) const {
         return wait_until([&] { return requests().size() >= count; }, std::chrono::minutes(1));

@@ -4,8 +4,8 @@
 {"error": N}, "times": N optional} for GETNEXTs of oid, "silent_from": oid, "drop_every": K, "delay_every": [K, MS],
 "tcp_closes": a TCP port of the same number that takes each connection and closes it at once, "hold": FILE (while it
 exists, answers wait, in order), "dump": [FILE, PORT] (serves, instead of the table, the MIB-2 tree in FILE (host
-resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests, prints
-its port, serves until stdout closes."""
+resources left out), walked first from the v1 agent on 127.0.0.1:PORT if FILE does not exist). Logs requests (and in
+LOG.most the most answers it has had waiting at once), prints its port, serves until stdout closes."""
 import bisect, heapq, json, os, select, socket, sys, time
 
 from pyasn1.codec.ber import decoder, encoder
@@ -61,7 +61,7 @@ poller.register(sock, select.POLLIN)
 poller.register(sys.stdout, 0)  # POLLERR once the reader is gone
 if closer:
     poller.register(closer, select.POLLIN)
-late, used, count = [], {}, 0  # late: (due, count, packet, peer)
+late, used, count, most = [], {}, 0, 0  # late: (due, count, packet, peer)
 while True:
     held = late and os.path.exists(hold)  # looked at again every 5 ms
     events = dict(poller.poll(5 if held else max(0.0, late[0][0] - time.monotonic()) * 1000 if late else None))
@@ -108,4 +108,8 @@ while True:
         module.apiPDU.setVarBinds(rpdu, [(rfc1902.ObjectName(step["oid"]), value)])
     delay = delay_ms / 1000.0 if delay_every and count % delay_every == 0 else 0.0
     heapq.heappush(late, (time.monotonic() + delay, count, encoder.encode(response), peer))  # sent at once if due
+    if len(late) > most:
+        most = len(late)
+        with open(sys.argv[1] + ".most", "w") as out:
+            out.write(str(most))
 
