@@ -165,8 +165,9 @@ TEST(CodecBadFiles, WideIntegersSkippedBadKeysRefusedNestingAndSizeBounded) {
         EXPECT_EQ(json_of(bytes), R"({"a": "?", "b": "?"})");
     const auto unknown = [](const std::string& text) { return std::count(text.begin(), text.end(), '?'); };  // "b"
     EXPECT_TRUE(unknown(json_of(chain(63, 1, false, true))) == 1 && unknown(json_of(chain(64, 1, false, true))) == 2);
-    // Refused before libplist, whose reader recurses once per level and expands shared objects.
-    for (const std::string& bytes : {chain(127), chain(1000000), chain(60, 2), chain(5, 1, true)})
+    // Refused before libplist, whose reader recurses once per level and expands shared objects (21 arrays of two
+    // references each: the shortest such chain past the expansion limit).
+    for (const std::string& bytes : {chain(127), chain(1000000), chain(21, 2), chain(5, 1, true)})
         EXPECT_FALSE(plist::parse(bytes));
 }
 
