@@ -94,12 +94,8 @@ std::vector<Case> cases() {
 
 // snmpd's count of requests from an unknown engine: one per SNMPv3 engine discovery; 0 for the scripted agent.
 long discoveries(const SnmpAgent* snmpd) {
-    static const TempDir dir;
-    const pid_t get = snmpd ? spawn({"/usr/bin/snmpget", "-v1", "-c", "public", "-Oqv", snmpd->peer(),
-                                     "1.3.6.1.6.3.15.1.1.4.0"}, dir.file("out"), "/dev/null", -1,
-                                    snmpd->client_environment()) : 0;
-    int status = 0;
-    return get > 0 && ::waitpid(get, &status, 0) == get && status == 0 ? std::stol(read_file(dir.file("out"))) : 0;
+    const auto count = snmpd ? snmpd->get("1.3.6.1.6.3.15.1.1.4.0") : std::nullopt;
+    return count ? std::stol(*count) : 0;
 }
 
 // Everything a walk leaves behind: sDEBUGmsg, stdout, the spool's bytes, the rebuilt plist, the agent's discoveries

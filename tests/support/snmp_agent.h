@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -100,6 +101,14 @@ public:
     std::string log() const { return exists(dir_.file("snmpd.log")) ? read_file(dir_.file("snmpd.log")) : "(none)"; }
     std::vector<std::string> client_environment() const { return environment(dir_.file("client"),
                                                                               dir_.file("client")); }
+    // The value of `oid` (a GET of 0.2 s, no retry), or nothing when none came.
+    std::optional<std::string> get(const std::string& oid) const {
+        const pid_t pid = spawn({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", "-Oqv", peer(),
+                                 oid}, dir_.file("got"), "/dev/null", -1, client_environment());
+        int status = 0;
+        const bool got = pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        return got ? std::optional(read_file(dir_.file("got"))) : std::nullopt;
+    }
 
 private:
     std::vector<std::string> environment(const std::string& config, const std::string& state) const {
@@ -113,11 +122,7 @@ private:
                                 "/dev/null", "/dev/null", -1, environment(dir_.path().string(), dir_.file("persist")));
         for (int i = 0; pid > 0 && i < 150; ++i) {
             if (::waitpid(pid, nullptr, WNOHANG) == pid) return;  // it gave up
-            const pid_t get = spawn({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", peer(),
-                                     "1.3.6.1.2.1.1.1.0"}, "/dev/null", "/dev/null", -1, client_environment());
-            int status = 0;
-            if (get > 0 && ::waitpid(get, &status, 0) == get && WIFEXITED(status) && WEXITSTATUS(status) == 0)
-                return void(pid_ = pid);
+            if (get("1.3.6.1.2.1.1.1.0")) return void(pid_ = pid);
         }
         if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
     }
