@@ -114,10 +114,7 @@ void BM_SnmpwalkProcess40(benchmark::State& state) {
     std::vector<std::string> argv = {"/usr/bin/snmpwalk", "-v1", "-c", "public", "-On",
                                      device40->peer(), kTable};
     for (auto _ : state) {
-        const pid_t pid = tz::test::spawn(argv, "/dev/null", "/dev/null", -1, device40->client_environment());
-        int status = 0;
-        if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
-            WEXITSTATUS(status) != 0)
+        if (tz::test::wait_status(tz::test::spawn(argv, "/dev/null", "/dev/null", device40->client_environment())) != 0)
             state.SkipWithError("snmpwalk failed");
     }
 }

@@ -89,10 +89,7 @@ bool mib_walk_at(const std::string& peer, const std::string& root, int32_t windo
 }
 
 bool run_tool(const tz::test::SnmpAgent& agent, std::vector<std::string> argv) {
-    const pid_t pid = tz::test::spawn(argv, "/dev/null", "/dev/null", -1, agent.client_environment());
-    int status = 0;
-    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    return tz::test::wait_status(tz::test::spawn(argv, "/dev/null", "/dev/null", agent.client_environment())) == 0;
 }
 
 // The agent's count of packets received (snmpInPkts), read with snmpget.

@@ -18,7 +18,6 @@
 #include "scripted_agent.h"
 #include "service_call.h"
 #include "snmp_agent.h"
-#include "stderr_capture.h"
 #include "tz_service_bridge.h"
 #include "tz_writes.h"
 
@@ -173,7 +172,7 @@ TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirP
         const std::string reply = walk(Service(folder), users[i], arguments[i]);
         return exists(file + ".plist") ? reply + read_file(file + ".plist") : reply;
     };
-    const StderrCapture quiet(STDOUT_FILENO);  // the walks print their variables
+    testing::internal::CaptureStdout();  // the walks print their variables
     const std::string alone[2] = {walk_of(0), walk_of(1)};
     EXPECT_TRUE(alone[0].starts_with("iRet=0<") && alone[1].starts_with("iRet=0<")) << alone[0] << alone[1];
     for (int round = 0; round < 10; ++round) {
@@ -185,6 +184,7 @@ TEST(WalkRequest, WalksFromTwoThreadsTakeTurnsAndTakeAtMost511ArgumentsAndTheirP
     }
     arguments[0].insert(arguments[0].begin() + 1, "-v1");
     EXPECT_EQ(walk_of(0), "iRet=-1") << "512 arguments: no walk, no file";
+    testing::internal::GetCapturedStdout();
 }
 
 // Before each walk a private folder is made (0700) when missing, then taken only as a folder of this user that neither
@@ -208,11 +208,11 @@ TEST(WalkRequest, APrivateFolderIsCheckedBeforeEachWalkAndTheReplyComesBeforeIts
         const std::string folder = dir.file("u"), said = c.said, result = said.empty() ? "iRet=-1" : "iRet=1";
         if (c.mode != 0 && (::chmod(folder.c_str(), c.mode) | ::chown(folder.c_str(), c.owner, -1)) != 0) FAIL();
         ::openlog("walk-request-test", LOG_PERROR, LOG_USER);  // log lines to stderr too, in order
-        StderrCapture capture;
+        testing::internal::CaptureStderr();
         Service(folder + "/", Service::Folder::private_to_user)
             .mibwalk_XPC(protocol::walk_request("ModelX", "\xfe", {"snmpwalk"}),
                          [](const std::string& reply) { std::fprintf(stderr, "<%s>", reply.c_str()); });
-        const std::string got = capture.finish();
+        const std::string got = testing::internal::GetCapturedStderr();
         ::closelog();
         const std::size_t folder_at = got.find("folder " + folder + "/ "), said_at = got.find(said, folder_at),
                           reply_at = got.find("<" + result + ">"), log_at = got.find("mibwalk_XPC - " + result);

@@ -2,7 +2,6 @@
 // is activatable; commands run for output; a walk request of the profile table.
 #pragma once
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,12 +21,6 @@ struct CommandResult {
     int status = -1;  // exit status, or -1 when it did not exit normally
     std::string out, err;
 };
-
-// The exit status of child `pid`, -1 when it did not exit normally.
-inline int wait_status(pid_t pid) {
-    int status = 0;
-    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 inline CommandResult run_command(const std::vector<std::string>& argv) {
     const TempDir dir;
@@ -54,15 +47,10 @@ public:
         write_file(dir_.file("services/tazorex.printers.T48Q.Helper.service"),
                    "[D-BUS Service]\nName=tazorex.printers.T48Q.Helper\nExec=" TZHELPERD_PATH " --idle-exit " +
                        std::to_string(idle_exit_seconds) + " --preferences-dir " + prefs() + "\n");
-        int pipe[2];
-        if (::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-        daemon_ = spawn({"dbus-daemon", "--nofork", "--config-file=" + dir_.file("bus.conf"), "--print-address=3"},
-                        dir_.file("daemon.out"), dir_.file("daemon.err"), pipe[1]);
-        ::close(pipe[1]);
-        for (char c = 0; daemon_ > 0 && ::read(pipe[0], &c, 1) == 1 && c != '\n';) address_ += c;
-        ::close(pipe[0]);
-        if (address_.empty()) stop();
-        if (daemon_ < 0) throw std::runtime_error("dbus-daemon did not start");
+        daemon_ = spawn({"dbus-daemon", "--nofork", "--config-file=" + dir_.file("bus.conf")}, dir_.file("daemon.out"),
+                        dir_.file("daemon.err"));
+        const auto answers = [&] { return service_pid("org.freedesktop.DBus") > 0; };  // the daemon's own name
+        if (!wait_until(answers, std::chrono::seconds(30))) stop(), throw std::runtime_error("dbus-daemon did not start");
     }
     ~PrivateBus() { stop(); }
 
@@ -81,7 +69,7 @@ public:
 
     void stop() {  // the daemon, and the service it started; then what they wrote to stderr goes to ours
         if (daemon_ <= 0) return;
-        const pid_t service = address_.empty() ? 0 : service_pid();
+        const pid_t service = service_pid();
         ::kill(daemon_, SIGTERM);
         ::waitpid(daemon_, nullptr, 0);
         daemon_ = -1;
@@ -92,7 +80,7 @@ public:
 private:
     TempDir dir_;
     pid_t daemon_ = -1;
-    std::string address_;
+    std::string address_ = "unix:path=" + dir_.file("bus");  // the config's <listen>
 };
 
 // A client on `bus`; throws (failing the test) when it cannot be made.

@@ -104,10 +104,8 @@ public:
     // The value of `oid` (a GET of 0.2 s, no retry), or nothing when none came.
     std::optional<std::string> get(const std::string& oid) const {
         const pid_t pid = spawn({"/usr/bin/snmpget", "-v1", "-c", "public", "-t", "0.2", "-r", "0", "-Oqv", peer(),
-                                 oid}, dir_.file("got"), "/dev/null", -1, client_environment());
-        int status = 0;
-        const bool got = pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-        return got ? std::optional(read_file(dir_.file("got"))) : std::nullopt;
+                                 oid}, dir_.file("got"), "/dev/null", client_environment());
+        return wait_status(pid) == 0 ? std::optional(read_file(dir_.file("got"))) : std::nullopt;
     }
 
 private:
@@ -119,7 +117,7 @@ private:
         port_ = port;
         const pid_t pid = spawn({"/usr/sbin/snmpd", "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf",
                                  dir_.file("snmpd.log"), "udp:" + peer()},
-                                "/dev/null", "/dev/null", -1, environment(dir_.path().string(), dir_.file("persist")));
+                                "/dev/null", "/dev/null", environment(dir_.path().string(), dir_.file("persist")));
         for (int i = 0; pid > 0 && i < 150; ++i) {
             if (::waitpid(pid, nullptr, WNOHANG) == pid) return;  // it gave up
             if (get("1.3.6.1.2.1.1.1.0")) return void(pid_ = pid);

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -65,8 +66,8 @@ inline bool wait_until(const auto& done, std::chrono::milliseconds limit) {
 }
 
 // Starts `argv` (PATH lookup) with `env` (none given: ours), stdin /dev/null, stdout/stderr to files `out`/`err`
-// ("" keeps ours), `fd3` as fd 3; the child's pid or -1.
-inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err, int fd3 = -1,
+// ("" keeps ours); the child's pid or -1.
+inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err,
                    const std::vector<std::string>& env = {}) {
     std::vector<char*> args, vars;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -77,11 +78,16 @@ inline pid_t spawn(const std::vector<std::string>& argv, const std::string& out,
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     if (!out.empty()) posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (!err.empty()) posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
     pid_t pid = -1;
     if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), env.empty() ? environ : vars.data()) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     return pid;
+}
+
+// The exit status of child `pid`, -1 when it did not exit normally.
+inline int wait_status(pid_t pid) {
+    int status = 0;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace tz::test
