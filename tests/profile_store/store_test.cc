@@ -151,6 +151,10 @@ TEST_F(Store, PapWriteAndTheFileDictionaries) {
     for (TZDictionary* c : cats) TZDictionaryRelease(TZDictionaryRetain(c)), TZDictionaryRelease(c);
 
     const ProfileTable mine = table({entry(9, 3, "R-DEV4", 4, 3, "from caller")}, 1), none{};
+    TZDictionary* made = CreatePropsDictionary(TZ_CATEGORY_SIM, &mine, &cats[0], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);
+    ReadDictionaryIntEntry(f[3], "Location0000", &mark), ReadDictionaryStringEntry(f[4], "FileName0000", name);
+    EXPECT_TRUE(TZDictionaryGetDictionary(made, "SIM") == cats[0] && mark == 4 && !strcmp(name, "R-DEV4"));
+    for (TZDictionary* d : {made, cats[0], f[0], f[1], f[2], f[3], f[4], f[5]}) TZDictionaryRelease(d);
     const ProfileTable exclusion = table({entry(0, 0, "S-DEV")}, 1);
     ASSERT_EQ(TZPListWriteProfile_All_Pap(&mine, &none, &none, &exclusion, &none, &none), 0);
     ASSERT_EQ(read(), 0);  // excluding S-DEV from RGB has no effect on SIM
