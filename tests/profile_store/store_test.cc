@@ -151,7 +151,7 @@ TEST_F(Store, PapWriteAndTheFileDictionaries) {
     for (TZDictionary* c : cats) TZDictionaryRelease(TZDictionaryRetain(c)), TZDictionaryRelease(c);
 
     const ProfileTable mine = table({entry(9, 3, "R-DEV4", 4, 3, "from caller")}, 1), none{};
-    TZDictionary* made = CreatePropsDictionary(TZ_CATEGORY_SIM, &mine, &cats[0], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);
+    TZDictionary* made = CreatePropsDictionary(1, &mine, &cats[0], &f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);  // SIM
     ReadDictionaryIntEntry(f[3], "Location0000", &mark), ReadDictionaryStringEntry(f[4], "FileName0000", name);
     EXPECT_TRUE(TZDictionaryGetDictionary(made, "SIM") == cats[0] && mark == 4 && !strcmp(name, "R-DEV4"));
     for (TZDictionary* d : {made, cats[0], f[0], f[1], f[2], f[3], f[4], f[5]}) TZDictionaryRelease(d);

@@ -50,7 +50,7 @@ public:
         daemon_ = spawn({"dbus-daemon", "--nofork", "--config-file=" + dir_.file("bus.conf")}, dir_.file("daemon.out"),
                         dir_.file("daemon.err"));
         const auto answers = [&] { return service_pid("org.freedesktop.DBus") > 0; };  // the daemon's own name
-        if (!wait_until(answers, std::chrono::seconds(30))) stop(), throw std::runtime_error("dbus-daemon did not start");
+        if (!wait_until(answers, std::chrono::seconds(30))) stop(), throw std::runtime_error("no dbus-daemon");
     }
     ~PrivateBus() { stop(); }
 
